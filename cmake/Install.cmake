@@ -1,0 +1,26 @@
+# Installs the library as a package: headers in include/xferfm, a CMake
+# package config with a version file, and xferfm.pc for pkg-config.
+include(CMakePackageConfigHelpers)
+
+set(XFERFM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/xferfm)
+
+install(TARGETS xferfm EXPORT xferfmTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/xferfm
+)
+install(EXPORT xferfmTargets NAMESPACE xferfm:: DESTINATION ${XFERFM_CMAKE_DIR})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/xferfmConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/xferfmConfig.cmake
+  INSTALL_DESTINATION ${XFERFM_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/xferfmConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/xferfmConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/xferfmConfigVersion.cmake
+  DESTINATION ${XFERFM_CMAKE_DIR})
+
+configure_file(${CMAKE_CURRENT_LIST_DIR}/xferfm.pc.in ${CMAKE_CURRENT_BINARY_DIR}/xferfm.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xferfm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
