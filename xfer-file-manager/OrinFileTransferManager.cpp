@@ -385,7 +385,8 @@ bool OrinFileTransferManager::isFileExist(const std::string& path, bool& isDir)
     const bool accessible = access(path.c_str(), F_OK) == 0;
     struct stat status {};
     if (stat(path.c_str(), &status) == -1) {
-        XLOG_E << "stat " << path << " failed, errno " << errno;
+        const int error = errno;
+        XLOG_E << "stat " << path << " failed, errno " << error;
         return false;
     }
     isDir = S_ISDIR(status.st_mode);
@@ -426,7 +427,8 @@ int32_t OrinFileTransferManager::removeDir(const std::string& path)
     }
     DirHandle dir(opendir(path.c_str()));
     if (!dir) {
-        XLOG_E << "open dir failed, error message = " << strerror(errno) << '\n';
+        const int error = errno;
+        XLOG_E << "open dir failed, error message = " << strerror(error) << '\n';
         return -1;
     }
     int32_t ret = 0;
@@ -438,13 +440,15 @@ int32_t OrinFileTransferManager::removeDir(const std::string& path)
         const std::string child = path + kPathSeparator + name;
         struct stat status {};
         if (stat(child.c_str(), &status) != 0) {
-            XLOG_E << "stat failed for " << child << ", error message = " << strerror(errno) << '\n';
+            const int error = errno;
+            XLOG_E << "stat failed for " << child << ", error message = " << strerror(error) << '\n';
             ret = -1;
         } else if (S_ISDIR(status.st_mode)) {
             // A later success clears an earlier failure: kept on purpose.
             ret = removeDir(child);
         } else if (unlink(child.c_str()) != 0) {
-            XLOG_E << "unlink failed for " << child << ", error message = " << strerror(errno) << '\n';
+            const int error = errno;
+            XLOG_E << "unlink failed for " << child << ", error message = " << strerror(error) << '\n';
             ret = -1;
         }
     }
@@ -453,7 +457,8 @@ int32_t OrinFileTransferManager::removeDir(const std::string& path)
         return -1;
     }
     if (rmdir(path.c_str()) != 0) {
-        XLOG_E << "rmdir failed for " << path << ", error message = " << strerror(errno) << '\n';
+        const int error = errno;
+        XLOG_E << "rmdir failed for " << path << ", error message = " << strerror(error) << '\n';
         return -1;
     }
     return 0;
