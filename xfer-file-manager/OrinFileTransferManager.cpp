@@ -111,15 +111,17 @@ uint32_t percentOf(uint64_t transferred, uint64_t size)
     return static_cast<uint32_t>(percent);
 }
 
-// One chunk read by the upload worker, handed to the listener on the main looper.
+// One chunk read by the upload worker, handed to the listener on the main
+// looper. Its buffer is zero-filled: the bytes a read does not fill are
+// zeroed after the read, which leaves exactly the contents of a buffer
+// zeroed up front without clearing 64 KiB per chunk first.
 struct UploadChunk {
-    explicit UploadChunk(uint32_t id)
-        : transferId(id), data(static_cast<uint8_t*>(std::calloc(kUploadChunkSize, 1)))
-    {
-    }
+    explicit UploadChunk(uint32_t id) : transferId(id), data(static_cast<uint8_t*>(std::malloc(kUploadChunkSize))) {}
     UploadChunk(const UploadChunk&) = delete;
     UploadChunk& operator=(const UploadChunk&) = delete;
     ~UploadChunk() { std::free(data); }
+
+    void ZeroFrom(uint64_t offset) { std::memset(data + offset, 0, kUploadChunkSize - offset); }
 
     uint32_t transferId;
     uint8_t* data;
@@ -785,7 +787,9 @@ void OrinFileTransferManager::doFileUploadTask(std::shared_ptr<FileTransferTask>
         XLOG_W << "read stream failed " << error.what();
         closeQuietly(stream);
         mUploading = false;
-        handOff(std::make_shared<UploadChunk>(transferId), true);
+        auto empty = std::make_shared<UploadChunk>(transferId);
+        empty->ZeroFrom(0);
+        handOff(std::move(empty), true);
         mUnackedChunkCount += 1;
     };
     // peek() on a stream whose open failed just answers end of file; on a
@@ -835,6 +839,7 @@ void OrinFileTransferManager::doFileUploadTask(std::shared_ptr<FileTransferTask>
                 continue;
             }
             chunk->size = static_cast<uint64_t>(stream->gcount());
+            chunk->ZeroFrom(chunk->size);
             chunk->chunkCount = static_cast<uint32_t>((chunk->size + kUploadChunkSize - 1) / kUploadChunkSize);
             if (mRateLimiter) {
                 mRateLimiter->Consume(chunk->size, nowMs());
@@ -851,7 +856,9 @@ void OrinFileTransferManager::doFileUploadTask(std::shared_ptr<FileTransferTask>
         // failure is reported like a read failure rather than lost.
         XLOG_W << "read stream failed " << error.what();
         mUploading = false;
-        handOff(std::make_shared<UploadChunk>(transferId), true);
+        auto empty = std::make_shared<UploadChunk>(transferId);
+        empty->ZeroFrom(0);
+        handOff(std::move(empty), true);
     }
     mUnackedChunkCount = 0;
     closeQuietly(stream);
