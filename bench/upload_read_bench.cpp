@@ -13,7 +13,7 @@
 
 #include "BenchLooperFactory.h"
 #include "ChunkCounter.h"
-#include "ChunkCounters.h"
+#include "ReportChunks.h"
 #include "DropLogger.h"
 #include "IFileTransferManager.h"
 #include "ScratchFile.h"

@@ -12,7 +12,7 @@
 #include <memory>
 
 #include "BenchLooperFactory.h"
-#include "ChunkCounters.h"
+#include "ReportChunks.h"
 #include "DropLogger.h"
 #include "OrinFileTransferManager.h"
 
