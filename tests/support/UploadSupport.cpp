@@ -43,6 +43,16 @@ uint32_t Announce(OrinFileTransferManager& manager, const FileDescription& file,
     return manager.UploadFiles(taskId, totalSize == 0 ? file.fileSize : totalSize, "tag", records, listEmpty);
 }
 
+uint32_t StartPatternUpload(OrinFileTransferManager& manager, const std::string& dir, const std::string& name,
+                            size_t size, uint32_t taskId)
+{
+    const uint32_t transferId = Announce(manager, WritePatternFile(dir, name, size), taskId);
+    if (transferId != 0xFFFFFFFFu) {
+        manager.ProcessFileUploadData(transferId);
+    }
+    return transferId;
+}
+
 size_t ChunkCountFor(uint64_t size)
 {
     return static_cast<size_t>((size + 65535) / 65536);

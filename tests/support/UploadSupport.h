@@ -37,6 +37,11 @@ FileDescription WritePatternFile(const std::string& dir, const std::string& name
 uint32_t Announce(OrinFileTransferManager& manager, const FileDescription& file, uint32_t taskId = 1,
                   size_t totalSize = 0);
 
+// Writes a pattern file into `dir`, announces it and lets the remote side
+// accept it (the worker starts); returns the transfer id.
+uint32_t StartPatternUpload(OrinFileTransferManager& manager, const std::string& dir, const std::string& name,
+                            size_t size, uint32_t taskId = 1);
+
 // Number of chunks the worker hands out for a file of `size` bytes.
 size_t ChunkCountFor(uint64_t size);
 
