@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -422,6 +424,46 @@ TEST(ProcessXferError, OddIdWakesARunningUploadThroughTheQuit)
     const auto failures = fixture.listener.EventsNamed("onFileTransferFailed");
     ASSERT_EQ(failures.size(), 1u);
     EXPECT_EQ(failures[0].result, 3u);
+}
+
+// A worker blocked on its acknowledgement window (which would otherwise last
+// 30 seconds) leaves at once when the remote side reports an upload error.
+TEST(ProcessXferError, OddIdStopsARunningUploadWorker)
+{
+    ScopedCapturingLogger logger;
+    TempDir dir;
+    WriteBytes(dir.Join("big.bin"), PatternBytes(4 * 65536));
+    ManagerFixture fixture;
+    OrinFileTransferManager& manager = *fixture.manager;
+    manager.SetUploadWindowsSize(1);
+    FileDescription file;
+    file.sourceDir = dir.Path();
+    file.fileName = "big.bin";
+    file.fileSize = 4 * 65536;
+    manager.mUploadFileList = {file};
+    std::multimap<std::string, std::string> records;
+    bool listEmpty = true;
+    const uint32_t transferId = manager.UploadFiles(7, file.fileSize, "tag", records, listEmpty);
+    ASSERT_EQ(transferId & 1u, 1u);
+
+    manager.ProcessFileUploadData(transferId);
+    // The first chunk fills the window; the worker then waits for an
+    // acknowledgement (the flag is cleared under the lock it waits with).
+    ASSERT_TRUE(fixture.listener.WaitForCount("onSendFileData", 1));
+    ASSERT_TRUE(waitUntil([&] { return !manager.mUploadAcked.load(); }));
+
+    manager.ProcessXferError(7, transferId);
+
+    EXPECT_TRUE(waitUntil([&] { return logger->CountMessage("big.bin doFileUploadTask is completed !", 1) == 1; },
+                          std::chrono::seconds(10)));
+    EXPECT_EQ(fixture.listener.Count("onSendFileData"), 1u);
+    EXPECT_EQ(logger->CountMessage("wait upload timeout, quit upload", 3), 0u);
+    const auto failures = fixture.listener.EventsNamed("onFileTransferFailed");
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].taskId, 7u);
+    EXPECT_EQ(failures[0].transferId, transferId);
+    EXPECT_EQ(failures[0].result, 3u);
+    EXPECT_FALSE(manager.IsUploading());
 }
 
 TEST(ProcessXferError, EvenIdRecreatesTheWriterClearsDownloadListsAndReportsTwo)
