@@ -1,0 +1,126 @@
+// The sending end of a copy: offers local files and streams them through
+// its own engine to a ReceiverEndpoint at the other end of a transport.
+//
+// Usage: construct with a transport end, Offer(paths), then WaitFinished.
+// One endpoint serves one session (one offered list).
+//
+// THREADING CONTRACT
+// - Public operations may be called from any host thread; Offer once.
+// - The endpoint runs on: the transport's delivery thread (requests, acks,
+//   errors from the receiver: UploadFiles and ProcessFileUploadData are
+//   called there), the engine's main looper (data hand-off), the engine's
+//   upload worker, and an acknowledgement pump thread of its own (the only
+//   thread that calls NotifyUpload, because NotifyUpload can block for a
+//   whole bandwidth delay).
+// - Engine operations are never called with the endpoint's lock held, and
+//   never from the engine's own listener callbacks.
+// - The destructor cancels a running session, closes the transport, then
+//   destroys the engine (the listener outlives it). Never destroy the
+//   endpoint from one of its observer's callbacks.
+//
+// ENGINE CONTRACTS this endpoint honours
+// - List: the engine's enumeration (getTotalSize) skips hidden entries and
+//   never lists directories, and ValidateFileList leaves top-level
+//   directories as entries with their files in `expanded`. To copy like
+//   `cp -r` (hidden files and empty directories included) the endpoint
+//   builds the list itself, directories before their children: for each
+//   entry sourceDir = the copied root's parent, filePath = the relative
+//   sub-directory ("" at the top), fileName = the last component,
+//   attribute 0x10 (directory) or 0x80 (file), fileSize (a directory: the
+//   sum beneath it) and mode = the permission bits from stat (the engine's
+//   enumeration leaves mode 0). Symbolic links are followed; anything that
+//   is neither a file nor a directory is refused by Offer.
+// - Names: UploadFiles announces destFilePath + "/" + destFileName (or
+//   destFileName alone), so every entry gets destFilePath = filePath and
+//   destFileName = fileName: the announced name is then the request name
+//   the receiver's engine matches its records and marker tasks against.
+// - Order: UploadFiles always takes the FRONT of the upload list, whatever
+//   task id it is given; the receiver requests entries in list order, one
+//   request per entry, and the endpoint checks the announced name against
+//   the one requested.
+// - Transfer ids: this engine draws odd ids (3, 5, ...); they travel as
+//   they are; the receiver maps them to even ones.
+// - Directories: never ProcessFileUploadData for a directory (its worker
+//   would try to read it); the announcement alone creates it remotely.
+//   A 0-byte file gets exactly one onSendFileData(null, 0), sent as an
+//   empty FileData.
+// - Window: the worker waits (up to 30 s, then QUITS and drops the upload
+//   list silently) whenever its unacknowledged-chunk count EQUALS the
+//   window; the count resets after each wait and at the end of each file;
+//   the acknowledged flag is CLEARED when a wait begins, so an
+//   acknowledgement that arrives before the wait is lost; NotifyUpload is
+//   ignored while IsUploading() is false; window 0 waits before the first
+//   chunk. So the window travels in FileStart, the receiver acknowledges
+//   every `window` written chunks (and once at accept for window 0), and
+//   after each acknowledgement the pump keeps calling NotifyUpload at a
+//   short interval until the next chunk of that transfer is seen or the
+//   file's bytes are complete. As a safety net against a skewed count (the
+//   count is shared with the previous file's worker), the pump also nudges
+//   a transfer that has sent nothing for a while although fewer than
+//   `window` chunks are unacknowledged.
+// - Bandwidth: with bandwidthKbps set, a TokenBucketRateLimiter is given to
+//   the engine and flow control is switched on; the engine's own delays
+//   floor to whole milliseconds, the bucket corrects the rate.
+// - Failures: the engine reports a failed upload as onClipboardRelease,
+//   onFileTransferFailed(taskId, transferId, 1), onReportEvent; a missing
+//   source file at UploadFiles as onFileTransferFailed(taskId, 0, 1) with
+//   the entry left at the front; remote errors reach the engine through
+//   ProcessXferError (result 3 for an upload), a lost link through
+//   ProcessTansferDisconnect (0xFFFFFFFF, 0, 1). Each is reported once to
+//   the observer and to the receiver (TransferError naming the path) and
+//   ends the session.
+// - Threads: the listener is called on the engine's loopers (data on the
+//   main looper) and on the caller's thread; it only queues messages and
+//   updates counters. The engine is never destroyed from its own callbacks
+//   or loopers, and the listener outlives it. Teardown calls Cancel()
+//   (ClearTask) on the engine.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "xferfm/host/TransferObserver.h"
+#include "xferfm/host/Transport.h"
+
+namespace orin::xfer::host {
+
+struct SenderOptions {
+    uint32_t ackWindow = 50;       // chunks sent before waiting for a DataAck
+    uint32_t bandwidthKbps = 0;    // 0: unlimited; otherwise a token bucket at this rate
+    bool flowControl = false;      // forced on when bandwidthKbps is set
+    // Re-sending of an acknowledgement until the worker moves on.
+    std::chrono::microseconds renotifyInterval{500};
+    // A transfer silent this long with window room left gets nudged.
+    std::chrono::milliseconds idleNudgeAfter{100};
+    SenderObserver* observer = nullptr;  // not owned; may be null
+};
+
+class SenderEndpoint final {
+public:
+    // Starts the transport. The endpoint owns it from now on.
+    SenderEndpoint(std::unique_ptr<ITransport> transport, SenderOptions options = {});
+    ~SenderEndpoint();
+    SenderEndpoint(const SenderEndpoint&) = delete;
+    SenderEndpoint& operator=(const SenderEndpoint&) = delete;
+
+    // Describes the local paths (files or directories, copied with their
+    // contents) and offers them: the JSON list goes out as soon as the
+    // receiver has asked for it. False with `error` naming the path when a
+    // path cannot be offered; nothing is offered then.
+    bool Offer(const std::vector<std::string>& paths, std::string& error);
+
+    // True once the session has ended (completed, failed or cancelled).
+    bool WaitFinished(std::chrono::milliseconds timeout);
+    bool Finished() const;
+    void Cancel();
+    TransferSummary Summary() const;
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> mImpl;
+};
+
+}  // namespace orin::xfer::host

@@ -1,0 +1,76 @@
+// What a host (a command-line tool's progress bar and summary) hears from
+// the endpoints of a copy.
+//
+// THREADING CONTRACT: an endpoint never calls its observer concurrently
+// (calls are serialised by the endpoint), but they come from several of its
+// threads: the session thread, the transport's delivery thread and the
+// engine's writer looper. Callbacks must be quick and must not block on
+// the endpoint; calling the endpoint's Cancel() from one is allowed,
+// destroying the endpoint from one is not. The observer must outlive the
+// endpoint.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace orin::xfer::host {
+
+struct TransferSummary {
+    bool completed = false;  // every entry of the list arrived
+    bool cancelled = false;  // Cancel() was called on this end or the peer's
+    size_t entriesTotal = 0;
+    size_t filesDone = 0;
+    size_t directoriesDone = 0;
+    uint64_t bytesTotal = 0;
+    uint64_t bytesDone = 0;
+    std::string error;  // the first failure, naming its path; empty on success
+};
+
+class ReceiverObserver {
+public:
+    virtual ~ReceiverObserver() = default;
+    // The sender's list was accepted.
+    virtual void OnListReceived(size_t entryCount, uint64_t totalBytes)
+    {
+        (void)entryCount, (void)totalBytes;
+    }
+    // A file is about to be requested; `name` is its path relative to the
+    // destination as the sender names it.
+    virtual void OnFileStarted(const std::string& name, uint64_t fileSize) { (void)name, (void)fileSize; }
+    // Bytes of the current file written so far, and of the whole copy.
+    virtual void OnProgress(const std::string& name, uint64_t fileBytesDone, uint64_t fileSize,
+                            uint64_t totalBytesDone, uint64_t totalBytes)
+    {
+        (void)name, (void)fileBytesDone, (void)fileSize, (void)totalBytesDone, (void)totalBytes;
+    }
+    // A file is complete under its final path.
+    virtual void OnFileCompleted(const std::string& name, const std::string& finalPath)
+    {
+        (void)name, (void)finalPath;
+    }
+    // A directory exists under its final path.
+    virtual void OnDirectoryCreated(const std::string& name, const std::string& finalPath)
+    {
+        (void)name, (void)finalPath;
+    }
+    // The copy failed; reported once. `path` is the file or directory
+    // concerned (empty when none is).
+    virtual void OnFailure(const std::string& path, const std::string& message) { (void)path, (void)message; }
+    // Last call, on every exit path.
+    virtual void OnFinished(const TransferSummary& summary) { (void)summary; }
+};
+
+class SenderObserver {
+public:
+    virtual ~SenderObserver() = default;
+    virtual void OnFileStarted(const std::string& sourcePath, uint64_t fileSize)
+    {
+        (void)sourcePath, (void)fileSize;
+    }
+    virtual void OnBytesSent(uint64_t totalBytesSent) { (void)totalBytesSent; }
+    virtual void OnFailure(const std::string& path, const std::string& message) { (void)path, (void)message; }
+    virtual void OnFinished(const TransferSummary& summary) { (void)summary; }
+};
+
+}  // namespace orin::xfer::host

@@ -1,0 +1,117 @@
+// The messages a sender endpoint and a receiver endpoint exchange. One
+// session copies one file list:
+//
+//   receiver                                   sender
+//   FileListRequest (hello)            ->
+//                                      <-      FileListMessage (JSON list)
+//   for each entry, in list order:
+//   NextFileRequest (task id, index)   ->
+//                                      <-      FileStart (transfer id, window)
+//   files only:
+//   FileAccept                         ->
+//                                      <-      FileData ... (64 KiB pieces;
+//                                              one empty piece for a 0-byte file)
+//   DataAck every `ackWindow` written
+//   chunks (and once at accept for a
+//   window of 0)                       ->
+//   finally:
+//   Disconnect (completed)             ->
+//
+// Either side may send TransferError for one transfer or Disconnect to
+// leave the session early; EndOfList answers a request beyond the list.
+// Transfer ids in messages are always the SENDER's (odd) ids.
+//
+// Payloads are movable: a FileData owns its bytes in a vector that travels
+// by move from the sender's hand-off to the receiver's engine.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace orin::xfer::host {
+
+constexpr uint32_t kProtocolVersion = 1;
+
+// Receiver -> sender: opens the session and asks for the list on offer.
+struct FileListRequest {
+    uint32_t protocolVersion = kProtocolVersion;
+};
+
+// Sender -> receiver: the list on offer, as the engine serialises it.
+struct FileListMessage {
+    std::string json;
+};
+
+// Receiver -> sender: announce and send the next entry of the list.
+struct NextFileRequest {
+    uint32_t taskId = 0;     // the receiver's id for this entry, echoed back
+    uint64_t index = 0;      // position of the entry in the list
+    std::string name;        // the request name the receiver expects
+    uint64_t totalSize = 0;  // bytes of the whole copy
+};
+
+// Sender -> receiver: one entry is coming.
+struct FileStart {
+    uint32_t taskId = 0;
+    uint32_t transferId = 0;  // the sender's (odd) id
+    std::string name;         // request name: filePath + "/" + fileName, or fileName
+    bool isDirectory = false;
+    uint64_t fileSize = 0;
+    uint64_t totalSize = 0;
+    uint32_t ackWindow = 0;   // chunks the sender sends before it waits for a DataAck
+};
+
+// Receiver -> sender: the file is set up, send its data.
+struct FileAccept {
+    uint32_t transferId = 0;
+};
+
+// Sender -> receiver: the next piece of a file, in order.
+struct FileData {
+    uint32_t transferId = 0;
+    std::vector<uint8_t> bytes;
+};
+
+// Receiver -> sender: `chunksWritten` chunks of the transfer are on disk.
+struct DataAck {
+    uint32_t transferId = 0;
+    uint64_t chunksWritten = 0;
+};
+
+// Either way: one transfer failed; the message names the path.
+struct TransferError {
+    uint32_t taskId = 0;
+    uint32_t transferId = 0;
+    std::string message;
+};
+
+// Sender -> receiver: a request found nothing left to send.
+struct EndOfList {};
+
+// Either way: this end leaves the session.
+struct Disconnect {
+    bool completed = false;  // true after a full copy
+    std::string reason;
+};
+
+using Message = std::variant<FileListRequest, FileListMessage, NextFileRequest, FileStart, FileAccept, FileData,
+                             DataAck, TransferError, EndOfList, Disconnect>;
+
+// Data messages are the ones subject to backpressure.
+inline bool IsDataMessage(const Message& message)
+{
+    return std::holds_alternative<FileData>(message);
+}
+
+inline uint64_t DataBytesOf(const Message& message)
+{
+    const auto* data = std::get_if<FileData>(&message);
+    return data ? data->bytes.size() : 0;
+}
+
+// A short name of the message kind, for logs and errors.
+const char* MessageName(const Message& message);
+
+}  // namespace orin::xfer::host
