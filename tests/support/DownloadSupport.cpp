@@ -1,5 +1,6 @@
 #include "DownloadSupport.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -124,6 +125,18 @@ bool RequestRunner::Finish(std::chrono::milliseconds bound)
     }
     mThread.join();
     return mInTime;
+}
+
+bool IsDirectory(const std::string& path)
+{
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+const std::vector<std::string>& FailureCalls()
+{
+    static const std::vector<std::string> calls = {"onClipboardRelease", "onFileTransferFailed", "onReportEvent"};
+    return calls;
 }
 
 std::vector<std::string> Messages(const CapturingLogger& logger, int level)

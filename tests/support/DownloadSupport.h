@@ -67,6 +67,12 @@ private:
     bool mInTime = false;
 };
 
+// True when `path` is a directory (links followed).
+bool IsDirectory(const std::string& path);
+
+// The listener calls of a reported transfer failure, in their order.
+const std::vector<std::string>& FailureCalls();
+
 // Messages of the captured lines (level -1: every level), in order.
 std::vector<std::string> Messages(const CapturingLogger& logger, int level = -1);
 // True when every item of `expected` occurs in `messages` in that order.

@@ -12,8 +12,6 @@
 namespace orin::xfer::test {
 namespace {
 
-const std::vector<std::string> kFailureCalls = {"onClipboardRelease", "onFileTransferFailed", "onReportEvent"};
-
 std::shared_ptr<FileTransferTask> FindTask(OrinFileTransferManager& manager, uint32_t transferId)
 {
     std::lock_guard<std::mutex> lock(manager.mTaskMutex);
@@ -253,7 +251,7 @@ TEST(DownloadWriteFailure, IsReportedOnceAndTheWriterIsReplacedFromItsOwnThread)
     const auto failures = logger->WithMessagePrefix("write stream failed ");
     ASSERT_EQ(failures.size(), 1u);
     EXPECT_EQ(failures[0].level, 3);
-    EXPECT_EQ(NamesAmong(listener, kFailureCalls), kFailureCalls);
+    EXPECT_EQ(NamesAmong(listener, FailureCalls()), FailureCalls());
     const ListenerEvent failed = listener.EventsNamed("onFileTransferFailed").front();
     EXPECT_EQ(failed.taskId, 7u);
     EXPECT_EQ(failed.transferId, 2u);

@@ -2,8 +2,6 @@
 // the record reported to the host and the started notification.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <algorithm>
 
 #include "DownloadSupport.h"
@@ -13,14 +11,6 @@ namespace orin::xfer::test {
 namespace {
 
 using Records = std::multimap<std::string, std::string>;
-
-const std::vector<std::string> kFailureCalls = {"onClipboardRelease", "onFileTransferFailed", "onReportEvent"};
-
-bool IsDirectory(const std::string& path)
-{
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
 
 std::vector<std::string> ValuesOf(const Records& records, const std::string& key)
 {
@@ -47,7 +37,7 @@ protected:
     // The failure calls for one transfer, in order, and nothing started.
     void ExpectReportedFailure(uint32_t taskId, uint32_t transferId)
     {
-        EXPECT_EQ(NamesAmong(f.listener, kFailureCalls), kFailureCalls);
+        EXPECT_EQ(NamesAmong(f.listener, FailureCalls()), FailureCalls());
         const auto failed = f.listener.EventsNamed("onFileTransferFailed");
         ASSERT_EQ(failed.size(), 1u);
         EXPECT_EQ(failed[0].taskId, taskId);

@@ -3,21 +3,11 @@
 // hand-over of a local list to the upload side.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include "DownloadSupport.h"
 #include "TestSupport.h"
 
 namespace orin::xfer::test {
 namespace {
-
-const std::vector<std::string> kFailureCalls = {"onClipboardRelease", "onFileTransferFailed", "onReportEvent"};
-
-bool IsDirectory(const std::string& path)
-{
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
 
 std::vector<std::string> NamesOf(const std::vector<FileDescription>& files)
 {
@@ -384,7 +374,7 @@ TEST(FileRequestBrokenCache, CacheDirectoryThatCannotBeMadeReportsAFailure)
     RequestRunner request(m, a);
     EXPECT_TRUE(request.Finish());
 
-    EXPECT_EQ(NamesAmong(f.listener, kFailureCalls), kFailureCalls);
+    EXPECT_EQ(NamesAmong(f.listener, FailureCalls()), FailureCalls());
     const auto failed = f.listener.EventsNamed("onFileTransferFailed");
     ASSERT_EQ(failed.size(), 1u);
     EXPECT_EQ(failed[0].taskId, 0xFFFFFFFFu);

@@ -226,8 +226,7 @@ TEST_F(IncomingPasteTest, WriteFailureIsReportedOnceAndReleasesTheWaitingRequest
     EXPECT_EQ(failed.transferId, 4u);
     EXPECT_EQ(failed.result, 1u);
     EXPECT_TRUE(f.journal->IsThreadOf("xfer-downloader", failed.thread));
-    EXPECT_EQ(NamesAmong(f.listener, {"onClipboardRelease", "onFileTransferFailed", "onReportEvent"}),
-              (std::vector<std::string>{"onClipboardRelease", "onFileTransferFailed", "onReportEvent"}));
+    EXPECT_EQ(NamesAmong(f.listener, FailureCalls()), FailureCalls());
     EXPECT_EQ(logger->WithMessagePrefix("write stream failed ").size(), 1u);
     EXPECT_EQ(f.journal->Count("create:xfer-downloader"), 2u);
     // The failed file left the pending list with its request; the paste goes on.
