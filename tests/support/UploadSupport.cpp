@@ -195,12 +195,10 @@ void AcknowledgingHost::Run()
             continue;
         }
         // Repeat until the worker moves on: an early acknowledgement is lost.
+        // (A repeat may also release the next window while delivery lags.)
         while (!mStop && mState->chunks == seen) {
             mManager.NotifyUpload();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        if (mState->chunks != seen) {
-            ++mWindowsReleased;
         }
     }
 }

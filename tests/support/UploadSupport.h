@@ -113,8 +113,6 @@ public:
     size_t Chunks() const { return mState->chunks; }
     uint64_t Bytes() const { return mState->bytes; }
     uint64_t Hash() const;
-    // Windows released by an acknowledgement (one per window boundary).
-    size_t WindowsReleased() const { return mWindowsReleased; }
     // True when every delivered chunk came on one thread.
     bool SingleDeliveryThread() const;
     std::thread::id DeliveryThread() const;
@@ -135,7 +133,6 @@ private:
     const uint32_t mWindow;
     const size_t mExpectedChunks;
     std::shared_ptr<State> mState = std::make_shared<State>();
-    std::atomic<size_t> mWindowsReleased{0};
     std::atomic<bool> mStop{false};
     std::thread mThread;
 };

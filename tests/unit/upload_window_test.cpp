@@ -42,7 +42,6 @@ TEST_F(UploadWindowTest, AcknowledgingEveryWindowKeepsTheDataFlowing)
     EXPECT_EQ(host.Hash(), HashBytes(ReadBytes(dir.Join("w.bin"))));
     // One wait after every full window that still had data behind it.
     EXPECT_EQ(logger->CountMessage("waitUpload", kDebug), 5u);
-    EXPECT_EQ(host.WindowsReleased(), 5u);
     EXPECT_TRUE(logger->WithMessagePrefix("wait upload timeout").empty());
 }
 
