@@ -140,12 +140,14 @@ is_tmpfs "$DISK_BASE" && note "the build directory is on tmpfs, so the disk runs
 
 # A source and its copies need room; all copies are kept until the end of
 # the workload when they fit, else each round's copies go after the round.
-# Prints keep, rolling or skip.
+# Sets ROOM_MODE to keep, rolling or skip (not in a subshell: it may
+# delete old destinations, which the caller's state must know about).
+#   plan_room BASE ROOM_OF_ONE_COPY ALL_COPIES COPIES_PER_ROUND
 plan_room() {
-  local base=$1 one=$2 copies=$3
-  if ensure_room "$base" $((one * (1 + copies))); then echo keep
-  elif ensure_room "$base" $((one * 4)); then echo rolling
-  else echo skip; fi
+  local base=$1 one=$2 copies=$3 per_round=$4
+  if ensure_room "$base" $((one * (1 + copies))); then ROOM_MODE=keep
+  elif ensure_room "$base" $((one * (1 + per_round))); then ROOM_MODE=rolling
+  else ROOM_MODE=skip; fi
 }
 
 end_round() {
@@ -164,7 +166,8 @@ run_compare() {
   for workload in ${ONLY//,/ }; do
     say ""
     say "== $(workload_label "$workload") on $location"
-    mode=$(plan_room "$base" "$(workload_room "$workload")" $((3 * RUNS)))
+    plan_room "$base" "$(workload_room "$workload")" $((3 * RUNS)) 3
+    mode=$ROOM_MODE
     if [ "$mode" = skip ]; then
       note "workload $workload skipped on $location: not enough free space"
       continue
@@ -193,7 +196,8 @@ run_bandwidth() {
   base=$(base_of "$location")
   say ""
   say "== bandwidth: $(human_bytes "$BANDWIDTH_BYTES") with --bandwidth $BANDWIDTH_KBPS on $location"
-  if [ "$(plan_room "$base" "$BANDWIDTH_BYTES" "$runs")" = skip ]; then
+  plan_room "$base" "$BANDWIDTH_BYTES" "$runs" 1
+  if [ "$ROOM_MODE" = skip ]; then
     note "bandwidth check skipped: not enough free space"
     return 0
   fi
@@ -217,7 +221,8 @@ scaling_point() {
   shift 4
   local base src dest run tool mode bytes
   base=$(base_of "$location")
-  mode=$(plan_room "$base" "$room" $((2 * SCALING_RUNS)))
+  plan_room "$base" "$room" $((2 * SCALING_RUNS)) 2
+  mode=$ROOM_MODE
   if [ "$mode" = skip ]; then
     note "scaling point $section $x skipped on $location: it does not fit in the free space"
     return 0
