@@ -1415,8 +1415,28 @@ bool OrinFileTransferManager::writeFile(std::shared_ptr<FileTransferTask> task, 
 
 // Also runs on the writer looper's own thread after a write failure, and
 // from RequestFile with the task-list mutex already held.
+//
+// The download tasks go first, so that a chunk the host delivers while the
+// writer is being replaced finds no task instead of reaching the fresh
+// writer with a broken stream. When the caller holds the task-list mutex it
+// is let go only while the old writer is retired: a writer job finishing
+// another file needs it for its deleteTask.
 void OrinFileTransferManager::stopWriteFileThread()
 {
+    const bool callerHoldsTaskMutex = mTaskMutexHolder.load() == std::this_thread::get_id();
+    std::unique_lock<std::mutex> taskLock(mTaskMutex, std::defer_lock);
+    if (!callerHoldsTaskMutex) {
+        taskLock.lock();
+    }
+    mFileTaskList.erase(std::remove_if(mFileTaskList.begin(), mFileTaskList.end(),
+                                       [](const auto& task) { return (task->transferId & 1u) == 0; }),
+                        mFileTaskList.end());
+    if (callerHoldsTaskMutex) {
+        mTaskMutex.unlock();
+    } else {
+        taskLock.unlock();
+    }
+
     std::unique_ptr<IFileTransferLooper> retired;
     {
         std::lock_guard<std::mutex> lock(mWriterLooperMutex);
@@ -1432,13 +1452,11 @@ void OrinFileTransferManager::stopWriteFileThread()
     }
     fresh.reset();  // a concurrent stop installed its own first
 
-    std::unique_lock<std::mutex> taskLock(mTaskMutex, std::defer_lock);
-    if (mTaskMutexHolder.load() != std::this_thread::get_id()) {
+    if (callerHoldsTaskMutex) {
+        mTaskMutex.lock();
+    } else {
         taskLock.lock();
     }
-    mFileTaskList.erase(std::remove_if(mFileTaskList.begin(), mFileTaskList.end(),
-                                       [](const auto& task) { return (task->transferId & 1u) == 0; }),
-                        mFileTaskList.end());
     mDownloadComplete = true;
     mDownloadCondition.notify_one();
 }
