@@ -1,0 +1,26 @@
+// The one exception the tool throws for a failure the user must hear about:
+// a message that names the path at fault and the exit code it maps to.
+// Thrown on any thread; caught once in main (or handed over by the worker
+// that hit it).
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "ExitCode.h"
+
+namespace xferfm::cli {
+
+class ToolError : public std::runtime_error {
+public:
+    ToolError(ExitCode code, const std::string& message) : std::runtime_error(message), mCode(code) {}
+    ExitCode code() const { return mCode; }
+
+private:
+    ExitCode mCode;
+};
+
+// "strerror(errnoValue)" without the thread-safety worries of strerror.
+std::string systemErrorText(int errnoValue);
+
+}  // namespace xferfm::cli
