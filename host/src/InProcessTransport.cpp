@@ -1,0 +1,182 @@
+#include "xferfm/host/InProcessTransport.h"
+
+#include <pthread.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace orin::xfer::host {
+
+namespace {
+
+// One direction of the link: what waits to be delivered to one end.
+struct Inbox {
+    std::string name;
+    std::deque<Message> queue;
+    uint64_t dataBytes = 0;
+    uint64_t peakDataBytes = 0;
+    ITransportHandler* handler = nullptr;
+    bool closed = false;          // this end closed: deliver nothing more
+    bool peerClosed = false;      // the other end closed: tell the handler once drained
+    bool closeDelivered = false;
+    std::thread thread;           // the delivery thread, taken by whoever stops it
+    std::thread::id deliveryThreadId;
+    bool inHandler = false;       // the handler is running now
+    std::condition_variable handlerReturned;
+    std::condition_variable arrived;  // something to deliver, or closed
+    std::condition_variable drained;  // data bytes left the queue, or closed
+};
+
+}  // namespace
+
+struct InProcessTransport::Link {
+    std::mutex mutex;
+    uint64_t maxQueuedDataBytes = 0;
+    Inbox ends[2];
+};
+
+namespace {
+
+void deliverLoop(const std::shared_ptr<InProcessTransport::Link>& link, int side)
+{
+    Inbox& inbox = link->ends[side];
+    pthread_setname_np(pthread_self(), inbox.name.substr(0, 15).c_str());
+    std::unique_lock<std::mutex> lock(link->mutex);
+    while (true) {
+        inbox.arrived.wait(lock, [&] {
+            return inbox.closed || !inbox.queue.empty() || (inbox.peerClosed && !inbox.closeDelivered);
+        });
+        if (inbox.closed) {
+            return;
+        }
+        ITransportHandler* handler = inbox.handler;
+        if (!inbox.queue.empty()) {
+            Message message = std::move(inbox.queue.front());
+            inbox.queue.pop_front();
+            inbox.dataBytes -= DataBytesOf(message);
+            inbox.drained.notify_all();
+            inbox.inHandler = true;
+            lock.unlock();
+            handler->OnMessage(std::move(message));
+            lock.lock();
+            inbox.inHandler = false;
+            inbox.handlerReturned.notify_all();
+            continue;
+        }
+        inbox.closeDelivered = true;
+        inbox.inHandler = true;
+        lock.unlock();
+        handler->OnTransportClosed("the peer closed the link");
+        lock.lock();
+        inbox.inHandler = false;
+        inbox.handlerReturned.notify_all();
+    }
+}
+
+}  // namespace
+
+std::pair<std::unique_ptr<InProcessTransport>, std::unique_ptr<InProcessTransport>> InProcessTransport::CreatePair(
+    InProcessTransportOptions options)
+{
+    auto link = std::make_shared<Link>();
+    link->maxQueuedDataBytes = options.maxQueuedDataBytes;
+    link->ends[0].name = options.firstEndName;
+    link->ends[1].name = options.secondEndName;
+    return {std::unique_ptr<InProcessTransport>(new InProcessTransport(link, 0)),
+            std::unique_ptr<InProcessTransport>(new InProcessTransport(link, 1))};
+}
+
+InProcessTransport::InProcessTransport(std::shared_ptr<Link> link, int side) : mLink(std::move(link)), mSide(side) {}
+
+InProcessTransport::~InProcessTransport()
+{
+    Close();
+}
+
+void InProcessTransport::Start(ITransportHandler& handler)
+{
+    std::lock_guard<std::mutex> lock(mLink->mutex);
+    Inbox& inbox = mLink->ends[mSide];
+    if (inbox.handler != nullptr || inbox.closed) {
+        return;
+    }
+    inbox.handler = &handler;
+    inbox.thread = std::thread([link = mLink, side = mSide] { deliverLoop(link, side); });
+    inbox.deliveryThreadId = inbox.thread.get_id();
+}
+
+bool InProcessTransport::Send(Message message)
+{
+    Inbox& own = mLink->ends[mSide];
+    Inbox& peer = mLink->ends[1 - mSide];
+    const uint64_t bytes = DataBytesOf(message);
+    std::unique_lock<std::mutex> lock(mLink->mutex);
+    if (IsDataMessage(message)) {
+        peer.drained.wait(lock, [&] {
+            return own.closed || peer.closed || peer.dataBytes == 0 ||
+                   peer.dataBytes + bytes <= mLink->maxQueuedDataBytes;
+        });
+    }
+    if (own.closed || peer.closed) {
+        return false;
+    }
+    peer.queue.push_back(std::move(message));
+    peer.dataBytes += bytes;
+    if (peer.dataBytes > peer.peakDataBytes) {
+        peer.peakDataBytes = peer.dataBytes;
+    }
+    peer.arrived.notify_one();
+    return true;
+}
+
+void InProcessTransport::Close()
+{
+    Inbox& own = mLink->ends[mSide];
+    Inbox& peer = mLink->ends[1 - mSide];
+    std::deque<Message> undelivered;
+    std::thread delivery;
+    bool onDeliveryThread = false;
+    {
+        std::unique_lock<std::mutex> lock(mLink->mutex);
+        onDeliveryThread = own.deliveryThreadId == std::this_thread::get_id();
+        own.closed = true;
+        peer.peerClosed = true;
+        undelivered.swap(own.queue);
+        own.dataBytes = 0;
+        delivery = std::move(own.thread);
+        own.arrived.notify_all();
+        own.drained.notify_all();
+        peer.arrived.notify_all();
+        peer.drained.notify_all();
+        // A second Close from another thread still waits for a handler
+        // that a first Close (from inside it) left running.
+        if (!onDeliveryThread) {
+            own.handlerReturned.wait(lock, [&] { return !own.inHandler; });
+        }
+    }
+    undelivered.clear();
+    if (!delivery.joinable()) {
+        return;
+    }
+    if (onDeliveryThread) {
+        delivery.detach();  // closing from inside the handler: the thread ends after it
+    } else {
+        delivery.join();
+    }
+}
+
+uint64_t InProcessTransport::QueuedDataBytes() const
+{
+    std::lock_guard<std::mutex> lock(mLink->mutex);
+    return mLink->ends[mSide].dataBytes;
+}
+
+uint64_t InProcessTransport::PeakQueuedDataBytes() const
+{
+    std::lock_guard<std::mutex> lock(mLink->mutex);
+    return mLink->ends[mSide].peakDataBytes;
+}
+
+}  // namespace orin::xfer::host

@@ -1,0 +1,19 @@
+// strerror without its thread-safety worries, for the link's messages.
+//
+// THREADING CONTRACT: safe from any thread.
+#pragma once
+
+#include <cstring>
+#include <string>
+
+namespace orin::xfer::host {
+
+inline std::string SystemErrorText(int error)
+{
+    char buffer[256];
+    // The GNU strerror_r may return a static string instead of filling the buffer.
+    const char* text = strerror_r(error, buffer, sizeof buffer);
+    return text ? text : "unknown error " + std::to_string(error);
+}
+
+}  // namespace orin::xfer::host
