@@ -127,12 +127,6 @@ bool RequestRunner::Finish(std::chrono::milliseconds bound)
     return mInTime;
 }
 
-bool IsDirectory(const std::string& path)
-{
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
 const std::vector<std::string>& FailureCalls()
 {
     static const std::vector<std::string> calls = {"onClipboardRelease", "onFileTransferFailed", "onReportEvent"};

@@ -67,9 +67,6 @@ private:
     bool mInTime = false;
 };
 
-// True when `path` is a directory (links followed).
-bool IsDirectory(const std::string& path);
-
 // The listener calls of a reported transfer failure, in their order.
 const std::vector<std::string>& FailureCalls();
 

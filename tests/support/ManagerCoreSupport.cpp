@@ -179,12 +179,6 @@ int ModeBitsOf(const std::string& path)
     return static_cast<int>(status.st_mode & 07777);
 }
 
-bool IsDirectory(const std::string& path)
-{
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
 bool LinkExists(const std::string& path)
 {
     struct stat status {};

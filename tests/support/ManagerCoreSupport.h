@@ -110,8 +110,6 @@ std::vector<std::string> ReaddirNames(const std::string& path);
 // The permission bits of a path (st_mode & 07777), or -1 when stat fails.
 int ModeBitsOf(const std::string& path);
 
-bool IsDirectory(const std::string& path);
-
 // True when the path itself exists, without following a final symlink.
 bool LinkExists(const std::string& path);
 

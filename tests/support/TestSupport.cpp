@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -615,6 +616,12 @@ std::vector<uint8_t> ReadBytes(const std::string& path)
 bool PathExists(const std::string& path)
 {
     return access(path.c_str(), F_OK) == 0;
+}
+
+bool IsDirectory(const std::string& path)
+{
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 void MakeDirs(const std::string& path)

@@ -276,6 +276,8 @@ void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 void WriteText(const std::string& path, const std::string& text);
 std::vector<uint8_t> ReadBytes(const std::string& path);
 bool PathExists(const std::string& path);
+// True when `path` is a directory (links followed).
+bool IsDirectory(const std::string& path);
 void MakeDirs(const std::string& path);
 
 }  // namespace orin::xfer::test
