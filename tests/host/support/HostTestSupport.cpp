@@ -7,10 +7,12 @@
 
 #include <algorithm>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 
 #include "TestSupport.h"
+#include "xferfm/host/StderrLoggerSink.h"
 
 namespace orin::xfer::host::test {
 
@@ -184,6 +186,16 @@ mode_t ModeOf(const std::string& path)
         return 0;
     }
     return status.st_mode & 07777;
+}
+
+QuietEngineLog::QuietEngineLog()
+{
+    IFileTransferLogger::SetLogger(std::make_shared<StderrLoggerSink>(kWarning));
+}
+
+QuietEngineLog::~QuietEngineLog()
+{
+    IFileTransferLogger::SetLogger(nullptr);
 }
 
 namespace {

@@ -64,6 +64,16 @@ void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes, mode_
 void MakeDirectory(const std::string& path, mode_t mode = 0755);
 mode_t ModeOf(const std::string& path);
 
+// Keeps the engine's log out of the test output (warnings and errors
+// still reach standard error) for the guard's lifetime.
+class QuietEngineLog {
+public:
+    QuietEngineLog();
+    ~QuietEngineLog();
+    QuietEngineLog(const QuietEngineLog&) = delete;
+    QuietEngineLog& operator=(const QuietEngineLog&) = delete;
+};
+
 size_t OpenDescriptorCount();
 size_t ThreadCount();
 // Polls until the process has at most `count` threads.
