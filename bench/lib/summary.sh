@@ -20,7 +20,14 @@ bytes_of() { awk -F'\t' -v s="$1" -v w="$2" -v l="$3" '$1 == s && $2 == w && $3 
 mib_per_s() { awk -v b="$1" -v s="$2" 'BEGIN { if (s > 0) printf "%.1f", b / 1048576 / s; else print "nan" }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "nan" }'; }
 mib() { awk -v k="$1" 'BEGIN { printf "%.1f", k / 1024 }'; }
-verdict() { if awk -v x="$1" 'BEGIN { exit !(x) }'; then echo met; else echo "NOT met"; fi; }
+# verdict VALUE OP LIMIT, OP one of <= and <: "met" or "NOT met".
+verdict() {
+  if awk -v v="$1" -v op="$2" -v l="$3" 'BEGIN { if (v !~ /^[0-9.]+$/) exit 1; v += 0; l += 0; exit !(op == "<=" ? v <= l : v < l) }'; then
+    echo met
+  else
+    echo "NOT met"
+  fi
+}
 
 # One line per workload and location of the comparison:
 # workload location bytes runs xf_s cp_s tar_s xf_rss cp_rss tar_rss (KiB)
@@ -43,14 +50,14 @@ targets_of() {
   to_tar=$(ratio "$xf" "$tar")
   case $workload in
     A | C)
-      printf 'xferfm <= 1.5 x cp\t%s x\t%s\n' "$to_cp" "$(verdict "$to_cp <= 1.5")"
-      printf 'xferfm faster than the tar pipe\t%s x\t%s\n' "$to_tar" "$(verdict "$to_tar < 1")"
+      printf 'xferfm <= 1.5 x cp\t%s x\t%s\n' "$to_cp" "$(verdict "$to_cp" "<=" 1.5)"
+      printf 'xferfm faster than the tar pipe\t%s x\t%s\n' "$to_tar" "$(verdict "$to_tar" "<" 1)"
       ;;
     B)
-      printf 'xferfm <= 2 x cp\t%s x\t%s\n' "$to_cp" "$(verdict "$to_cp <= 2")"
+      printf 'xferfm <= 2 x cp\t%s x\t%s\n' "$to_cp" "$(verdict "$to_cp" "<=" 2)"
       ;;
   esac
-  printf 'xferfm peak RSS <= 64 MiB\t%s MiB\t%s\n' "$(mib "$rss")" "$(verdict "$rss <= 65536")"
+  printf 'xferfm peak RSS <= 64 MiB\t%s MiB\t%s\n' "$(mib "$rss")" "$(verdict "$rss" "<=" 65536)"
 }
 
 # Least-squares line through "x y" pairs on stdin: prints "fixed slope r2".
