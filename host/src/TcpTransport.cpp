@@ -348,13 +348,15 @@ private:
             }
             const ssize_t received = ::recv(mSocket.Fd(), buffer.data(), buffer.size(), 0);
             if (received > 0) {
-                lastReceived = Clock::now();
                 if (!take(static_cast<size_t>(received))) {
                     if (!protocolError) {
                         return;  // closed locally while delivering
                     }
                     break;
                 }
+                // Silence is counted from here: time spent in the handler
+                // is not the peer's.
+                lastReceived = Clock::now();
                 continue;
             }
             if (received == 0) {
@@ -373,6 +375,9 @@ private:
             TellPeerAndFinish(reason);
         } else {
             FailLink(reason);
+            // Nothing more can be sent on a link the peer ended or lost;
+            // ending our side too lets the peer finish its close at once.
+            ::shutdown(mSocket.Fd(), SHUT_WR);
         }
         if (!mDeliveriesStopped.exchange(true)) {
             mHandler->OnTransportClosed(reason);
