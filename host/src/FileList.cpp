@@ -179,7 +179,8 @@ bool parseChecked(const std::string& json, ParsedFileList& out, std::string& err
         const std::string name = problem.empty() ? entry.RequestName() : std::string();
         size_t depth = 0;
         if (problem.empty()) {
-            problem = componentProblem(entry.fileName, limits);
+            problem = entry.fileName.find('/') != std::string::npos ? "has a \"/\" in its file name"
+                                                                     : componentProblem(entry.fileName, limits);
         }
         if (problem.empty()) {
             problem = pathProblem(entry.filePath, limits, depth);
