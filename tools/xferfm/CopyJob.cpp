@@ -1,0 +1,310 @@
+#include "CopyJob.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+
+#include "ProgressRenderer.h"
+#include "ProgressTracker.h"
+#include "ToolError.h"
+#include "TreeRemoval.h"
+#include "xferfm/host/InProcessTransport.h"
+#include "xferfm/host/ReceiverEndpoint.h"
+#include "xferfm/host/SenderEndpoint.h"
+#include "xferfm/host/TransferObserver.h"
+
+namespace xferfm::cli {
+namespace {
+
+namespace host = orin::xfer::host;
+using Clock = std::chrono::steady_clock;
+
+// DEST_DIR as an absolute path; throws when it is missing or not a directory.
+std::string checkedDestination(const std::string& destinationDir)
+{
+    struct stat status {};
+    if (::stat(destinationDir.c_str(), &status) != 0) {
+        const int error = errno;
+        throw ToolError(ExitCode::kDestinationUnusable,
+                        "cannot copy into '" + destinationDir + "': " + systemErrorText(error));
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        throw ToolError(ExitCode::kDestinationUnusable,
+                        "cannot copy into '" + destinationDir + "': " + systemErrorText(ENOTDIR));
+    }
+    char resolved[PATH_MAX];
+    if (::realpath(destinationDir.c_str(), resolved) == nullptr) {
+        const int error = errno;
+        throw ToolError(ExitCode::kDestinationUnusable,
+                        "cannot copy into '" + destinationDir + "': " + systemErrorText(error));
+    }
+    return resolved;
+}
+
+struct Failure {
+    std::string path;
+    std::string message;
+};
+
+// What the receiving side reports: progress for the renderer, where each
+// entry landed, and the first failure.
+class ReceiverReport final : public host::ReceiverObserver {
+public:
+    explicit ReceiverReport(ProgressTracker& tracker) : mTracker(tracker) {}
+
+    void OnFileStarted(const std::string& name, uint64_t) override { mTracker.fileStarted(name); }
+    void OnProgress(const std::string&, uint64_t, uint64_t, uint64_t totalBytesDone, uint64_t) override
+    {
+        mTracker.setBytesDone(totalBytesDone);
+    }
+    void OnFileCompleted(const std::string& name, const std::string& finalPath) override
+    {
+        mTracker.fileCompleted();
+        record(name, finalPath);
+    }
+    void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
+    {
+        record(name, finalPath);
+    }
+    void OnFailure(const std::string& path, const std::string& message) override
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mFailure) {
+            mFailure = Failure{path, message};
+        }
+    }
+
+    std::map<std::string, std::string> finalPaths() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mFinalPaths;
+    }
+    std::optional<Failure> failure() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mFailure;
+    }
+
+private:
+    void record(const std::string& name, const std::string& finalPath)
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mFinalPaths[name] = finalPath;
+    }
+
+    ProgressTracker& mTracker;
+    mutable std::mutex mMutex;
+    std::map<std::string, std::string> mFinalPaths;
+    std::optional<Failure> mFailure;
+};
+
+class SenderReport final : public host::SenderObserver {
+public:
+    void OnFailure(const std::string& path, const std::string& message) override
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mFailure) {
+            mFailure = Failure{path, message};
+        }
+    }
+    std::optional<Failure> failure() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mFailure;
+    }
+
+private:
+    mutable std::mutex mMutex;
+    std::optional<Failure> mFailure;
+};
+
+// A source that can no longer be read explains a failed copy better than
+// the engine's words: find the first one.
+std::optional<std::string> firstSourceNowUnreadable(const SourcePlan& plan)
+{
+    for (const SourceEntry& entry : plan.entries) {
+        struct stat status {};
+        if (::stat(entry.sourcePath.c_str(), &status) != 0) {
+            return entry.sourcePath;
+        }
+        if (!entry.isDirectory) {
+            const int fd = ::open(entry.sourcePath.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+            if (fd < 0) {
+                return entry.sourcePath;
+            }
+            ::close(fd);
+        }
+    }
+    return std::nullopt;
+}
+
+[[noreturn]] void throwFailure(const SourcePlan& plan, const std::string& destinationDir,
+                               const std::optional<Failure>& failure, const std::string& summaryError)
+{
+    if (const auto vanished = firstSourceNowUnreadable(plan)) {
+        throw ToolError(ExitCode::kSourceUnreadable,
+                        "cannot read '" + *vanished + "': it vanished or became unreadable during the copy");
+    }
+    struct stat status {};
+    if (::stat(destinationDir.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        throw ToolError(ExitCode::kDestinationUnusable,
+                        "cannot copy into '" + destinationDir + "': it vanished during the copy");
+    }
+    std::string message = failure ? failure->message : summaryError;
+    if (failure && !failure->path.empty() && message.find(failure->path) == std::string::npos) {
+        message = "'" + failure->path + "': " + message;
+    }
+    throw ToolError(ExitCode::kTransferFailed, "copy failed: " + (message.empty() ? "unknown error" : message));
+}
+
+std::string lastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
+}  // namespace
+
+CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
+{
+    SignalWatcher& signals = context.signals;
+    StderrConsole& console = context.console;
+    EngineLogFilter& engineLog = context.engineLog;
+    CopyOutcome outcome;
+    outcome.destinationDir = checkedDestination(options.destinationDir);
+    outcome.plan = planSources(options.sources);
+    if (signals.interrupted()) {
+        throw ToolError(ExitCode::kInterrupted, "interrupted before anything was copied");
+    }
+
+    ProgressTracker tracker;
+    tracker.start(outcome.plan.totalBytes, outcome.plan.fileCount);
+    ProgressRenderer renderer(tracker, console, chooseProgressStyle(options.showProgress, console));
+    ReceiverReport receiverReport(tracker);
+    SenderReport senderReport;
+
+    host::SenderOptions senderOptions;
+    senderOptions.ackWindow = options.window;
+    senderOptions.bandwidthKbps = options.bandwidthKbps;
+    senderOptions.flowControl = options.bandwidthKbps != 0;
+    senderOptions.observer = &senderReport;
+    host::ReceiverOptions receiverOptions;
+    receiverOptions.destinationDir = outcome.destinationDir;
+    receiverOptions.observer = &receiverReport;
+
+    const auto started = Clock::now();
+    host::TransferSummary summary;
+    {
+        auto link = host::InProcessTransport::CreatePair();
+        host::SenderEndpoint sender(std::move(link.first), senderOptions);
+        host::ReceiverEndpoint receiver(std::move(link.second), receiverOptions);
+
+        // The receiver first: a destination it cannot use fails the copy
+        // before the sender has offered anything.
+        std::string error;
+        if (!receiver.Start(error)) {
+            engineLog.silence();
+            throw ToolError(ExitCode::kDestinationUnusable,
+                            error.find(outcome.destinationDir) != std::string::npos
+                                ? error
+                                : "cannot write into '" + outcome.destinationDir + "': " + error);
+        }
+        if (!sender.Offer(options.sources, error)) {
+            engineLog.silence();
+            throw ToolError(ExitCode::kSourceUnreadable, "cannot read sources: " + error);
+        }
+        const std::string cacheDir = receiver.CacheDirectory();
+        ScopedSignalHooks hooks(
+            signals,
+            [&sender, &receiver, &engineLog] {
+                engineLog.silence();
+                receiver.Cancel();
+                sender.Cancel();
+            },
+            [cacheDir] { removeTree(cacheDir); });
+        if (signals.interrupted()) {  // Ctrl-C came before the hooks were in place
+            engineLog.silence();
+            receiver.Cancel();
+            sender.Cancel();
+        }
+
+        renderer.start();
+        while (!receiver.WaitFinished(std::chrono::seconds(1))) {
+        }
+        renderer.stop();
+        summary = receiver.Summary();
+        if (!summary.completed) {
+            engineLog.silence();  // the failure is ours to report from here on
+        }
+        // Leaving this scope cancels what is left, closes the link and
+        // removes the receiver's cache directory.
+    }
+    outcome.seconds = std::chrono::duration<double>(Clock::now() - started).count();
+
+    if (signals.interrupted()) {
+        throw ToolError(ExitCode::kInterrupted, "interrupted; the partial copy was removed");
+    }
+    if (!summary.completed) {
+        throwFailure(outcome.plan, outcome.destinationDir,
+                     receiverReport.failure() ? receiverReport.failure() : senderReport.failure(), summary.error);
+    }
+
+    outcome.finalPaths = receiverReport.finalPaths();
+    outcome.filesCopied = summary.filesDone;
+    outcome.bytesCopied = summary.bytesDone;
+    for (const std::string& name : outcome.plan.topLevelNames) {
+        const auto found = outcome.finalPaths.find(name);
+        if (found != outcome.finalPaths.end() && lastComponent(found->second) != name) {
+            outcome.renamed.push_back({name, lastComponent(found->second)});
+        }
+    }
+    if (options.verify) {
+        outcome.verification = verifyCopy(outcome.plan, outcome.finalPaths);
+    }
+    return outcome;
+}
+
+std::string summaryLine(const CopyOutcome& outcome)
+{
+    const double mebibytes = static_cast<double>(outcome.bytesCopied) / (1024.0 * 1024.0);
+    const double rate = outcome.seconds > 0.0 ? mebibytes / outcome.seconds : 0.0;
+    char text[200];
+    std::snprintf(text, sizeof text, "copied %llu files (%llu bytes) in %.2f s, %.1f MiB/s",
+                  static_cast<unsigned long long>(outcome.filesCopied),
+                  static_cast<unsigned long long>(outcome.bytesCopied), outcome.seconds, rate);
+    return text;
+}
+
+int reportCopy(const CopyOutcome& outcome, StderrConsole& console)
+{
+    for (const RenamedEntry& entry : outcome.renamed) {
+        std::cout << "'" << entry.name << "' already existed in " << outcome.destinationDir << ": copied as '"
+                  << entry.finalName << "'\n";
+    }
+    for (const std::string& link : outcome.plan.skippedLinks) {
+        console.writeLine("xferfm: skipped '" + link + "': it links back into its own parent directories");
+    }
+    int exitCode = toInt(ExitCode::kOk);
+    if (outcome.verification) {
+        const VerifyResult& result = *outcome.verification;
+        for (const VerifyProblem& problem : result.problems) {
+            console.writeLine("xferfm: verify: '" + problem.sourcePath + "' and '" + problem.destinationPath +
+                              "' do not match: " + problem.what);
+        }
+        if (result.problems.empty()) {
+            std::cout << "verified " << result.filesCompared << " files: SHA-256 of every copy matches its source\n";
+        } else {
+            std::cout << "verify failed: " << result.problems.size() << " of " << outcome.plan.entries.size()
+                      << " entries do not match their source\n";
+            exitCode = toInt(ExitCode::kVerifyMismatch);
+        }
+    }
+    std::cout << summaryLine(outcome) << std::endl;
+    return exitCode;
+}
+
+}  // namespace xferfm::cli
