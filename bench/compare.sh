@@ -215,26 +215,26 @@ run_bandwidth() {
   end_workload "$base"
 }
 
-# One scaling point: SECTION X ROOM_BYTES MAKER... (the maker gets the root).
+# One scaling point: KIND X ROOM_BYTES MAKER... (the maker gets the root).
 scaling_point() {
-  local location=$1 section=$2 x=$3 room=$4
+  local location=$1 kind=$2 x=$3 room=$4
   shift 4
   local base src dest run tool mode bytes
   base=$(base_of "$location")
   plan_room "$base" "$room" $((2 * SCALING_RUNS)) 2
   mode=$ROOM_MODE
   if [ "$mode" = skip ]; then
-    note "scaling point $section $x skipped on $location: it does not fit in the free space"
+    note "scaling point $kind $x skipped on $location: it does not fit in the free space"
     return 0
   fi
-  src=$base/src-$section-$x
+  src=$base/src-$kind-$x
   "$@" "$src"
   bytes=$(tree_size "$src" | cut -d' ' -f1)
   for ((run = 1; run <= SCALING_RUNS; run++)); do
     for tool in xferfm cp; do
-      dest=$base/dst-$section-$x-$tool-$run
-      timed_run "$section" "$x" "$location" "$tool" "$run" "$src" "$dest" "$bytes" ||
-        die "$tool failed at scaling point $section $x"
+      dest=$base/dst-$kind-$x-$tool-$run
+      timed_run "$kind" "$x" "$location" "$tool" "$run" "$src" "$dest" "$bytes" ||
+        die "$tool failed at scaling point $kind $x"
       check_copy "$src" "$dest" "$tool"
       dispose "$dest"
     done

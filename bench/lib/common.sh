@@ -74,11 +74,11 @@ tree_size() { find "$1" -type f -printf '%s\n' | awk '{ b += $1; n++ } END { pri
 
 rss_of() { awk -F': *' '/Maximum resident set size/ { print $2 }' "$1"; }
 
-# One timed run. Appends "section workload location tool run seconds rss_kib bytes"
+# One timed run. Appends "kind workload location tool run seconds rss_kib bytes"
 # to RESULTS. The destination must be a fresh path; it is created here.
-#   timed_run SECTION WORKLOAD LOCATION TOOL RUN SRC DEST BYTES [EXTRA XFERFM OPTIONS...]
+#   timed_run KIND WORKLOAD LOCATION TOOL RUN SRC DEST BYTES [EXTRA XFERFM OPTIONS...]
 timed_run() {
-  local section=$1 workload=$2 location=$3 tool=$4 run=$5 src=$6 dest=$7 bytes=$8
+  local kind=$1 workload=$2 location=$3 tool=$4 run=$5 src=$6 dest=$7 bytes=$8
   shift 8
   local t1=$SCRATCH/time1 t2=$SCRATCH/time2 err=$SCRATCH/stderr start end rss status
   mkdir -p "$dest"
@@ -113,7 +113,7 @@ timed_run() {
   [ "$tool" = tar ] && rss=$((rss + $(rss_of "$t2")))
   local seconds
   seconds=$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.4f", e - s }')
-  printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$section" "$workload" "$location" "$tool" "$run" \
+  printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$kind" "$workload" "$location" "$tool" "$run" \
     "$seconds" "$rss" "$bytes" >>"$RESULTS"
   say "  $(printf '%-7s run %-2s %9.3f s  %7d KiB' "$tool" "$run" "$seconds" "$rss")"
 }

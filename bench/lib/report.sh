@@ -61,7 +61,7 @@ print_bandwidth() {
   say "Bandwidth: $(human_bytes "$BANDWIDTH_BYTES") with --bandwidth $BANDWIDTH_KBPS: measured $1 kbps ($2 %), target +-5 %: ${3/_/ }"
 }
 
-# "fixed slope r2" of xferfm's scaling in a section and location.
+# "fixed slope r2" of xferfm's scaling in a kind and location.
 scaling_fit() { scaling_points "$1" "$2" xferfm | fit_line; }
 
 print_scaling() {

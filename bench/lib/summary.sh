@@ -1,8 +1,8 @@
 # Turns the raw runs of compare.sh (RESULTS, one line per timed run:
-# section workload location tool run seconds rss_kib bytes) into medians,
+# kind workload location tool run seconds rss_kib bytes) into medians,
 # rates, ratios and target verdicts. Sourced, not run.
 
-# Values of column $5 for the runs matching section/workload/location/tool.
+# Values of column $5 for the runs matching kind/workload/location/tool.
 runs_of() {
   awk -F'\t' -v s="$1" -v w="$2" -v l="$3" -v t="$4" -v c="$5" \
     '$1 == s && $2 == w && $3 == l && $4 == t { print $c }' "$RESULTS"
@@ -12,7 +12,7 @@ median_seconds() { runs_of "$1" "$2" "$3" "$4" 6 | median; }
 peak_rss() { runs_of "$1" "$2" "$3" "$4" 7 | sort -n | tail -1; }
 run_count() { runs_of "$1" "$2" "$3" "$4" 6 | wc -l; }
 
-# Distinct "workload location" pairs of a section, in the order first run.
+# Distinct "workload location" pairs of a kind, in the order first run.
 pairs_of() { awk -F'\t' -v s="$1" '$1 == s && !seen[$2 FS $3]++ { print $2 "\t" $3 }' "$RESULTS"; }
 
 bytes_of() { awk -F'\t' -v s="$1" -v w="$2" -v l="$3" '$1 == s && $2 == w && $3 == l { print $8; exit }' "$RESULTS"; }
@@ -73,12 +73,12 @@ fit_line() {
     }'
 }
 
-# "x median_seconds" for one tool of a scaling section and location.
+# "x median_seconds" for one tool of a scaling kind and location.
 scaling_points() {
-  local section=$1 location=$2 tool=$3 x
-  for x in $(awk -F'\t' -v s="$section" -v l="$location" -v t="$tool" \
+  local kind=$1 location=$2 tool=$3 x
+  for x in $(awk -F'\t' -v s="$kind" -v l="$location" -v t="$tool" \
     '$1 == s && $3 == l && $4 == t && !seen[$2]++ { print $2 }' "$RESULTS"); do
-    printf '%s %s\n' "$x" "$(median_seconds "$section" "$x" "$location" "$tool")"
+    printf '%s %s\n' "$x" "$(median_seconds "$kind" "$x" "$location" "$tool")"
   done
 }
 
