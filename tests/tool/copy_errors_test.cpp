@@ -145,6 +145,20 @@ TEST_F(CopyErrors, BrokenSymbolicLinkIsUnreadableAndNamed)
     expectDestinationUntouched();
 }
 
+TEST_F(CopyErrors, LinkBackIntoItsOwnParentsIsRefused)
+{
+    makeDirectory(source + "/tree");
+    makeDirectory(source + "/tree/inner");
+    const std::string link = source + "/tree/inner/up";
+    ASSERT_EQ(::symlink("..", link.c_str()), 0);
+
+    const ToolResult result = copy({source + "/tree"}, destination);
+
+    EXPECT_EQ(result.exitCode, kSourceUnreadable) << describe(result);
+    EXPECT_NE(result.err.find(link), std::string::npos) << result.err;
+    expectDestinationUntouched();
+}
+
 TEST_F(CopyErrors, FileWithoutReadPermissionIsNamed)
 {
     if (geteuid() == 0) {

@@ -285,9 +285,6 @@ int reportCopy(const CopyOutcome& outcome, StderrConsole& console)
         std::cout << "'" << entry.name << "' already existed in " << outcome.destinationDir << ": copied as '"
                   << entry.finalName << "'\n";
     }
-    for (const std::string& link : outcome.plan.skippedLinks) {
-        console.writeLine("xferfm: skipped '" + link + "': it links back into its own parent directories");
-    }
     int exitCode = toInt(ExitCode::kOk);
     if (outcome.verification) {
         const VerifyResult& result = *outcome.verification;

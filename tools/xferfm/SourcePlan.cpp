@@ -90,8 +90,7 @@ private:
             const std::string childPath = path + "/" + name;
             const struct stat childStatus = statFollowing(childPath, false);
             if (S_ISDIR(childStatus.st_mode) && mAncestors.count({childStatus.st_dev, childStatus.st_ino}) > 0) {
-                mPlan.skippedLinks.push_back(childPath);
-                continue;
+                unreadable(childPath, "it links back into its own parent directories");
             }
             add(childPath, relativePath + "/" + name, childStatus);
         }

@@ -1,8 +1,8 @@
 // What a copy will bring: every directory and regular file under the
 // SOURCE arguments, hidden ones included, with the size, mode and time that
 // the copy must reproduce. Symbolic links are followed (a paste copies what
-// a link points to); a link that leads back into its own ancestry is
-// skipped so that the walk ends.
+// a link points to); a link that leads back into its own parent
+// directories cannot be copied and is refused.
 #pragma once
 
 #include <sys/types.h>
@@ -29,12 +29,11 @@ struct SourcePlan {
     uint64_t totalBytes = 0;
     uint64_t fileCount = 0;
     uint64_t directoryCount = 0;
-    std::vector<std::string> skippedLinks;  // links into their own ancestry
 };
 
 // Walks the sources. Throws ToolError: source missing (the path does not
 // exist), source unreadable (cannot be opened or listed, is a device, FIFO
-// or socket, or a broken link), usage (two sources with the same name).
+// or socket, a broken link or a link back into its parents), usage (two sources with the same name).
 // Every regular file is opened once here so that an unreadable file is
 // reported before anything is written.
 SourcePlan planSources(const std::vector<std::string>& sources);
