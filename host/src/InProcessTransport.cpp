@@ -24,6 +24,8 @@ struct Inbox {
     std::thread thread;           // the delivery thread, taken by whoever stops it
     std::thread::id deliveryThreadId;
     bool inHandler = false;       // the handler is running now
+    bool deliveryWaiting = false; // the delivery thread sleeps: wake it on arrival
+    int sendersWaiting = 0;       // senders held back: wake them on drain
     std::condition_variable handlerReturned;
     std::condition_variable arrived;  // something to deliver, or closed
     std::condition_variable drained;  // data bytes left the queue, or closed
@@ -45,9 +47,13 @@ void deliverLoop(const std::shared_ptr<InProcessTransport::Link>& link, int side
     pthread_setname_np(pthread_self(), inbox.name.substr(0, 15).c_str());
     std::unique_lock<std::mutex> lock(link->mutex);
     while (true) {
-        inbox.arrived.wait(lock, [&] {
-            return inbox.closed || !inbox.queue.empty() || (inbox.peerClosed && !inbox.closeDelivered);
-        });
+        // Wake-ups cost a system call per message, so senders only signal
+        // a delivery thread that really sleeps (and vice versa).
+        while (!(inbox.closed || !inbox.queue.empty() || (inbox.peerClosed && !inbox.closeDelivered))) {
+            inbox.deliveryWaiting = true;
+            inbox.arrived.wait(lock);
+            inbox.deliveryWaiting = false;
+        }
         if (inbox.closed) {
             return;
         }
@@ -56,7 +62,9 @@ void deliverLoop(const std::shared_ptr<InProcessTransport::Link>& link, int side
             Message message = std::move(inbox.queue.front());
             inbox.queue.pop_front();
             inbox.dataBytes -= DataBytesOf(message);
-            inbox.drained.notify_all();
+            if (inbox.sendersWaiting > 0) {
+                inbox.drained.notify_all();
+            }
             inbox.inHandler = true;
             lock.unlock();
             handler->OnMessage(std::move(message));
@@ -114,10 +122,12 @@ bool InProcessTransport::Send(Message message)
     const uint64_t bytes = DataBytesOf(message);
     std::unique_lock<std::mutex> lock(mLink->mutex);
     if (IsDataMessage(message)) {
-        peer.drained.wait(lock, [&] {
-            return own.closed || peer.closed || peer.dataBytes == 0 ||
-                   peer.dataBytes + bytes <= mLink->maxQueuedDataBytes;
-        });
+        while (!(own.closed || peer.closed || peer.dataBytes == 0 ||
+                 peer.dataBytes + bytes <= mLink->maxQueuedDataBytes)) {
+            ++peer.sendersWaiting;
+            peer.drained.wait(lock);
+            --peer.sendersWaiting;
+        }
     }
     if (own.closed || peer.closed) {
         return false;
@@ -127,7 +137,9 @@ bool InProcessTransport::Send(Message message)
     if (peer.dataBytes > peer.peakDataBytes) {
         peer.peakDataBytes = peer.dataBytes;
     }
-    peer.arrived.notify_one();
+    if (peer.deliveryWaiting) {
+        peer.arrived.notify_one();
+    }
     return true;
 }
 
