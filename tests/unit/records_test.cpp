@@ -97,6 +97,10 @@ TEST(WriteFileDataRecord, DefaultHoldsNoBuffer)
 
 TEST(WriteFileDataRecord, BufferIsFreedWithTheLastSharedOwner)
 {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's allocator does not report through mallinfo2; its leak and "
+                    "double-free checks cover this buffer's release in those builds";
+#endif
     ScopedCapturingLogger logger;
     // A fixed threshold keeps large blocks on their own mapping, so the
     // mapped total shows exactly when this buffer is given back.
