@@ -21,6 +21,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr uint32_t kNoTransferId = 0xFFFFFFFF;
+// Entries handed to the engine at a time (see Offer).
+constexpr size_t kUploadSlice = 64;
 
 // The file being streamed now, as far as the endpoint can see it.
 struct Upload {
@@ -92,10 +94,18 @@ public:
                 return false;
             }
         }
+        // The whole list goes into the JSON; the engine then only ever holds
+        // a short slice, because UploadFiles erases from the front of its
+        // list (a long list would cost quadratic time).
         mManager->TriggerLocalCopy(list);
+        mManager->SendFileDesc();  // onSendFileDesc keeps the text
+        const size_t firstSlice = std::min(list.size(), kUploadSlice);
+        mManager->TriggerLocalCopy(std::vector<FileDescription>(list.begin(), list.begin() + firstSlice));
         bool sendNow = false;
+        std::string json;
         {
             std::lock_guard<std::mutex> lock(mMutex);
+            mSliceLeft = firstSlice;
             mList = std::move(list);
             mOffered = true;
             mSummary.entriesTotal = mList.size();
@@ -106,9 +116,10 @@ public:
             }
             sendNow = mListRequested && !mListSent;
             mListSent = mListSent || sendNow;
+            json = mListJson;
         }
         if (sendNow) {
-            mManager->SendFileDesc();
+            mTransport->Send(FileListMessage{std::move(json)});
         }
         return true;
     }
@@ -160,7 +171,12 @@ public:
 
     // ---- engine listener ----
 
-    void onSendFileDesc(const std::string& jsonData) override { mTransport->Send(FileListMessage{jsonData}); }
+    // Only Offer asks for the description; it is sent once requested.
+    void onSendFileDesc(const std::string& jsonData) override
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mListJson = jsonData;
+    }
 
     void onSendFileStart(uint32_t taskId, uint32_t transferId, const std::string& fileName, const std::string& dest,
                          bool isDir, uint32_t flag, uint64_t totalSize, uint64_t size) override
@@ -271,26 +287,34 @@ private:
 
     void handle(FileListRequest&)
     {
-        std::lock_guard<std::mutex> engine(mEngineMutex);
         bool sendNow = false;
+        std::string json;
         {
             std::lock_guard<std::mutex> lock(mMutex);
             mListRequested = true;
             sendNow = mOffered && !mListSent && !mFinished;
             mListSent = mListSent || sendNow;
+            json = mListJson;
         }
         if (sendNow) {
-            mManager->SendFileDesc();
+            mTransport->Send(FileListMessage{std::move(json)});
         }
     }
 
     void handle(NextFileRequest& request)
     {
         std::lock_guard<std::mutex> engine(mEngineMutex);
+        std::vector<FileDescription> nextSlice;
         {
             std::lock_guard<std::mutex> lock(mMutex);
             if (mFinished) {
                 return;
+            }
+            if (mSliceLeft == 0 && mNextIndex < mList.size()) {
+                const size_t end = std::min(mList.size(), mNextIndex + kUploadSlice);
+                nextSlice.assign(mList.begin() + static_cast<std::ptrdiff_t>(mNextIndex),
+                                 mList.begin() + static_cast<std::ptrdiff_t>(end));
+                mSliceLeft = nextSlice.size();
             }
             if (request.index != mNextIndex) {
                 mExpectedName.clear();
@@ -305,10 +329,17 @@ private:
                                     " out of order");
             return;
         }
+        if (!nextSlice.empty()) {
+            mManager->TriggerLocalCopy(nextSlice);
+        }
         std::multimap<std::string, std::string> records;
         bool listEmpty = false;
         const uint32_t transferId =
             mManager->UploadFiles(request.taskId, static_cast<size_t>(request.totalSize), "", records, listEmpty);
+        if (transferId != kNoTransferId) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            --mSliceLeft;
+        }
         if (transferId == kNoTransferId && listEmpty) {
             mTransport->Send(EndOfList{});
             finish(Outcome::kFailed, "", "the upload was abandoned: nothing is left to send");
@@ -480,6 +511,8 @@ private:
     bool mOffered = false;
     bool mListRequested = false;
     bool mListSent = false;
+    std::string mListJson;
+    size_t mSliceLeft = 0;  // entries of the engine's current slice not yet announced
     size_t mNextIndex = 0;
     std::string mExpectedName;
     std::optional<Upload> mUpload;
