@@ -141,6 +141,29 @@ TEST_F(CopyEndpoints, ExistingNamesGetDuplicateNamesAndStayUntouched)
     EXPECT_EQ(copy.observer.FinalPathOf("photos"), destination + "/photos(1)");
 }
 
+TEST_F(CopyEndpoints, CopiesListsLongerThanTheEnginesSliceInOrder)
+{
+    const std::string source = scratch.Join("src/many");
+    MakeDirectory(scratch.Join("src"));
+    MakeDirectory(source);
+    for (int d = 0; d < 3; ++d) {
+        const std::string dir = source + "/d" + std::to_string(d);
+        MakeDirectory(dir);
+        for (int f = 0; f < 70; ++f) {
+            WriteFile(dir + "/f" + std::to_string(f), PatternBytes(static_cast<size_t>(f * 37), f + d));
+        }
+    }
+    const std::string destination = scratch.Join("dest");
+    MakeDirectory(destination);
+    CopySession copy(destination);
+    std::string error;
+    ASSERT_TRUE(copy.Begin({source}, error)) << error;
+    ASSERT_TRUE(copy.WaitBoth(kCopyLimit));
+    ASSERT_TRUE(copy.receiver->Summary().completed) << copy.receiver->Summary().error;
+    EXPECT_EQ(copy.receiver->Summary().filesDone, 210u);
+    EXPECT_EQ(CompareTrees(source, destination + "/many"), "");
+}
+
 class CopyWithWindow : public CopyEndpoints, public ::testing::WithParamInterface<uint32_t> {};
 
 // Every window size completes without the worker ever sitting out its
@@ -385,6 +408,34 @@ TEST_F(CopyEndpoints, LosingTheSenderMidFileFailsTheReceiverCleanly)
     EXPECT_FALSE(summary.error.empty());
     EXPECT_EQ(copy.observer.Count("failure"), 1u);
     EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
+}
+
+TEST_F(CopyEndpoints, DestroyingTheReceiverMidFileEndsTheSenderAndLeavesNothing)
+{
+    MakeDirectory(scratch.Join("src"));
+    WriteFile(scratch.Join("src/huge.bin"), PatternBytes(24 * 1024 * 1024, 2));
+    const std::string destination = scratch.Join("dest");
+    MakeDirectory(destination);
+    const size_t threadsBefore = test::ThreadCount();
+    {
+        CopySessionOptions options;
+        options.sender.ackWindow = 4;
+        CopySession copy(destination, options);
+        std::atomic<bool> underway{false};
+        copy.observer.onProgress = [&underway](const std::string&, uint64_t done) {
+            if (done >= 4 * 65536) {
+                underway = true;
+            }
+        };
+        std::string error;
+        ASSERT_TRUE(copy.Begin({scratch.Join("src/huge.bin")}, error)) << error;
+        ASSERT_TRUE(waitUntil([&] { return underway.load(); }, kCopyLimit));
+        copy.receiver.reset();
+        ASSERT_TRUE(copy.sender->WaitFinished(kCopyLimit));
+        EXPECT_FALSE(copy.sender->Summary().completed);
+        EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
+    }
+    EXPECT_TRUE(test::WaitForThreadCount(threadsBefore));
 }
 
 }  // namespace
