@@ -9,6 +9,7 @@
 #include "DemoCommand.h"
 #include "EngineLogFilter.h"
 #include "IFileTransferLogger.h"
+#include "NetworkCommands.h"
 #include "SignalWatcher.h"
 #include "StderrConsole.h"
 #include "ToolContext.h"
@@ -19,6 +20,9 @@ int main(int argc, char** argv)
 {
     using namespace xferfm::cli;
     tuneAllocatorForChunkTraffic();
+    if (isNetworkCommand(argc, argv)) {
+        return runNetworkCommand(argc, argv);  // serve and send: NetworkCommands.cpp
+    }
     const ParsedCommandLine parsed = parseCommandLine(argc, argv);
     if (parsed.command == Command::kExit) {
         return parsed.exitCode;

@@ -1,0 +1,82 @@
+#include "DigestCheckingLink.h"
+
+namespace xferfm::cli {
+namespace {
+
+namespace host = orin::xfer::host;
+
+// At most this many differing files are named; the count says the rest.
+constexpr size_t kProblemsNamed = 5;
+
+std::string failureText(const DigestCheck& check)
+{
+    std::string text = kVerifyFailedPrefix + std::to_string(check.problems.size()) + " of " +
+                       std::to_string(check.filesCompared) + " files differ from their source: ";
+    for (size_t index = 0; index < check.problems.size() && index < kProblemsNamed; ++index) {
+        text += (index ? "; " : "") + check.problems[index];
+    }
+    if (check.problems.size() > kProblemsNamed) {
+        text += "; ...";
+    }
+    return text;
+}
+
+}  // namespace
+
+DigestCheckingLink::DigestCheckingLink(std::unique_ptr<host::ITransport> inner, Checker checker,
+                                       std::shared_ptr<RemoteVerdict> verdict)
+    : mInner(std::move(inner)), mChecker(std::move(checker)), mVerdict(std::move(verdict))
+{
+}
+
+// The inner transport goes first: its deliveries call into this object.
+DigestCheckingLink::~DigestCheckingLink() { mInner.reset(); }
+
+void DigestCheckingLink::Start(host::ITransportHandler& handler)
+{
+    mHandler = &handler;
+    mInner->Start(*this);
+}
+
+bool DigestCheckingLink::Send(host::Message message)
+{
+    const auto* goodbye = std::get_if<host::Disconnect>(&message);
+    if (goodbye == nullptr || !goodbye->completed) {
+        return mInner->Send(std::move(message));
+    }
+    host::FileDigests expected;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        expected = mExpected;
+    }
+    if (expected.empty()) {
+        return mInner->Send(std::move(message));
+    }
+    const DigestCheck check = mChecker(expected);
+    if (check.problems.empty()) {
+        const std::string text = kVerifiedPrefix + std::to_string(check.filesCompared) +
+                                 " files: SHA-256 of every copy matches its source";
+        mVerdict->set(RemoteVerdict::State::kVerified, text);
+        return mInner->Send(host::Disconnect{true, text});
+    }
+    const std::string text = failureText(check);
+    mVerdict->set(RemoteVerdict::State::kFailed, text);
+    mInner->Send(host::TransferError{0, 0, text});
+    return mInner->Send(host::Disconnect{false, text});
+}
+
+void DigestCheckingLink::Close() { mInner->Close(); }
+
+void DigestCheckingLink::OnMessage(host::Message message)
+{
+    if (const auto* list = std::get_if<host::FileListMessage>(&message)) {
+        host::FileDigests digests = host::FileDigestsOf(list->json);
+        std::lock_guard<std::mutex> lock(mMutex);
+        mExpected = std::move(digests);
+    }
+    mHandler->OnMessage(std::move(message));
+}
+
+void DigestCheckingLink::OnTransportClosed(const std::string& reason) { mHandler->OnTransportClosed(reason); }
+
+}  // namespace xferfm::cli

@@ -1,0 +1,57 @@
+#include "DigestOfferingLink.h"
+
+namespace xferfm::cli {
+namespace {
+
+namespace host = orin::xfer::host;
+
+bool startsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
+
+}  // namespace
+
+DigestOfferingLink::DigestOfferingLink(std::unique_ptr<host::ITransport> inner, host::FileDigests digests,
+                                       std::shared_ptr<RemoteVerdict> verdict)
+    : mInner(std::move(inner)), mDigests(std::move(digests)), mVerdict(std::move(verdict))
+{
+}
+
+// The inner transport goes first: its deliveries call into this object.
+DigestOfferingLink::~DigestOfferingLink() { mInner.reset(); }
+
+void DigestOfferingLink::Start(host::ITransportHandler& handler)
+{
+    mHandler = &handler;
+    mInner->Start(*this);
+}
+
+bool DigestOfferingLink::Send(host::Message message)
+{
+    if (auto* list = std::get_if<host::FileListMessage>(&message); list != nullptr && !mDigests.empty()) {
+        std::string error;
+        // A list this end cannot read goes as it is; the receiver judges it.
+        host::AddFileDigests(list->json, mDigests, error);
+    }
+    return mInner->Send(std::move(message));
+}
+
+void DigestOfferingLink::Close() { mInner->Close(); }
+
+void DigestOfferingLink::OnMessage(host::Message message)
+{
+    if (const auto* goodbye = std::get_if<host::Disconnect>(&message)) {
+        if (goodbye->completed && startsWith(goodbye->reason, kVerifiedPrefix)) {
+            mVerdict->set(RemoteVerdict::State::kVerified, goodbye->reason);
+        } else if (startsWith(goodbye->reason, kVerifyFailedPrefix)) {
+            mVerdict->set(RemoteVerdict::State::kFailed, goodbye->reason);
+        }
+    } else if (const auto* error = std::get_if<host::TransferError>(&message)) {
+        if (startsWith(error->message, kVerifyFailedPrefix)) {
+            mVerdict->set(RemoteVerdict::State::kFailed, error->message);
+        }
+    }
+    mHandler->OnMessage(std::move(message));
+}
+
+void DigestOfferingLink::OnTransportClosed(const std::string& reason) { mHandler->OnTransportClosed(reason); }
+
+}  // namespace xferfm::cli

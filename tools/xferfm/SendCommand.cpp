@@ -1,0 +1,193 @@
+#include "SendCommand.h"
+
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "DigestOfferingLink.h"
+#include "ProgressRenderer.h"
+#include "ProgressTracker.h"
+#include "Sha256.h"
+#include "SourcePlan.h"
+#include "ToolError.h"
+#include "xferfm/host/SenderEndpoint.h"
+#include "xferfm/host/TcpTransport.h"
+#include "xferfm/host/TransferObserver.h"
+
+namespace xferfm::cli {
+namespace {
+
+namespace host = orin::xfer::host;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kConnectTimeout{10};
+
+class SendProgress final : public host::SenderObserver {
+public:
+    SendProgress(ProgressTracker& tracker, const SourcePlan& plan) : mTracker(tracker)
+    {
+        for (const SourceEntry& entry : plan.entries) {
+            if (entry.isDirectory) {
+                mDirectories.insert(entry.sourcePath);
+            }
+        }
+    }
+
+    // Called for directories too; only files count as files.
+    void OnFileStarted(const std::string& sourcePath, uint64_t) override
+    {
+        if (mDirectories.count(sourcePath) != 0) {
+            return;
+        }
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mFileInFlight) {
+            mTracker.fileCompleted();  // the previous one was sent whole
+        }
+        mFileInFlight = true;
+        mTracker.fileStarted(sourcePath);
+    }
+    void OnBytesSent(uint64_t totalBytesSent) override { mTracker.setBytesDone(totalBytesSent); }
+    void OnFailure(const std::string&, const std::string& message) override
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mFailure.empty()) {
+            mFailure = message;
+        }
+    }
+    void OnFinished(const host::TransferSummary& summary) override
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (summary.completed && mFileInFlight) {
+            mTracker.fileCompleted();
+            mFileInFlight = false;
+        }
+    }
+
+    std::string failure() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mFailure;
+    }
+
+private:
+    ProgressTracker& mTracker;
+    std::set<std::string> mDirectories;  // fixed after construction
+    mutable std::mutex mMutex;
+    bool mFileInFlight = false;
+    std::string mFailure;
+};
+
+// The SHA-256 of every source file, by the name the receiver knows it by.
+host::FileDigests hashSources(const SourcePlan& plan)
+{
+    host::FileDigests digests;
+    for (const SourceEntry& entry : plan.entries) {
+        if (entry.isDirectory) {
+            continue;
+        }
+        std::string error;
+        const std::optional<std::string> digest = sha256OfFile(entry.sourcePath, error);
+        if (!digest) {
+            throw ToolError(ExitCode::kSourceUnreadable, "cannot read '" + entry.sourcePath + "': " + error);
+        }
+        digests[entry.relativePath] = *digest;
+    }
+    return digests;
+}
+
+std::string summaryLine(const host::TransferSummary& summary, const std::string& address, double seconds)
+{
+    const double mebibytes = static_cast<double>(summary.bytesDone) / (1024.0 * 1024.0);
+    char text[300];
+    std::snprintf(text, sizeof text, "sent %zu files (%llu bytes) to %s in %.2f s, %.1f MiB/s", summary.filesDone,
+                  static_cast<unsigned long long>(summary.bytesDone), address.c_str(), seconds,
+                  seconds > 0.0 ? mebibytes / seconds : 0.0);
+    return text;
+}
+
+}  // namespace
+
+int runSend(const SendOptions& options, ToolContext& context)
+{
+    const SourcePlan plan = planSources(options.sources);
+    const host::FileDigests digests = options.verify ? hashSources(plan) : host::FileDigests{};
+    if (context.signals.interrupted()) {
+        throw ToolError(ExitCode::kInterrupted, "interrupted before anything was sent");
+    }
+
+    host::HostPort address;
+    std::string error;
+    if (!host::ParseHostPort(options.address, address, error)) {
+        throw ToolError(ExitCode::kUsage, error);
+    }
+    host::TcpSocket connection = host::ConnectTcp(address, kConnectTimeout, error);
+    if (!connection.Valid()) {
+        throw ToolError(ExitCode::kTransferFailed, error);
+    }
+
+    ProgressTracker tracker;
+    tracker.start(plan.totalBytes, plan.fileCount);
+    ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
+    SendProgress progress(tracker, plan);
+    auto verdict = std::make_shared<RemoteVerdict>();
+
+    host::SenderOptions senderOptions;
+    senderOptions.ackWindow = options.window;
+    senderOptions.bandwidthKbps = options.bandwidthKbps;
+    senderOptions.flowControl = options.bandwidthKbps != 0;
+    senderOptions.observer = &progress;
+    host::TcpTransportOptions linkOptions;
+    linkOptions.threadName = "xfer-send";
+
+    const auto started = Clock::now();
+    host::TransferSummary summary;
+    {
+        auto link = std::make_unique<DigestOfferingLink>(
+            std::make_unique<host::TcpTransport>(std::move(connection), linkOptions), digests, verdict);
+        host::SenderEndpoint sender(std::move(link), senderOptions);
+        if (!sender.Offer(options.sources, error)) {
+            context.engineLog.silence();
+            throw ToolError(ExitCode::kSourceUnreadable, "cannot read sources: " + error);
+        }
+        ScopedSignalHooks hooks(
+            context.signals, [&sender, &context] {
+                context.engineLog.silence();
+                sender.Cancel();
+            },
+            [] {});
+        if (context.signals.interrupted()) {  // Ctrl-C came before the hook was in place
+            sender.Cancel();
+        }
+        renderer.start();
+        while (!sender.WaitFinished(std::chrono::seconds(1))) {
+        }
+        renderer.stop();
+        summary = sender.Summary();
+        if (!summary.completed) {
+            context.engineLog.silence();  // the failure is ours to report from here on
+        }
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+
+    if (context.signals.interrupted()) {
+        throw ToolError(ExitCode::kInterrupted, "interrupted; the receiver removes the file that was in flight");
+    }
+    if (verdict->state() == RemoteVerdict::State::kFailed) {
+        throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + verdict->text());
+    }
+    if (!summary.completed) {
+        const std::string failure = progress.failure();
+        throw ToolError(ExitCode::kTransferFailed,
+                        "send failed: " + (failure.empty() ? summary.error : failure));
+    }
+    if (verdict->state() == RemoteVerdict::State::kVerified) {
+        std::cout << verdict->text() << "\n";
+    }
+    std::cout << summaryLine(summary, options.address, seconds) << std::endl;
+    return toInt(ExitCode::kOk);
+}
+
+}  // namespace xferfm::cli

@@ -1,0 +1,132 @@
+#include "ServeCommand.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <thread>
+
+#include "ServeSession.h"
+#include "ToolError.h"
+#include "TreeRemoval.h"
+#include "xferfm/host/TcpListener.h"
+
+namespace xferfm::cli {
+namespace {
+
+namespace host = orin::xfer::host;
+
+constexpr std::chrono::milliseconds kAcceptWait{200};
+
+// DEST_DIR as an absolute path, or ToolError when it cannot receive.
+std::string usableDestination(const std::string& destinationDir)
+{
+    struct stat status {};
+    char resolved[PATH_MAX];
+    int error = 0;
+    if (::stat(destinationDir.c_str(), &status) != 0) {
+        error = errno;
+    } else if (!S_ISDIR(status.st_mode)) {
+        error = ENOTDIR;
+    } else if (::access(destinationDir.c_str(), W_OK | X_OK) != 0) {
+        error = errno;
+    } else if (::realpath(destinationDir.c_str(), resolved) == nullptr) {
+        error = errno;
+    }
+    if (error != 0) {
+        throw ToolError(ExitCode::kDestinationUnusable,
+                        "cannot receive into '" + destinationDir + "': " + systemErrorText(error));
+    }
+    return resolved;
+}
+
+// Written whole or not at all, so a reader never sees half a number.
+void writePortFile(const std::string& path, uint16_t port)
+{
+    const std::string partial = path + ".partial";
+    {
+        std::ofstream out(partial, std::ios::trunc);
+        out << port << "\n";
+        if (!out) {
+            throw ToolError(ExitCode::kTransferFailed, "cannot write the port file '" + path + "'");
+        }
+    }
+    if (std::rename(partial.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        std::remove(partial.c_str());
+        throw ToolError(ExitCode::kTransferFailed,
+                        "cannot write the port file '" + path + "': " + systemErrorText(error));
+    }
+}
+
+int exitCodeOf(ServeSessionResult::Outcome outcome)
+{
+    switch (outcome) {
+    case ServeSessionResult::Outcome::kOk: return toInt(ExitCode::kOk);
+    case ServeSessionResult::Outcome::kVerifyFailed: return toInt(ExitCode::kVerifyMismatch);
+    case ServeSessionResult::Outcome::kInterrupted: return toInt(ExitCode::kInterrupted);
+    case ServeSessionResult::Outcome::kFailed: break;
+    }
+    return toInt(ExitCode::kTransferFailed);
+}
+
+}  // namespace
+
+int runServe(const ServeOptions& options, ToolContext& context)
+{
+    const std::string destination = usableDestination(options.destinationDir);
+    host::HostPort address;
+    std::string error;
+    if (!host::ParseHostPort(options.listen, address, error)) {
+        throw ToolError(ExitCode::kUsage, error);
+    }
+    host::TcpListener listener(address, error);
+    if (!listener.Valid()) {
+        throw ToolError(ExitCode::kTransferFailed, error);
+    }
+    std::cout << "xferfm serve: listening on " << listener.Address() << ", receiving into " << destination
+              << std::endl;
+    if (!options.portFile.empty()) {
+        writePortFile(options.portFile, listener.Port());
+    }
+
+    ActiveCache activeCache;
+    ScopedSignalHooks hooks(
+        context.signals, [] {},  // the session loop polls interrupted() and cancels
+        [&activeCache] {
+            std::lock_guard<std::mutex> lock(activeCache.mutex);
+            if (!activeCache.path.empty()) {
+                removeTree(activeCache.path);
+            }
+        });
+
+    unsigned sessions = 0;
+    while (!context.signals.interrupted()) {
+        host::TcpSocket connection;
+        const auto accepted = listener.Accept(kAcceptWait, connection, error);
+        if (accepted == host::TcpListener::AcceptResult::kTimedOut) {
+            continue;
+        }
+        if (accepted == host::TcpListener::AcceptResult::kFailed) {
+            // Out of descriptors and the like: say so, then try again
+            // rather than leave the senders that will come later.
+            context.console.writeLine("xferfm serve: " + error);
+            std::this_thread::sleep_for(kAcceptWait);
+            continue;
+        }
+        const ServeSessionResult result =
+            runServeSession(std::move(connection), destination, ++sessions, context, activeCache);
+        std::cout << result.line << std::endl;
+        if (options.once) {
+            return exitCodeOf(result.outcome);
+        }
+    }
+    return toInt(ExitCode::kInterrupted);
+}
+
+}  // namespace xferfm::cli
