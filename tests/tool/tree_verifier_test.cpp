@@ -72,5 +72,15 @@ TEST_F(TreeVerifier, MissingEntriesAreReported)
     EXPECT_EQ(result.problems[1].what, "did not arrive");
 }
 
+TEST_F(TreeVerifier, StopRequestLeavesTheRestUncompared)
+{
+    writeTextFile(work.Join("copy/sub/small.txt"), "different\n");
+
+    const VerifyResult result = verifyCopy(plan, finalPaths, [] { return true; });
+
+    EXPECT_EQ(result.filesCompared, 0u);
+    EXPECT_TRUE(result.problems.empty()) << "nothing was hashed, so nothing can be called a mismatch";
+}
+
 }  // namespace
 }  // namespace xferfm::cli

@@ -263,7 +263,12 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         }
     }
     if (options.verify) {
-        outcome.verification = verifyCopy(outcome.plan, outcome.finalPaths);
+        outcome.verification =
+            verifyCopy(outcome.plan, outcome.finalPaths, [&signals] { return signals.interrupted(); });
+        if (signals.interrupted()) {
+            throw ToolError(ExitCode::kInterrupted,
+                            "interrupted while verifying; the copy itself is complete in " + outcome.destinationDir);
+        }
     }
     return outcome;
 }

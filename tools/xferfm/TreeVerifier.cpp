@@ -19,11 +19,14 @@ struct HashJob {
 
 // Hashes every job on two threads; a source and its copy are neighbours in
 // the list, so one large file is read from both sides at once.
-void hashAll(std::vector<HashJob>& jobs)
+void hashAll(std::vector<HashJob>& jobs, const std::function<bool()>& stopRequested)
 {
     std::atomic<size_t> next{0};
-    auto work = [&jobs, &next] {
+    auto work = [&jobs, &next, &stopRequested] {
         for (size_t index = next++; index < jobs.size(); index = next++) {
+            if (stopRequested && stopRequested()) {
+                return;
+            }
             jobs[index].digest = sha256OfFile(jobs[index].path, jobs[index].error);
         }
     };
@@ -34,7 +37,8 @@ void hashAll(std::vector<HashJob>& jobs)
 
 }  // namespace
 
-VerifyResult verifyCopy(const SourcePlan& plan, const std::map<std::string, std::string>& finalPaths)
+VerifyResult verifyCopy(const SourcePlan& plan, const std::map<std::string, std::string>& finalPaths,
+                        const std::function<bool()>& stopRequested)
 {
     VerifyResult result;
     std::vector<HashJob> jobs;
@@ -62,10 +66,14 @@ VerifyResult verifyCopy(const SourcePlan& plan, const std::map<std::string, std:
         jobs.push_back({entry.sourcePath, std::nullopt, {}});
         jobs.push_back({copy, std::nullopt, {}});
     }
-    hashAll(jobs);
+    hashAll(jobs, stopRequested);
     for (size_t i = 0; i < files.size(); ++i) {
         const HashJob& source = jobs[2 * i];
         const HashJob& copy = jobs[2 * i + 1];
+        const bool hashed = (source.digest || !source.error.empty()) && (copy.digest || !copy.error.empty());
+        if (!hashed) {
+            continue;  // stopped before this file
+        }
         ++result.filesCompared;
         if (!source.digest) {
             result.problems.push_back({source.path, copy.path, "source unreadable: " + source.error});

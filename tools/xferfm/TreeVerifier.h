@@ -6,6 +6,7 @@
 // when both are done.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,6 +27,9 @@ struct VerifyResult {
 };
 
 // `finalPaths` maps each entry's relativePath to where the copy landed.
-VerifyResult verifyCopy(const SourcePlan& plan, const std::map<std::string, std::string>& finalPaths);
+// `stopRequested`, when given, is asked between files; once it answers true
+// the remaining files are not hashed (and not counted as compared).
+VerifyResult verifyCopy(const SourcePlan& plan, const std::map<std::string, std::string>& finalPaths,
+                        const std::function<bool()>& stopRequested = {});
 
 }  // namespace xferfm::cli
