@@ -31,6 +31,7 @@ void say(const char* text)
 
 SignalWatcher::SignalWatcher()
 {
+    ::signal(SIGPIPE, SIG_IGN);
     const sigset_t set = watchedSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     mThread = std::thread([this] { run(); });

@@ -5,6 +5,10 @@
 // - a second one runs the emergency hook (remove the cache) and exits the
 //   process at once with code 130.
 //
+// SIGPIPE is ignored from construction on: a reader that closes the
+// progress or summary pipe early must not kill a copy halfway and strand
+// its cache; the lost output is all that goes.
+//
 // Threading: construct in main before any other thread starts, so that
 // every later thread inherits the blocked mask. Hooks may be set and cleared
 // from any thread; they run on the watcher thread, one at a time.
