@@ -728,8 +728,10 @@ private:
             mTransport->Send(Disconnect{true, ""});
         } else if (cancelRequested && !failedHere) {
             mTransport->Send(Disconnect{false, kCancelledReason});
-        } else if (!fromPeer) {
-            mTransport->Send(TransferError{taskId, senderId, failureMessage});
+        } else {
+            if (!fromPeer) {
+                mTransport->Send(TransferError{taskId, senderId, failureMessage});
+            }
             mTransport->Send(Disconnect{false, failureMessage});
         }
         if (!ok && failedHere) {

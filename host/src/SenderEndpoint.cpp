@@ -136,13 +136,8 @@ public:
         return mFinished;
     }
 
-    void Cancel()
-    {
-        if (finish(Outcome::kCancelled, "", kCancelledReason)) {
-            std::lock_guard<std::mutex> engine(mEngineMutex);
-            mManager->Cancel();
-        }
-    }
+    // Safe from observer callbacks: the engine is stopped by the pump thread.
+    void Cancel() { finish(Outcome::kCancelled, "", kCancelledReason); }
 
     TransferSummary Summary() const
     {
@@ -403,8 +398,6 @@ private:
         } else {
             finish(Outcome::kFailed, "", "the receiver left: " + goodbye.reason, false);
         }
-        std::lock_guard<std::mutex> engine(mEngineMutex);
-        mManager->Cancel();
     }
 
     void handle(FileListMessage&) {}
@@ -429,6 +422,7 @@ private:
                 mSummary.error = message;
             }
             mUpload.reset();
+            mEngineStopDue = true;
             summary = mSummary;
         }
         mChanged.notify_all();
@@ -459,7 +453,9 @@ private:
         call(*mOptions.observer);
     }
 
-    // The only caller of NotifyUpload. After an acknowledgement it keeps
+    // The only caller of NotifyUpload, and the thread that stops the engine
+    // once the session is over (Cancel may come from an observer callback
+    // that runs inside an engine call). After an acknowledgement it keeps
     // notifying until the worker sends its next chunk (an acknowledgement
     // that beats the worker into its wait is otherwise lost); a transfer
     // that has gone quiet with window room left is nudged now and then.
@@ -467,6 +463,16 @@ private:
     {
         std::unique_lock<std::mutex> lock(mMutex);
         while (!mStopPump) {
+            if (mEngineStopDue && !mEngineStopped) {
+                mEngineStopped = true;
+                lock.unlock();
+                {
+                    std::lock_guard<std::mutex> engine(mEngineMutex);
+                    mManager->Cancel();
+                }
+                lock.lock();
+                continue;
+            }
             bool nudge = false;
             auto sleepFor = std::chrono::duration_cast<Clock::duration>(mOptions.idleNudgeAfter);
             if (!mFinished && mUpload && mUpload->accepted && mUpload->bytesSeen < mUpload->fileSize) {
@@ -519,6 +525,8 @@ private:
     std::map<uint32_t, std::string> mSourceByTransfer;
     bool mFinished = false;
     bool mStopPump = false;
+    bool mEngineStopDue = false;  // the session is over: the pump stops the engine
+    bool mEngineStopped = false;
     TransferSummary mSummary;
     std::thread mPump;
 };

@@ -160,7 +160,7 @@ TEST(InProcessTransport, DataBackpressureBoundsWhatIsQueued)
     });
     // One chunk is held by the handler, four wait in the queue; the
     // producer's sixth Send cannot return before the handler moves on.
-    ASSERT_TRUE(waitUntil([&] { return b->QueuedDataBytes() == kBound; }));
+    ASSERT_TRUE(waitUntil([&] { return handler.Received() == 1 && b->QueuedDataBytes() == kBound; }));
     EXPECT_LE(sent.load(), 5);
     EXPECT_EQ(handler.Received(), 1u);
     handler.Release();
@@ -236,6 +236,9 @@ TEST(InProcessTransport, ClosingTheReceivingEndReleasesABlockedSender)
     std::atomic<int> result{-1};
     std::thread blocked([&, end = a.get()] { result = end->Send(chunk(65536)) ? 1 : 0; });
     std::thread closer([&, end = b.get()] { end->Close(); });  // waits for the held handler
+    // Once a control message is refused the link is closed; only then may
+    // the handler move on (else it could drain the queue first).
+    ASSERT_TRUE(waitUntil([&] { return !a->Send(DataAck{3, 0}); }));
     handler.Release();
     closer.join();
     blocked.join();

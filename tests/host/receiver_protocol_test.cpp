@@ -181,6 +181,8 @@ TEST_F(ReceiverProtocol, AcknowledgesEveryWindowOfWrittenChunks)
     Run();
     ASSERT_TRUE(receiver->Summary().completed) << receiver->Summary().error;
     EXPECT_EQ(ReadBytes(destination + "/data.bin"), bytes);
+    // The closing Disconnect comes after every acknowledgement.
+    ASSERT_TRUE(waitUntil([&] { return !script.ReceivedOf<Disconnect>().empty(); }));
     const auto acks = script.ReceivedOf<DataAck>();
     ASSERT_EQ(acks.size(), 3u);
     EXPECT_EQ(acks[0].chunksWritten, 3u);
@@ -199,10 +201,10 @@ TEST_F(ReceiverProtocol, AWindowOfZeroIsAcknowledgedAtAccept)
     Run();
     ASSERT_TRUE(receiver->Summary().completed) << receiver->Summary().error;
     EXPECT_EQ(ListTree(destination), std::vector<std::string>{"empty.txt"});
+    ASSERT_TRUE(waitUntil([&] { return !script.ReceivedOf<Disconnect>().empty(); }));
     const auto acks = script.ReceivedOf<DataAck>();
     ASSERT_EQ(acks.size(), 1u);
     EXPECT_EQ(acks[0].chunksWritten, 0u);
-    ASSERT_TRUE(waitUntil([&] { return !script.ReceivedOf<Disconnect>().empty(); }));
     EXPECT_TRUE(script.ReceivedOf<Disconnect>()[0].completed);
 }
 
@@ -215,6 +217,7 @@ TEST_F(ReceiverProtocol, ASenderErrorIsReportedWithItsMessage)
     Run();
     EXPECT_NE(receiver->Summary().error.find("/src/a.txt: cannot be read"), std::string::npos)
         << receiver->Summary().error;
+    ASSERT_TRUE(waitUntil([&] { return !script.ReceivedOf<Disconnect>().empty(); }));
     EXPECT_TRUE(script.ReceivedOf<TransferError>().empty());  // not echoed back
 }
 
