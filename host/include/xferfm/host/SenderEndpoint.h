@@ -11,7 +11,8 @@
 //   called there), the engine's main looper (data hand-off), the engine's
 //   upload worker, and an acknowledgement pump thread of its own (the only
 //   thread that calls NotifyUpload, because NotifyUpload can block for a
-//   whole bandwidth delay).
+//   whole bandwidth delay; it also stops the engine once the session is
+//   over, so Cancel() is safe from inside observer callbacks).
 // - Engine operations are never called with the endpoint's lock held, and
 //   never from the engine's own listener callbacks.
 // - The destructor cancels a running session, closes the transport, then
@@ -34,6 +35,10 @@
 //   destFileName alone), so every entry gets destFilePath = filePath and
 //   destFileName = fileName: the announced name is then the request name
 //   the receiver's engine matches its records and marker tasks against.
+// - Upload list: UploadFiles erases the front entry of the engine's list,
+//   which costs time linear in the list's length, so the engine holds the
+//   list in slices of 64 entries refilled with TriggerLocalCopy; the JSON
+//   list (SendFileDesc) is taken once, from the whole list, by Offer.
 // - Order: UploadFiles always takes the FRONT of the upload list, whatever
 //   task id it is given; the receiver requests entries in list order, one
 //   request per entry, and the endpoint checks the announced name against
