@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
+#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -37,6 +38,17 @@ void NameThisThread(const std::string& base, const char* suffix)
 {
     const std::string name = (base + suffix).substr(0, 15);
     pthread_setname_np(pthread_self(), name.c_str());
+}
+
+// A fixed buffer size turns the kernel's autotuning off and is cut to the
+// system's limit, so it is only asked for where the limit allows it whole.
+void AskBufferSize(int fd, int option, const char* limitFile, int bytes)
+{
+    long limit = 0;
+    if (bytes <= 0 || !(std::ifstream(limitFile) >> limit) || limit < bytes) {
+        return;
+    }
+    setsockopt(fd, SOL_SOCKET, option, &bytes, sizeof bytes);
 }
 
 std::string Seconds(std::chrono::milliseconds duration)
@@ -164,10 +176,8 @@ private:
         const int fd = mSocket.Fd();
         const int noDelay = mOptions.noDelay ? 1 : 0;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
-        if (mOptions.socketBufferBytes > 0) {
-            setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &mOptions.socketBufferBytes, sizeof mOptions.socketBufferBytes);
-            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &mOptions.socketBufferBytes, sizeof mOptions.socketBufferBytes);
-        }
+        AskBufferSize(fd, SO_SNDBUF, "/proc/sys/net/core/wmem_max", mOptions.socketBufferBytes);
+        AskBufferSize(fd, SO_RCVBUF, "/proc/sys/net/core/rmem_max", mOptions.socketBufferBytes);
         timeval sendWake{};
         sendWake.tv_usec = std::chrono::microseconds(kSendWakeInterval).count();
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendWake, sizeof sendWake);

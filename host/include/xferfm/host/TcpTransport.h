@@ -51,8 +51,17 @@ struct TcpTransportOptions {
     std::chrono::milliseconds keepaliveInterval{1000};
     std::chrono::milliseconds silenceTimeout{10000};
     std::chrono::milliseconds closeFlushTimeout{2000};
-    int socketBufferBytes = 4 << 20;  // asked of the kernel for both directions; 0 leaves its default
-    bool noDelay = true;              // TCP_NODELAY: acknowledgements go out without waiting
+    // Asked of the kernel for each direction where its limit (net.core.
+    // wmem_max / rmem_max) allows that much; otherwise, and with 0, the
+    // kernel's autotuning is left alone, as it grows further than a capped
+    // fixed size would.
+    int socketBufferBytes = 4 << 20;
+    // TCP_NODELAY. Each frame is written whole by one send(), so Nagle's
+    // coalescing gains nothing, while with it a small control frame (an
+    // acknowledgement, a request) can wait for the peer's delayed ACK of
+    // the previous one. Measured on loopback (a 400 MB file, 1,500 files of
+    // 4 KB): no difference beyond run-to-run noise either way.
+    bool noDelay = true;
     FrameLimits limits;
 };
 
