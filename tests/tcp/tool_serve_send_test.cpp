@@ -1,0 +1,126 @@
+// `xferfm serve` and `xferfm send` as two processes on 127.0.0.1: a tree
+// arrives byte for byte, verified when asked, renamed on a clash, and the
+// server goes on serving one sender after another.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+
+#include "ServeProcess.h"
+#include "xferfm/host/TcpListener.h"
+
+namespace xferfm::tcptest {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+void MakeSampleTree(const std::string& root)
+{
+    WriteText(root + "/readme.txt", "hello over tcp\n");
+    WriteFile(root + "/data/big.bin", PatternBytes(3 * 1024 * 1024 + 123, 7));
+    WriteFile(root + "/data/exact-chunk.bin", PatternBytes(65536, 8));
+    WriteFile(root + "/data/deeper/still/small.bin", PatternBytes(100, 9));
+    WriteText(root + "/data/.hidden", "secret");
+    WriteText(root + "/empty-file", "");
+    fs::create_directories(root + "/empty-dir");
+    WriteText(root + "/caf\xC3\xA9 with spaces.txt", "unicode name");
+}
+
+TEST(ServeSendTest, TreeArrivesByteForByteAndVerified)
+{
+    TempDir scratch;
+    const std::string source = scratch / "tree";
+    const std::string dest = scratch / "dest";
+    MakeSampleTree(source);
+    fs::create_directories(dest);
+
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    EXPECT_NE(serve.Process().Stdout().find("listening on " + serve.Address()), std::string::npos);
+
+    const auto send = RunSend(scratch, "send", {"--verify", serve.Address(), source});
+    ASSERT_TRUE(send->Exited()) << send->Describe();
+    EXPECT_EQ(send->ExitCode(), 0) << send->Describe();
+    EXPECT_NE(send->Stdout().find("verified 7 files: SHA-256 of every copy matches its source"), std::string::npos)
+        << send->Describe();
+    EXPECT_NE(send->Stdout().find("sent 7 files"), std::string::npos) << send->Describe();
+
+    ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), 0) << serve.Process().Describe();
+    const auto sessions = LinesWith(serve.Process().Stdout(), "session 1 from 127.0.0.1:");
+    ASSERT_EQ(sessions.size(), 1u) << serve.Process().Describe();
+    EXPECT_NE(sessions[0].find(": ok: received 7 files and 5 directories"), std::string::npos) << sessions[0];
+    EXPECT_NE(sessions[0].find("verified 7 files"), std::string::npos) << sessions[0];
+
+    EXPECT_EQ(TreeDifference(source, dest + "/tree"), "");
+    EXPECT_EQ(NamesIn(dest), std::vector<std::string>{"tree"}) << "no cache directory is left behind";
+}
+
+TEST(ServeSendTest, OneSenderAfterAnotherWithRenameOnClash)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    WriteText(scratch / "one/a.txt", "first");
+    WriteText(scratch / "report.pdf", "pdf bytes");
+
+    ServeProcess serve(scratch, dest);
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    for (int round = 0; round < 2; ++round) {
+        const auto send = RunSend(scratch, "send" + std::to_string(round),
+                                  {serve.Address(), scratch / "one", scratch / "report.pdf"});
+        ASSERT_TRUE(send->Exited()) << send->Describe();
+        EXPECT_EQ(send->ExitCode(), 0) << send->Describe();
+    }
+    const auto sessions = serve.WaitForSessions(2, 10s);
+    ASSERT_EQ(sessions.size(), 2u) << serve.Process().Describe();
+    EXPECT_NE(sessions[0].find("session 1 from"), std::string::npos);
+    EXPECT_NE(sessions[1].find("session 2 from"), std::string::npos);
+    EXPECT_NE(sessions[1].find("already existed, so received 'one' as 'one(1)', 'report.pdf' as 'report(1).pdf'"),
+              std::string::npos)
+        << sessions[1];
+    EXPECT_EQ(NamesIn(dest), (std::vector<std::string>{"one", "one(1)", "report(1).pdf", "report.pdf"}));
+    EXPECT_EQ(TreeDifference(scratch / "one", dest + "/one(1)"), "");
+
+    serve.Process().Signal(SIGTERM);
+    ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), 130);
+}
+
+TEST(ServeSendTest, SendToNobodyFailsClearly)
+{
+    TempDir scratch;
+    WriteText(scratch / "a.txt", "x");
+    // A port that was free a moment ago and has nobody listening now.
+    uint16_t port = 0;
+    {
+        std::string error;
+        TcpListener probe(HostPort{"127.0.0.1", 0}, error);
+        port = probe.Port();
+    }
+    const auto send = RunSend(scratch, "send", {"127.0.0.1:" + std::to_string(port), scratch / "a.txt"});
+    ASSERT_TRUE(send->Exited());
+    EXPECT_EQ(send->ExitCode(), 1) << send->Describe();
+    EXPECT_NE(send->Stderr().find("cannot connect to 127.0.0.1:" + std::to_string(port)), std::string::npos)
+        << send->Describe();
+}
+
+TEST(ServeSendTest, BadArgumentsAreUsageErrors)
+{
+    TempDir scratch;
+    const auto badAddress = RunSend(scratch, "bad-address", {"no-port-here", scratch.Path()});
+    EXPECT_EQ(badAddress->ExitCode(), 2) << badAddress->Describe();
+
+    ChildProcess missingDest(ToolPath(), {"serve", "--once", scratch / "missing"}, scratch / "serve-missing");
+    ASSERT_TRUE(missingDest.WaitExit(10s));
+    EXPECT_EQ(missingDest.ExitCode(), 5) << missingDest.Describe();
+    EXPECT_NE(missingDest.Stderr().find("cannot receive into"), std::string::npos) << missingDest.Describe();
+
+    const auto missingSource =
+        RunSend(scratch, "missing-source", {"127.0.0.1:1", scratch / "does-not-exist"});
+    EXPECT_EQ(missingSource->ExitCode(), 3) << missingSource->Describe();
+}
+
+}  // namespace
+}  // namespace xferfm::tcptest
