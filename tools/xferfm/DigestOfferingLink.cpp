@@ -10,8 +10,12 @@ bool startsWith(const std::string& text, const char* prefix) { return text.rfind
 }  // namespace
 
 DigestOfferingLink::DigestOfferingLink(std::unique_ptr<host::ITransport> inner, host::FileDigests digests,
-                                       std::shared_ptr<RemoteVerdict> verdict)
-    : mInner(std::move(inner)), mDigests(std::move(digests)), mVerdict(std::move(verdict))
+                                       std::shared_ptr<RemoteVerdict> verdict,
+                                       std::function<void(const std::string&)> onLinkLost)
+    : mInner(std::move(inner)),
+      mDigests(std::move(digests)),
+      mVerdict(std::move(verdict)),
+      mOnLinkLost(std::move(onLinkLost))
 {
 }
 
@@ -39,6 +43,7 @@ void DigestOfferingLink::Close() { mInner->Close(); }
 void DigestOfferingLink::OnMessage(host::Message message)
 {
     if (const auto* goodbye = std::get_if<host::Disconnect>(&message)) {
+        mGoodbyeReceived = true;
         if (goodbye->completed && startsWith(goodbye->reason, kVerifiedPrefix)) {
             mVerdict->set(RemoteVerdict::State::kVerified, goodbye->reason);
         } else if (startsWith(goodbye->reason, kVerifyFailedPrefix)) {
@@ -52,6 +57,12 @@ void DigestOfferingLink::OnMessage(host::Message message)
     mHandler->OnMessage(std::move(message));
 }
 
-void DigestOfferingLink::OnTransportClosed(const std::string& reason) { mHandler->OnTransportClosed(reason); }
+void DigestOfferingLink::OnTransportClosed(const std::string& reason)
+{
+    if (mOnLinkLost && !mGoodbyeReceived) {
+        mOnLinkLost(reason);
+    }
+    mHandler->OnTransportClosed(reason);
+}
 
 }  // namespace xferfm::cli

@@ -133,6 +133,9 @@ int runSend(const SendOptions& options, ToolContext& context)
     ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
     SendProgress progress(tracker, plan);
     auto verdict = std::make_shared<RemoteVerdict>();
+    // The link's own words when it is lost: the endpoint may report the
+    // engine's view of the same event (a transfer failed) before its own.
+    auto linkLoss = std::make_shared<RemoteVerdict>();
 
     host::SenderOptions senderOptions;
     senderOptions.ackWindow = options.window;
@@ -146,7 +149,8 @@ int runSend(const SendOptions& options, ToolContext& context)
     host::TransferSummary summary;
     {
         auto link = std::make_unique<DigestOfferingLink>(
-            std::make_unique<host::TcpTransport>(std::move(connection), linkOptions), digests, verdict);
+            std::make_unique<host::TcpTransport>(std::move(connection), linkOptions), digests, verdict,
+            [linkLoss](const std::string& reason) { linkLoss->set(RemoteVerdict::State::kFailed, reason); });
         host::SenderEndpoint sender(std::move(link), senderOptions);
         if (!sender.Offer(options.sources, error)) {
             context.engineLog.silence();
@@ -177,6 +181,10 @@ int runSend(const SendOptions& options, ToolContext& context)
     }
     if (verdict->state() == RemoteVerdict::State::kFailed) {
         throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + verdict->text());
+    }
+    if (!summary.completed && linkLoss->state() == RemoteVerdict::State::kFailed) {
+        throw ToolError(ExitCode::kTransferFailed,
+                        "send failed: the link to the receiver was lost: " + linkLoss->text());
     }
     if (!summary.completed) {
         const std::string failure = progress.failure();
