@@ -248,6 +248,8 @@ bool RawClient::ReadMessagesUntil(const std::function<bool(const std::vector<Mes
     return true;
 }
 
+void RawClient::FinishSending() { ::shutdown(mSocket.Fd(), SHUT_WR); }
+
 void RawClient::Abort()
 {
     linger hardClose{1, 0};

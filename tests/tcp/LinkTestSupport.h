@@ -97,6 +97,8 @@ public:
     // the peer closes or `timeout` passes.
     bool ReadMessagesUntil(const std::function<bool(const std::vector<Message>&)>& done,
                            std::vector<Message>& messages, std::chrono::milliseconds timeout);
+    // Ends our direction of the stream; the peer can still answer.
+    void FinishSending();
     // Closes with a reset instead of an orderly end of stream.
     void Abort();
     void Close() { mSocket.Reset(); }

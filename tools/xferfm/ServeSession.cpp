@@ -158,18 +158,20 @@ ServeSessionResult runServeSession(host::TcpSocket connection, const std::string
     host::TransferSummary summary;
     bool listTimedOut = false;
     bool interrupted = false;
+    std::string startFailure;
     {
         host::ReceiverEndpoint receiver(std::move(link), options);
         std::string error;
-        if (!receiver.Start(error)) {
-            result.line = prefix + "failed: cannot receive into " + destinationDir + ": " + error;
-            return result;
-        }
-        {
+        if (receiver.Start(error)) {
             std::lock_guard<std::mutex> lock(activeCache.mutex);
             activeCache.path = receiver.CacheDirectory();
+        } else {
+            // A link that broke at once ends the endpoint before it starts;
+            // its summary then holds the link's reason.
+            const std::string failure = receiver.Finished() ? receiver.Summary().error : "";
+            startFailure = failure.empty() ? "cannot receive into " + destinationDir + ": " + error : failure;
         }
-        while (!receiver.WaitFinished(kPollInterval)) {
+        while (startFailure.empty() && !receiver.WaitFinished(kPollInterval)) {
             if (context.signals.interrupted() && !interrupted) {
                 interrupted = true;
                 receiver.Cancel();
@@ -190,6 +192,8 @@ ServeSessionResult runServeSession(host::TcpSocket connection, const std::string
 
     if (refusal->state() == RemoteVerdict::State::kFailed) {
         result.line = prefix + "failed: " + refusal->text();
+    } else if (!startFailure.empty()) {
+        result.line = prefix + "failed: " + startFailure;
     } else if (verdict->state() == RemoteVerdict::State::kFailed) {
         result.outcome = ServeSessionResult::Outcome::kVerifyFailed;
         result.line = prefix + "failed: " + verdict->text();
