@@ -48,4 +48,10 @@ separate_arguments(flags UNIX_COMMAND "${flags}")
 run_step(${CXX_COMPILER} -std=c++17 ${SOURCE_DIR}/tests/packaging/consumer/consumer.cpp ${flags}
          -o ${WORK_DIR}/pkgconfig-consumer)
 run_step(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/lib ${WORK_DIR}/pkgconfig-consumer)
-message(STATUS "consumer builds and runs through find_package and pkg-config")
+
+# The example host must keep building against what is installed, and run.
+run_step(${CXX_COMPILER} -std=c++17 -pthread ${SOURCE_DIR}/examples/minimal_host.cpp ${flags}
+         -o ${WORK_DIR}/minimal-host)
+file(WRITE ${WORK_DIR}/offered.txt "offered")
+run_step(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/lib ${WORK_DIR}/minimal-host ${WORK_DIR}/offered.txt)
+message(STATUS "consumer and example host build and run against the installed package")
