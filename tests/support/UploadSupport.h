@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "TestSupport.h"
 
 namespace orin::xfer::test {
@@ -52,6 +54,26 @@ bool WaitForWorkerEnd(const CapturingLogger& logger, const std::string& fileName
 // True once every job posted to the main looper before this call has run.
 bool DrainMainLooper(OrinFileTransferManager& manager,
                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Common ground of the upload suites: a capturing sink, a manager wired to
+// recording collaborators, a scratch directory, and transfer ids from 3.
+class UploadTest : public ::testing::Test {
+protected:
+    explicit UploadTest(bool flowControl = false) : fixture(flowControl) {}
+
+    void SetUp() override { OrinFileTransferManager::mTaskId = 1; }
+
+    // Waits until the worker has left its loop and its hand-offs have run.
+    void Finish(const std::string& name)
+    {
+        ASSERT_TRUE(WaitForWorkerEnd(*logger, name));
+        ASSERT_TRUE(DrainMainLooper(*fixture.manager));
+    }
+
+    ScopedCapturingLogger logger;
+    ManagerFixture fixture;
+    TempDir dir;
+};
 
 // Count of "doFileUploadTask readbytes=" lines: chunks the worker has read.
 size_t ChunksRead(const CapturingLogger& logger);

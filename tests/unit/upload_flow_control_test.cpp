@@ -25,25 +25,15 @@ std::vector<std::string> NamesOf(const std::vector<RateLimiterCall>& calls)
     return names;
 }
 
-class FlowControlTest : public ::testing::Test {
+class FlowControlTest : public UploadTest {
 protected:
-    FlowControlTest() : fixture(true) {}
+    FlowControlTest() : UploadTest(true) {}
 
     void SetUp() override
     {
-        OrinFileTransferManager::mTaskId = 1;
+        UploadTest::SetUp();
         fixture.manager->SetUploadWindowsSize(100000);
     }
-
-    void Finish(const std::string& name)
-    {
-        ASSERT_TRUE(WaitForWorkerEnd(*logger, name));
-        ASSERT_TRUE(DrainMainLooper(*fixture.manager));
-    }
-
-    ScopedCapturingLogger logger;
-    ManagerFixture fixture;
-    TempDir dir;
 };
 
 TEST_F(FlowControlTest, EachLaterChunkWaitsForThePreviousOnesShare)

@@ -10,11 +10,11 @@ namespace {
 constexpr size_t kChunk = 65536;
 constexpr auto kPatience = std::chrono::seconds(45);
 
-class UnacknowledgedWindowTest : public ::testing::Test {
+class UnacknowledgedWindowTest : public UploadTest {
 protected:
     void SetUp() override
     {
-        OrinFileTransferManager::mTaskId = 1;
+        UploadTest::SetUp();
         fixture.manager->mUploadFileList = {TopLevelFile(dir.Path(), "queued-1", 1),
                                             TopLevelFile(dir.Path(), "queued-2", 1)};
     }
@@ -46,9 +46,6 @@ protected:
         EXPECT_EQ(fixture.listener.Count("onClipboardRelease"), 0u);
     }
 
-    ScopedCapturingLogger logger;
-    ManagerFixture fixture;
-    TempDir dir;
 };
 
 TEST_F(UnacknowledgedWindowTest, FullWindowWaitsThirtySecondsThenQuits)

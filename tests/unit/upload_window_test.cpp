@@ -11,14 +11,7 @@ namespace {
 
 constexpr size_t kChunk = 65536;
 
-class UploadWindowTest : public ::testing::Test {
-protected:
-    void SetUp() override { OrinFileTransferManager::mTaskId = 1; }
-
-    ScopedCapturingLogger logger;
-    ManagerFixture fixture;
-    TempDir dir;
-};
+class UploadWindowTest : public UploadTest {};
 
 TEST_F(UploadWindowTest, SettingTheWindowIsLogged)
 {

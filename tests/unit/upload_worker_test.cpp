@@ -12,25 +12,14 @@ namespace {
 
 constexpr size_t kChunk = 65536;
 
-class UploadWorkerTest : public ::testing::Test {
+class UploadWorkerTest : public UploadTest {
 protected:
     void SetUp() override
     {
-        OrinFileTransferManager::mTaskId = 1;
+        UploadTest::SetUp();
         // Large enough that no window wait happens in these tests.
         fixture.manager->SetUploadWindowsSize(100000);
     }
-
-    // Waits until the worker has left its loop and its hand-offs have run.
-    void Finish(const std::string& name)
-    {
-        ASSERT_TRUE(WaitForWorkerEnd(*logger, name));
-        ASSERT_TRUE(DrainMainLooper(*fixture.manager));
-    }
-
-    ScopedCapturingLogger logger;
-    ManagerFixture fixture;
-    TempDir dir;
 };
 
 class UploadSizeTest : public UploadWorkerTest, public ::testing::WithParamInterface<size_t> {};
