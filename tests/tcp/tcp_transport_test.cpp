@@ -405,7 +405,7 @@ TEST_F(RawPeerTest, StreamCutInsideAFrameIsReported)
     std::vector<uint8_t> partial = FrameHeader(0x15, 8 + 1000);
     partial.resize(partial.size() + 100, 0);
     ASSERT_TRUE(raw->SendBytes(partial));
-    raw->Close();
+    raw->FinishSending();  // an end of stream, not a reset by unread bytes
     ASSERT_TRUE(handler.WaitForClose(5s));
     EXPECT_NE(handler.CloseReason().find("cut short: the stream ended inside a file-data frame"), std::string::npos)
         << handler.CloseReason();
