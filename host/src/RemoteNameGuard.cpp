@@ -85,28 +85,39 @@ bool IsValidUtf8(const std::string& text)
     return true;
 }
 
-std::string QuoteRemoteName(const std::string& name)
+namespace {
+
+// Copies `text` with every control character and every byte outside a
+// valid UTF-8 sequence written as \xNN; `escapeQuoting` also escapes '"'
+// and '\\' for a quoted name.
+std::string Escaped(const std::string& text, bool escapeQuoting)
 {
-    std::string quoted = "\"";
-    for (size_t at = 0; at < name.size();) {
-        const auto byte = static_cast<uint8_t>(name[at]);
-        const size_t length = Utf8SequenceLength(name, at);
-        if (byte == '"' || byte == '\\') {
-            quoted += '\\';
-            quoted += static_cast<char>(byte);
+    std::string out;
+    for (size_t at = 0; at < text.size();) {
+        const auto byte = static_cast<uint8_t>(text[at]);
+        const size_t length = Utf8SequenceLength(text, at);
+        if (escapeQuoting && (byte == '"' || byte == '\\')) {
+            out += '\\';
+            out += static_cast<char>(byte);
             ++at;
         } else if (length > 1 || (length == 1 && byte >= 0x20 && byte != 0x7F)) {
-            quoted.append(name, at, length);
+            out.append(text, at, length);
             at += length;
         } else {
             char escaped[8];
             std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
-            quoted += escaped;
+            out += escaped;
             ++at;
         }
     }
-    return quoted + "\"";
+    return out;
 }
+
+}  // namespace
+
+std::string QuoteRemoteName(const std::string& name) { return "\"" + Escaped(name, true) + "\""; }
+
+std::string PrintableText(const std::string& text) { return Escaped(text, false); }
 
 bool CheckRemoteName(const std::string& name, std::string& error)
 {

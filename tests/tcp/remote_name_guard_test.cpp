@@ -141,6 +141,12 @@ TEST(RemoteNameGuardTest, QuotingEscapesWhatATerminalWouldInterpret)
     EXPECT_EQ(QuoteRemoteName("\x1b[2J\xFF"), "\"\\x1B[2J\\xFF\"");
 }
 
+TEST(RemoteNameGuardTest, PrintableTextKeepsTheTerminalSafe)
+{
+    EXPECT_EQ(PrintableText("plain \"text\" \\ caf\xC3\xA9"), "plain \"text\" \\ caf\xC3\xA9");
+    EXPECT_EQ(PrintableText("\x1b]0;owned\x07\r\nnext\xFF"), "\\x1B]0;owned\\x07\\x0D\\x0Anext\\xFF");
+}
+
 class DestinationParentsTest : public ::testing::Test {
 protected:
     void SetUp() override

@@ -13,6 +13,7 @@
 #include "Sha256.h"
 #include "SourcePlan.h"
 #include "ToolError.h"
+#include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/SenderEndpoint.h"
 #include "xferfm/host/TcpTransport.h"
 #include "xferfm/host/TransferObserver.h"
@@ -179,20 +180,21 @@ int runSend(const SendOptions& options, ToolContext& context)
     if (context.signals.interrupted()) {
         throw ToolError(ExitCode::kInterrupted, "interrupted; the receiver removes the file that was in flight");
     }
+    // What the receiver said is shown with its control bytes escaped.
     if (verdict->state() == RemoteVerdict::State::kFailed) {
-        throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + verdict->text());
+        throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + host::PrintableText(verdict->text()));
     }
     if (!summary.completed && linkLoss->state() == RemoteVerdict::State::kFailed) {
         throw ToolError(ExitCode::kTransferFailed,
-                        "send failed: the link to the receiver was lost: " + linkLoss->text());
+                        "send failed: the link to the receiver was lost: " + host::PrintableText(linkLoss->text()));
     }
     if (!summary.completed) {
         const std::string failure = progress.failure();
         throw ToolError(ExitCode::kTransferFailed,
-                        "send failed: " + (failure.empty() ? summary.error : failure));
+                        "send failed: " + host::PrintableText(failure.empty() ? summary.error : failure));
     }
     if (verdict->state() == RemoteVerdict::State::kVerified) {
-        std::cout << verdict->text() << "\n";
+        std::cout << host::PrintableText(verdict->text()) << "\n";
     }
     std::cout << summaryLine(summary, options.address, seconds) << std::endl;
     return toInt(ExitCode::kOk);

@@ -9,6 +9,7 @@
 #include "DigestCheckingLink.h"
 #include "Sha256.h"
 #include "xferfm/host/ReceiverEndpoint.h"
+#include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 #include "xferfm/host/TcpTransport.h"
 #include "xferfm/host/TransferObserver.h"
@@ -210,6 +211,8 @@ ServeSessionResult runServeSession(host::TcpSocket connection, const std::string
         result.outcome = ServeSessionResult::Outcome::kOk;
         result.line = prefix + describeSuccess(summary, seconds, observer, *verdict);
     }
+    // The line quotes what the sender said: keep its bytes off the terminal.
+    result.line = host::PrintableText(result.line);
     return result;
 }
 

@@ -33,6 +33,11 @@ bool IsValidUtf8(const std::string& text);
 // are, quotes and backslashes escaped, anything else as \xNN.
 std::string QuoteRemoteName(const std::string& name);
 
+// Free text from the network (an error message, a reason) made safe to
+// print: control characters and bytes that are not valid UTF-8 become
+// \xNN, so a peer cannot drive the terminal that shows them.
+std::string PrintableText(const std::string& text);
+
 // For a name that passed CheckRemoteName: lstat()s each parent component
 // of destinationRoot/name that exists and refuses the name if one is a
 // symbolic link. A parent that does not exist yet is fine (it will be
