@@ -449,7 +449,7 @@ private:
         if (mOptions.observer == nullptr) {
             return;
         }
-        std::lock_guard<std::mutex> lock(mObserverMutex);
+        std::lock_guard<std::recursive_mutex> lock(mObserverMutex);
         call(*mOptions.observer);
     }
 
@@ -508,7 +508,9 @@ private:
     // NotifyUpload): the engine's lists are not guarded against concurrent
     // host calls. Never taken inside a listener callback.
     std::mutex mEngineMutex;
-    std::mutex mObserverMutex;
+    // Recursive: an observer may call Cancel() from a callback, and the
+    // OnFailure/OnFinished that Cancel reports then come on the same thread.
+    std::recursive_mutex mObserverMutex;
 
     mutable std::mutex mMutex;  // guards everything below
     std::condition_variable mChanged;
