@@ -439,7 +439,10 @@ private:
         if (outcome == Outcome::kFailed) {
             notifyObserver([&](SenderObserver& observer) { observer.OnFailure(path, message); });
         }
-        notifyObserver([&](SenderObserver& observer) { observer.OnFinished(summary); });
+        notifyObserver([&](SenderObserver& observer) {
+            observer.OnFinished(summary);
+            mObserverFinished = true;
+        });
         return true;
     }
 
@@ -450,6 +453,9 @@ private:
             return;
         }
         std::lock_guard<std::recursive_mutex> lock(mObserverMutex);
+        if (mObserverFinished) {
+            return;  // a data hand-off that lost the race with finish(): OnFinished stays the last call
+        }
         call(*mOptions.observer);
     }
 
@@ -511,6 +517,7 @@ private:
     // Recursive: an observer may call Cancel() from a callback, and the
     // OnFailure/OnFinished that Cancel reports then come on the same thread.
     std::recursive_mutex mObserverMutex;
+    bool mObserverFinished = false;  // guarded by mObserverMutex
 
     mutable std::mutex mMutex;  // guards everything below
     std::condition_variable mChanged;
