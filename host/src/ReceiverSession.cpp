@@ -338,9 +338,12 @@ void ReceiverEndpoint::Impl::abortEngine()
         }
         lockBarrier();
         lock.lock();
+        // A completed file has already woken its RequestFile, which is now
+        // taking the file off the engine's pending list: Cancel clears that
+        // list without a lock, so such a request must return first.
         mChanged.wait_for(lock, kWriterDrainLimit, [this] {
             return mRequestsPosted == mRequestsReturned ||
-                   mCurrent.chunksAccounted >= mCurrent.chunksSubmitted;
+                   (mCurrent.chunksAccounted >= mCurrent.chunksSubmitted && !mCurrent.completed);
         });
     }
     lock.unlock();
