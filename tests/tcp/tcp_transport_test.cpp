@@ -267,6 +267,8 @@ TEST_F(TcpTransportTest, CloseReleasesASenderWaitingForRoom)
     EXPECT_FALSE(lastResult.load());
     sender.join();
     release = true;
+    // The hook reads `release`: its delivery thread must be done before this frame goes.
+    server->Close();
 }
 
 TEST_F(TcpTransportTest, SilentPeerIsDetected)
