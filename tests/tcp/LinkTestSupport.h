@@ -83,10 +83,13 @@ struct SocketPair {
 };
 SocketPair ConnectLoopbackPair();
 
-// A client that writes raw bytes to a server and reads its raw reply.
+// A client that writes raw bytes to a server and reads its raw reply (or
+// the same from the server's side of an accepted connection).
 class RawClient {
 public:
     explicit RawClient(uint16_t port);
+    // Speaks over a socket that is already connected (an accepted one).
+    explicit RawClient(TcpSocket connected) : mSocket(std::move(connected)) {}
     bool Connected() const { return mSocket.Valid(); }
     bool SendBytes(const std::vector<uint8_t>& bytes);
     bool SendHello();
