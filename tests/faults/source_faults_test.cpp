@@ -1,0 +1,150 @@
+// Faults on the sending side's disk while a file is read: the file cut
+// short, grown, or deleted. A copy may never land a file whose bytes are
+// not the ones the sender announced; when it cannot, it fails with one
+// error naming the file, and the process can copy again afterwards.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "CopySession.h"
+#include "FaultCopy.h"
+#include "HostTestSupport.h"
+#include "TestSupport.h"
+
+namespace orin::xfer::host::test {
+namespace {
+
+using namespace std::chrono_literals;
+using orin::xfer::test::PatternBytes;
+using orin::xfer::test::ReadBytes;
+using orin::xfer::test::TempDir;
+
+constexpr auto kCopyLimit = 20s;
+constexpr uint64_t kChunk = 65536;
+constexpr uint64_t kSize = 16 * kChunk + 100;
+
+std::string joined(const std::vector<std::string>& problems)
+{
+    std::string text;
+    for (const auto& problem : problems) {
+        text += "\n  " + problem;
+    }
+    return text;
+}
+
+class SourceFaults : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        MakeDirectory(scratch.Join("src"));
+        source = scratch.Join("src/data.bin");
+        WriteFile(source, PatternBytes(kSize, 1));
+        destination = scratch.Join("dest");
+        MakeDirectory(destination);
+        options.sender.ackWindow = 2;  // the sender reads only a little ahead of the receiver
+        options.stallTimeout = 3s;     // a sender that stops sending is given up on quickly
+    }
+
+    // Runs the copy, calling `fault` once when the receiver has written two chunks.
+    void RunWithFaultMidFile(const std::function<void()>& fault)
+    {
+        copy = std::make_unique<CopySession>(destination, options);
+        bool struck = false;
+        copy->observer.onProgress = [&](const std::string&, uint64_t done) {
+            if (done >= 2 * kChunk && !struck) {
+                struck = true;
+                fault();
+            }
+        };
+        std::string error;
+        ASSERT_TRUE(copy->Begin({source}, error)) << error;
+        ASSERT_TRUE(copy->WaitBoth(kCopyLimit));
+        ASSERT_TRUE(struck);
+    }
+
+    QuietEngineLog quiet;
+    TempDir scratch;
+    std::string source;
+    std::string destination;
+    CopySessionOptions options;
+    std::unique_ptr<CopySession> copy;
+};
+
+TEST_F(SourceFaults, AFileCutShortWhileReadFailsNamingIt)
+{
+    RunWithFaultMidFile([&] { ASSERT_EQ(truncate(source.c_str(), 3 * kChunk + 7), 0); });
+    const auto problems = CheckCleanFailure(*copy, scratch.Join("src"), destination, destination + "/data.bin");
+    EXPECT_TRUE(problems.empty()) << joined(problems);
+    EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
+    copy.reset();
+    EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
+}
+
+// The sender announced the size it saw; bytes appended later are not part
+// of this copy. Either the announced bytes land whole or the copy fails
+// naming the file: never a mix.
+TEST_F(SourceFaults, AFileGrownWhileReadLandsAsAnnouncedOrFailsNamingIt)
+{
+    RunWithFaultMidFile([&] {
+        const auto more = PatternBytes(5 * kChunk, 2);
+        FILE* file = fopen(source.c_str(), "ab");
+        ASSERT_NE(file, nullptr);
+        ASSERT_EQ(fwrite(more.data(), 1, more.size(), file), more.size());
+        fclose(file);
+    });
+    const TransferSummary summary = copy->receiver->Summary();
+    if (summary.completed) {
+        EXPECT_EQ(ReadBytes(destination + "/data.bin"), PatternBytes(kSize, 1));
+    } else {
+        const auto problems = CheckCleanFailure(*copy, scratch.Join("src"), destination, destination + "/data.bin");
+        EXPECT_TRUE(problems.empty()) << joined(problems);
+        EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
+    }
+    copy.reset();
+    EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
+}
+
+// Deleting a file that is open only takes its name away: the bytes being
+// read stay readable, so the copy may complete with them, or fail cleanly.
+TEST_F(SourceFaults, AFileDeletedWhileReadLandsWholeOrFailsNamingIt)
+{
+    const auto original = PatternBytes(kSize, 1);
+    RunWithFaultMidFile([&] { ASSERT_EQ(unlink(source.c_str()), 0); });
+    const TransferSummary summary = copy->receiver->Summary();
+    if (summary.completed) {
+        EXPECT_EQ(ReadBytes(destination + "/data.bin"), original);
+    } else {
+        EXPECT_NE(summary.error.find("data.bin"), std::string::npos) << summary.error;
+        EXPECT_EQ(copy->observer.Count("failure"), 1u);
+        EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
+    }
+    copy.reset();
+    EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
+}
+
+// Deleted after it was listed, before its turn: named by its source path.
+TEST_F(SourceFaults, AFileDeletedBeforeItsTurnFailsNamingItsSource)
+{
+    WriteFile(scratch.Join("src/a-first.bin"), PatternBytes(3 * kChunk, 3));
+    CopySession session(destination, options);
+    session.observer.onFileStarted = [&](const std::string& name) {
+        if (name == "a-first.bin") {
+            unlink(source.c_str());
+        }
+    };
+    std::string error;
+    ASSERT_TRUE(session.Begin({scratch.Join("src/a-first.bin"), source}, error)) << error;
+    ASSERT_TRUE(session.WaitBoth(kCopyLimit));
+    const auto problems = CheckCleanFailure(session, scratch.Join("src"), destination, source);
+    EXPECT_TRUE(problems.empty()) << joined(problems);
+    EXPECT_EQ(ListTree(destination), std::vector<std::string>{"a-first.bin"});
+    EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
+}
+
+}  // namespace
+}  // namespace orin::xfer::host::test
