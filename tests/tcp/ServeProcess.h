@@ -6,6 +6,7 @@
 #pragma once
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -36,6 +37,21 @@ inline std::vector<std::string> LinesWith(const std::string& text, const std::st
         start = end + 1;
     }
     return found;
+}
+
+// True once some bytes of `name` sit in a receiver's cache under `dest`.
+inline bool PartialFileInCache(const std::string& dest, const std::string& name)
+{
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    for (auto it = fs::recursive_directory_iterator(dest, ignored); it != fs::recursive_directory_iterator();
+         it.increment(ignored)) {
+        if (it->path().string().find("/.xferfm-cache-") != std::string::npos && it->path().filename() == name &&
+            it->is_regular_file(ignored) && it->file_size(ignored) > 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // A running `xferfm serve --listen 127.0.0.1:0 --port-file ... DEST`.

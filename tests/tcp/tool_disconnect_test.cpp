@@ -20,21 +20,6 @@ constexpr size_t kBigFileBytes = 48u << 20;
 // lands while it is in flight.
 const std::string kSlowBandwidthKbps = "8000";
 
-// True once some bytes of `name` sit in the receiver's cache under `dest`.
-bool PartialFileInCache(const std::string& dest, const std::string& name)
-{
-    std::error_code ignored;
-    for (auto it = fs::recursive_directory_iterator(dest, ignored); it != fs::recursive_directory_iterator();
-         it.increment(ignored)) {
-        const std::string path = it->path().string();
-        if (path.find("/.xferfm-cache-") != std::string::npos && it->path().filename() == name &&
-            it->is_regular_file(ignored) && it->file_size(ignored) > 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
 class DisconnectTest : public ::testing::Test {
 protected:
     void SetUp() override

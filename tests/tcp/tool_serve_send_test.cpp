@@ -88,6 +88,42 @@ TEST(ServeSendTest, OneSenderAfterAnotherWithRenameOnClash)
     EXPECT_EQ(serve.Process().ExitCode(), 130);
 }
 
+TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    WriteFile(scratch / "slow/big.bin", PatternBytes(32u << 20, 5));
+    WriteText(scratch / "quick/q.txt", "quick");
+
+    ServeProcess serve(scratch, dest);
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    // About 1 MB/s, so the first session is surely still running.
+    ChildProcess first(ToolPath(), {"send", "--no-progress", "--bandwidth", "8000", serve.Address(), scratch / "slow"},
+                       scratch / "first");
+    ASSERT_TRUE(WaitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 30s)) << first.Describe();
+
+    const auto second = RunSend(scratch, "second", {serve.Address(), scratch / "quick"}, 20s);
+    ASSERT_TRUE(second->Exited()) << second->Describe();
+    EXPECT_EQ(second->ExitCode(), 1) << second->Describe();
+    EXPECT_NE(second->Stderr().find("xferfm serve is busy with another sender (session 1); try again when it is done"),
+              std::string::npos)
+        << second->Describe();
+    EXPECT_FALSE(fs::exists(dest + "/quick"));
+
+    first.Signal(SIGINT);  // a cancelled sender: its session ends, the next one may come
+    ASSERT_TRUE(first.WaitExit(20s)) << first.Describe();
+    EXPECT_EQ(first.ExitCode(), 130) << first.Describe();
+    const auto sessions = serve.WaitForSessions(1, 10s);
+    ASSERT_EQ(sessions.size(), 1u) << serve.Process().Describe();
+    EXPECT_NE(sessions[0].find(": failed: "), std::string::npos) << sessions[0];
+    EXPECT_FALSE(fs::exists(dest + "/slow/big.bin"));
+
+    const auto third = RunSend(scratch, "third", {serve.Address(), scratch / "quick"});
+    EXPECT_EQ(third->ExitCode(), 0) << third->Describe() << serve.Process().Describe();
+    EXPECT_EQ(TreeDifference(scratch / "quick", dest + "/quick"), "");
+}
+
 TEST(ServeSendTest, SendToNobodyFailsClearly)
 {
     TempDir scratch;

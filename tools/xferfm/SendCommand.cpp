@@ -155,6 +155,12 @@ int runSend(const SendOptions& options, ToolContext& context)
         host::SenderEndpoint sender(std::move(link), senderOptions);
         if (!sender.Offer(options.sources, error)) {
             context.engineLog.silence();
+            // The receiver may have ended the session before anything was
+            // offered (a busy server): that, not the sources, is the news.
+            if (sender.Finished() && !sender.Summary().error.empty()) {
+                throw ToolError(ExitCode::kTransferFailed,
+                                "send failed: " + host::PrintableText(sender.Summary().error));
+            }
             throw ToolError(ExitCode::kSourceUnreadable, "cannot read sources: " + error);
         }
         ScopedSignalHooks hooks(

@@ -8,10 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <deque>
 #include <iostream>
 #include <thread>
 
 #include "ServeSession.h"
+#include "WaitingRoom.h"
 #include "ToolError.h"
 #include "TreeRemoval.h"
 #include "xferfm/host/TcpListener.h"
@@ -22,6 +24,10 @@ namespace {
 namespace host = orin::xfer::host;
 
 constexpr std::chrono::milliseconds kAcceptWait{200};
+// A sender that connects during a session waits this long for its turn:
+// enough for back-to-back senders, well inside its link's 10 s silence
+// timeout, after which it is told the server is busy.
+constexpr std::chrono::milliseconds kWaitingPatience{4000};
 
 // DEST_DIR as an absolute path, or ToolError when it cannot receive.
 std::string usableDestination(const std::string& destinationDir)
@@ -106,23 +112,39 @@ int runServe(const ServeOptions& options, ToolContext& context)
         });
 
     unsigned sessions = 0;
+    std::deque<WaitingSender> waiting;  // connected while the last session ran
     while (!context.signals.interrupted()) {
         host::TcpSocket connection;
-        const auto accepted = listener.Accept(kAcceptWait, connection, error);
-        if (accepted == host::TcpListener::AcceptResult::kTimedOut) {
-            continue;
+        if (!waiting.empty()) {
+            connection = std::move(waiting.front().connection);
+            waiting.pop_front();
+        } else {
+            const auto accepted = listener.Accept(kAcceptWait, connection, error);
+            if (accepted == host::TcpListener::AcceptResult::kTimedOut) {
+                continue;
+            }
+            if (accepted == host::TcpListener::AcceptResult::kFailed) {
+                // Out of descriptors and the like: say so, then try again
+                // rather than leave the senders that will come later.
+                context.console.writeLine("xferfm serve: " + error);
+                std::this_thread::sleep_for(kAcceptWait);
+                continue;
+            }
         }
-        if (accepted == host::TcpListener::AcceptResult::kFailed) {
-            // Out of descriptors and the like: say so, then try again
-            // rather than leave the senders that will come later.
-            context.console.writeLine("xferfm serve: " + error);
-            std::this_thread::sleep_for(kAcceptWait);
-            continue;
-        }
+        ++sessions;
+        const std::string busy = "xferfm serve is busy with another sender (session " + std::to_string(sessions) +
+                                 "); try again when it is done";
+        WaitingRoom room(listener, std::move(waiting), kWaitingPatience, busy, [&context](const std::string& peer) {
+            context.console.writeLine("xferfm serve: turned away " + peer + ": busy with another sender");
+        });
         const ServeSessionResult result =
-            runServeSession(std::move(connection), destination, ++sessions, context, activeCache);
+            runServeSession(std::move(connection), destination, sessions, context, activeCache);
+        waiting = room.Leave();
         std::cout << result.line << std::endl;
         if (options.once) {
+            for (const WaitingSender& sender : waiting) {
+                WaitingRoom::TurnAway(sender.connection, "xferfm serve has finished its one session");
+            }
             return exitCodeOf(result.outcome);
         }
     }

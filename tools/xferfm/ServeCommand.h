@@ -1,5 +1,7 @@
 // `xferfm serve DEST_DIR`: listens for `xferfm send` and receives one
 // sender at a time into DEST_DIR, printing one line per session on stdout.
+// A sender that connects while a session runs waits a few seconds for its
+// turn, then is turned away with a "busy" reason (WaitingRoom).
 // A failed or hostile session never stops the server; the next sender is
 // accepted as soon as the previous session has been cleaned up.
 //
