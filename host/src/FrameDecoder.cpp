@@ -71,6 +71,11 @@ bool FrameDecoder::Feed(const uint8_t* data, size_t size, std::vector<Message>& 
             continue;
         }
         const size_t take = std::min(size, mPayloadLength - mPayload.size());
+        if (mPayload.size() + take > mPayload.capacity()) {
+            // Geometric growth, but never past the announced length (and so
+            // never past the type's limit): at most twice what has arrived.
+            mPayload.reserve(std::min(mPayloadLength, std::max(mPayload.size() * 2, mPayload.size() + take)));
+        }
         mPayload.append(reinterpret_cast<const char*>(data), take);
         data += take;
         size -= take;
