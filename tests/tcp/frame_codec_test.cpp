@@ -5,6 +5,8 @@
 
 #include <malloc.h>
 
+#include <random>
+
 #include "LinkTestSupport.h"
 
 namespace xferfm::tcptest {
@@ -374,6 +376,39 @@ TEST(FrameCodecTest, LongFreeTextIsShortenedOnAUtf8Boundary)
     EXPECT_EQ(shortened.size() % 3, 0u);
     EXPECT_EQ(shortened, text.substr(0, shortened.size()));
     EXPECT_EQ(std::get<Disconnect>(messages[1]).reason.size() % 3, 0u);
+}
+
+TEST(FrameCodecTest, MutatedStreamsEndInMessagesOrAnErrorNeverACrash)
+{
+    std::vector<std::vector<uint8_t>> frames;
+    for (const Message& message : SampleMessages()) {
+        frames.push_back(Encode(message));
+    }
+    const std::vector<uint8_t> valid = Stream(frames);
+    std::mt19937 random(20261121);  // fixed: a failure replays
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<uint8_t> bytes = valid;
+        const int flips = 1 + static_cast<int>(random() % 8);
+        for (int flip = 0; flip < flips; ++flip) {
+            bytes[random() % bytes.size()] ^= static_cast<uint8_t>(1u << (random() % 8));
+        }
+        bytes.resize(random() % (bytes.size() + 1));
+        FrameDecoder decoder;
+        std::vector<Message> messages;
+        size_t at = 0;
+        bool fed = true;
+        while (fed && at < bytes.size()) {
+            const size_t piece = std::min<size_t>(bytes.size() - at, 1 + random() % 70000);
+            fed = decoder.Feed(bytes.data() + at, piece, messages);
+            at += piece;
+        }
+        const bool finished = fed && decoder.Finish();
+        ASSERT_EQ(finished, !decoder.Failed()) << "round " << round;
+        if (!finished) {
+            ASSERT_FALSE(decoder.Error().empty()) << "round " << round;
+        }
+        ASSERT_LE(messages.size(), bytes.size() / kFrameHeaderBytes) << "every message costs at least a header";
+    }
 }
 
 }  // namespace
