@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <system_error>
@@ -147,10 +148,9 @@ TEST_F(DestinationFaults, ADestinationDirectoryRemovedMidCopyFailsNamingTheFile)
         CopySessionOptions options;
         options.sender.ackWindow = 2;
         CopySession copy(destination, options);
-        bool removed = false;  // the observer's calls are serialised
+        std::atomic<bool> removed{false};  // read by the test once the copy is over
         copy.observer.onProgress = [&](const std::string& name, uint64_t done) {
-            if (name == "box/2-second.bin" && done >= 65536 && !removed) {
-                removed = true;
+            if (name == "box/2-second.bin" && done >= 65536 && !removed.exchange(true)) {
                 std::error_code ignored;
                 EXPECT_GT(std::filesystem::remove_all(destination + "/box", ignored), 0u);
             }
@@ -175,10 +175,9 @@ TEST_F(DestinationFaults, TheDestinationRemovedMidCopyFailsNamingTheFile)
         CopySessionOptions options;
         options.sender.ackWindow = 2;
         CopySession copy(destination, options);
-        bool removed = false;
+        std::atomic<bool> removed{false};
         copy.observer.onProgress = [&](const std::string&, uint64_t done) {
-            if (done >= 65536 && !removed) {
-                removed = true;
+            if (done >= 65536 && !removed.exchange(true)) {
                 std::error_code ignored;
                 EXPECT_GT(std::filesystem::remove_all(destination, ignored), 0u);
             }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -54,10 +55,9 @@ protected:
     void RunWithFaultMidFile(const std::function<void()>& fault)
     {
         copy = std::make_unique<CopySession>(destination, options);
-        bool struck = false;
+        std::atomic<bool> struck{false};
         copy->observer.onProgress = [&](const std::string&, uint64_t done) {
-            if (done >= 2 * kChunk && !struck) {
-                struck = true;
+            if (done >= 2 * kChunk && !struck.exchange(true)) {
                 fault();
             }
         };
