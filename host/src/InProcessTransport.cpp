@@ -23,7 +23,8 @@ struct Inbox {
     bool closeDelivered = false;
     std::thread thread;           // the delivery thread, taken by whoever stops it
     std::thread::id deliveryThreadId;
-    bool inHandler = false;       // the handler is running now
+    bool inHandler = false;       // the handler is running now (on either thread)
+    std::thread::id inlineThread; // the sender delivering a data message inline, if any
     bool deliveryWaiting = false; // the delivery thread sleeps: wake it on arrival
     int sendersWaiting = 0;       // senders held back: wake them on drain
     std::condition_variable handlerReturned;
@@ -36,6 +37,7 @@ struct Inbox {
 struct InProcessTransport::Link {
     std::mutex mutex;
     uint64_t maxQueuedDataBytes = 0;
+    bool inlineData = false;
     Inbox ends[2];
 };
 
@@ -49,7 +51,9 @@ void deliverLoop(const std::shared_ptr<InProcessTransport::Link>& link, int side
     while (true) {
         // Wake-ups cost a system call per message, so senders only signal
         // a delivery thread that really sleeps (and vice versa).
-        while (!(inbox.closed || !inbox.queue.empty() || (inbox.peerClosed && !inbox.closeDelivered))) {
+        // An inline delivery owns the handler until it returns.
+        while (!(inbox.closed || ((!inbox.queue.empty() || (inbox.peerClosed && !inbox.closeDelivered)) &&
+                                  !inbox.inHandler))) {
             inbox.deliveryWaiting = true;
             inbox.arrived.wait(lock);
             inbox.deliveryWaiting = false;
@@ -90,6 +94,7 @@ std::pair<std::unique_ptr<InProcessTransport>, std::unique_ptr<InProcessTranspor
 {
     auto link = std::make_shared<Link>();
     link->maxQueuedDataBytes = options.maxQueuedDataBytes;
+    link->inlineData = options.inlineData;
     link->ends[0].name = options.firstEndName;
     link->ends[1].name = options.secondEndName;
     return {std::unique_ptr<InProcessTransport>(new InProcessTransport(link, 0)),
@@ -115,12 +120,59 @@ void InProcessTransport::Start(ITransportHandler& handler)
     inbox.deliveryThreadId = inbox.thread.get_id();
 }
 
+// Hands one data message to an idle peer on this thread; false (with the
+// lock still held) when the peer is busy or has no handler yet, so the
+// caller queues it instead. Inline only when nothing sent before waits and
+// no handler runs, so order and one-at-a-time delivery hold.
+template <typename Deliver>
+bool InProcessTransport::deliverInline(std::unique_lock<std::mutex>& lock, Deliver&& deliver)
+{
+    Inbox& peer = mLink->ends[1 - mSide];
+    if (!mLink->inlineData || peer.handler == nullptr || !peer.queue.empty() || peer.inHandler) {
+        return false;
+    }
+    peer.inHandler = true;
+    peer.inlineThread = std::this_thread::get_id();
+    ITransportHandler* handler = peer.handler;
+    lock.unlock();
+    deliver(*handler);
+    lock.lock();
+    peer.inHandler = false;
+    peer.inlineThread = std::thread::id();
+    peer.handlerReturned.notify_all();
+    if (peer.deliveryWaiting && !peer.queue.empty()) {
+        peer.arrived.notify_one();  // what was queued meanwhile
+    }
+    return true;
+}
+
+bool InProcessTransport::SendData(uint32_t transferId, const uint8_t* bytes, size_t size)
+{
+    {
+        std::unique_lock<std::mutex> lock(mLink->mutex);
+        if (mLink->ends[mSide].closed || mLink->ends[1 - mSide].closed) {
+            return false;
+        }
+        if (deliverInline(lock, [&](ITransportHandler& handler) { handler.OnData(transferId, bytes, size); })) {
+            return true;
+        }
+    }
+    return ITransport::SendData(transferId, bytes, size);  // a copy, queued
+}
+
 bool InProcessTransport::Send(Message message)
 {
     Inbox& own = mLink->ends[mSide];
     Inbox& peer = mLink->ends[1 - mSide];
     const uint64_t bytes = DataBytesOf(message);
     std::unique_lock<std::mutex> lock(mLink->mutex);
+    if (own.closed || peer.closed) {
+        return false;
+    }
+    if (IsDataMessage(message) &&
+        deliverInline(lock, [&](ITransportHandler& handler) { handler.OnMessage(std::move(message)); })) {
+        return true;
+    }
     if (IsDataMessage(message)) {
         while (!(own.closed || peer.closed || peer.dataBytes == 0 ||
                  peer.dataBytes + bytes <= mLink->maxQueuedDataBytes)) {
@@ -150,9 +202,11 @@ void InProcessTransport::Close()
     std::deque<Message> undelivered;
     std::thread delivery;
     bool onDeliveryThread = false;
+    bool insideHandler = false;
     {
         std::unique_lock<std::mutex> lock(mLink->mutex);
         onDeliveryThread = own.deliveryThreadId == std::this_thread::get_id();
+        insideHandler = onDeliveryThread || own.inlineThread == std::this_thread::get_id();
         own.closed = true;
         peer.peerClosed = true;
         undelivered.swap(own.queue);
@@ -164,7 +218,7 @@ void InProcessTransport::Close()
         peer.drained.notify_all();
         // A second Close from another thread still waits for a handler
         // that a first Close (from inside it) left running.
-        if (!onDeliveryThread) {
+        if (!insideHandler) {
             own.handlerReturned.wait(lock, [&] { return !own.inHandler; });
         }
     }

@@ -25,7 +25,10 @@ std::string errorText(int error)
 ReceiverEndpoint::Impl::Impl(std::unique_ptr<ITransport> transport, ReceiverOptions options)
     : mOptions(std::move(options)), mTransport(std::move(transport))
 {
-    mManager = IFileTransferManager::NewInstance(this, std::make_unique<ThreadLooperFactory>(), false, nullptr);
+    mEngineJobs = std::make_shared<JobCounter>();
+    mManager = IFileTransferManager::NewInstance(
+        this, std::make_unique<JobCountingLooperFactory>(std::make_unique<ThreadLooperFactory>(), mEngineJobs),
+        false, nullptr);
     mRequestLooper = std::make_unique<ThreadLooper>(kRequestLooperName);
     mTransport->Start(*this);
 }
@@ -129,6 +132,7 @@ void ReceiverEndpoint::Impl::Cancel()
         }
     }
     mChanged.notify_all();
+    wakeSession();
 }
 
 TransferSummary ReceiverEndpoint::Impl::Summary() const
@@ -167,6 +171,7 @@ void ReceiverEndpoint::Impl::fail(const std::string& path, const std::string& me
         }
     }
     mChanged.notify_all();
+    wakeSession();
 }
 
 bool ReceiverEndpoint::Impl::failed()
@@ -187,26 +192,47 @@ std::string ReceiverEndpoint::Impl::currentDestination()
     return destinationGuessLocked();
 }
 
-std::string ReceiverEndpoint::Impl::destinationGuessLocked() const
+Slot* ReceiverEndpoint::Impl::slotByReceiverId(uint32_t receiverId)
 {
-    if (!mCurrent.active) {
-        return {};
+    for (Slot& slot : mSlots) {
+        if (slot.announced && slot.receiverId == receiverId) {
+            return &slot;
+        }
     }
-    const size_t slash = mCurrent.name.find('/');
-    if (slash == std::string::npos) {
-        return mDestination + "/" + mCurrent.name;
-    }
-    auto top = mFinalDirectories.find(mCurrent.name.substr(0, slash));
-    const std::string root = top != mFinalDirectories.end() ? top->second : mDestination + "/" + mCurrent.name.substr(0, slash);
-    return root + mCurrent.name.substr(slash);
+    return nullptr;
 }
 
-ReceiverEndpoint::Impl::Progress ReceiverEndpoint::Impl::progressLocked() const
+Slot* ReceiverEndpoint::Impl::slotBySenderId(uint32_t senderId)
+{
+    for (Slot& slot : mSlots) {
+        if (slot.announced && slot.senderId == senderId) {
+            return &slot;
+        }
+    }
+    return nullptr;
+}
+
+std::string ReceiverEndpoint::Impl::destinationGuessLocked() const
+{
+    if (mSlots.empty()) {
+        return {};
+    }
+    const std::string& name = mSlots.front().name;
+    const size_t slash = name.find('/');
+    if (slash == std::string::npos) {
+        return mDestination + "/" + name;
+    }
+    auto top = mFinalDirectories.find(name.substr(0, slash));
+    const std::string root = top != mFinalDirectories.end() ? top->second : mDestination + "/" + name.substr(0, slash);
+    return root + name.substr(slash);
+}
+
+ReceiverEndpoint::Impl::Progress ReceiverEndpoint::Impl::progressLocked(const Slot& slot) const
 {
     Progress progress;
-    progress.name = mCurrent.name;
-    progress.fileBytes = mCurrent.bytesWritten;
-    progress.fileSize = mCurrent.fileSize;
+    progress.name = slot.name;
+    progress.fileBytes = slot.bytesWritten;
+    progress.fileSize = slot.fileSize;
     progress.totalBytes = mBytesWritten;
     progress.total = mList.totalFileBytes;
     return progress;

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -16,6 +17,7 @@
 
 #include "DestinationFiles.h"
 #include "HostLog.h"
+#include "xferfm/host/JobCountingLooperFactory.h"
 #include "IFileTransferManager.h"
 #include "SessionText.h"
 #include "xferfm/host/ReceiverEndpoint.h"
@@ -36,9 +38,14 @@ inline constexpr auto kWriterDrainLimit = std::chrono::seconds(5);
 inline constexpr auto kRequestReleaseLimit = std::chrono::seconds(10);
 inline constexpr auto kWaitSlice = std::chrono::milliseconds(50);
 
-// The entry being brought in now.
-struct Current {
-    bool active = false;
+// Entries requested ahead of the one being settled. Enough to keep the
+// sender busy across the request and announcement round trips of small
+// files; the engine's per-file work stays one file at a time regardless.
+inline constexpr size_t kRequestAhead = 16;
+
+// One requested entry, from its request until it is settled (moved into
+// place, or its directory created).
+struct Slot {
     size_t index = 0;
     uint32_t taskId = 0;
     std::string name;  // request name
@@ -51,8 +58,6 @@ struct Current {
     bool completed = false;
     uint64_t bytesWritten = 0;
     uint64_t chunksWritten = 0;
-    uint64_t chunksSubmitted = 0;  // handed to ProcessFileDownloadData
-    uint64_t chunksAccounted = 0;  // reported back by the writer
 };
 
 }  // namespace receiver
@@ -74,6 +79,10 @@ public:
 
     void OnMessage(Message message) override;
     void OnTransportClosed(const std::string& reason) override;
+    void OnData(uint32_t transferId, const uint8_t* bytes, size_t size) override
+    {
+        receiveData(transferId, bytes, size);
+    }
 
     // ---- engine listener ----
 
@@ -106,6 +115,7 @@ private:
     void handle(FileListMessage& list);
     void handle(FileStart& start);
     void handle(FileData& data);
+    void receiveData(uint32_t senderId, const uint8_t* bytes, size_t size);
 
     void handle(TransferError& error) { fail(currentDestination(), "the sender failed: " + error.message, true); }
     void handle(EndOfList&) { fail("", "the sender has nothing left to send", true); }
@@ -119,21 +129,26 @@ private:
     // ---- session thread ----
 
     void runSession();
-    void beginEntry(size_t index, const FileListEntry& entry);
-    void endEntry();
+    // Asks for one entry; the first file of the list goes through
+    // requestFirstFile instead.
     void requestEntry(size_t index, const FileListEntry& entry);
-    bool copyDirectory(size_t index, const FileListEntry& entry);
-    bool copyFile(size_t index, const FileListEntry& entry);
+    bool requestFirstFile(size_t index, const FileListEntry& entry);
+    void sendRequest(size_t index, const FileListEntry& entry);
+    // Waits for the oldest requested entry and puts it in place.
+    bool settleOldest(const FileListEntry& entry, bool firstFile);
+    bool settleDirectory(const FileListEntry& entry);
+    bool settleFile(const FileListEntry& entry, uint64_t expected, bool firstFile);
     void postRequest(const FileDescription& description);
+    void pushPending(size_t index, const FileListEntry& entry);
 
-    // RequestFile wipes the cache on the first request and treats a file it
-    // finds in the cache as already done, so the sender may only be asked
-    // once RequestFile waits: its marker file exists, and a data call for
-    // an id no task has (which takes the engine's task lock) has gone
-    // through, proving the lock was released by the wait.
+    // The first RequestFile of a paste wipes the cache, so the first file
+    // may only be asked for once RequestFile waits: its marker file exists,
+    // and a data call for an id no task has (which takes the engine's task
+    // lock) has gone through, proving the lock was released by the wait.
     bool waitForRequestToWait(const std::string& name);
     void lockBarrier();
-    bool landFile(const FileListEntry& entry, const std::string& name, uint64_t expected);
+    bool checkCachedFile(const FileListEntry& entry, const std::string& cached, uint64_t expected);
+    bool landFile(const FileListEntry& entry, const std::string& cached, uint64_t expected);
 
     // Where an entry's parent directory landed.
     std::string finalParentOf(const FileListEntry& entry);
@@ -160,7 +175,7 @@ private:
                                   (mFailurePath.empty() ? std::string("the list") : mFailurePath);
                 return false;
             }
-            mChanged.wait_for(lock, receiver::kWaitSlice);
+            mSessionWake.wait_for(lock, receiver::kWaitSlice);
         }
     }
 
@@ -170,8 +185,9 @@ private:
 
     // The engine's Cancel (ClearTask) clears its task list without the
     // task lock, so nothing else may touch the engine while it runs: no
-    // more input from the link, no RequestFile still setting up, no writer
-    // job still queued. Cancel then releases a waiting RequestFile.
+    // more input from the link, no RequestFile still setting up, no job
+    // still held by the engine's loopers. Cancel then releases a waiting
+    // RequestFile.
     void abortEngine();
     bool requestReturned();
 
@@ -180,44 +196,72 @@ private:
     bool failed();
     void touch();
     std::string currentDestination();
+    // Wakes the session thread (and WaitFinished callers only on the end).
+    void wakeSession() { mSessionWake.notify_all(); }
 
-    // The destination path of the current entry, before it has its final name.
+    // The slot of a transfer by the receiver's or the sender's id; null
+    // when the transfer is not in flight. Called with mMutex held.
+    receiver::Slot* slotByReceiverId(uint32_t receiverId);
+    receiver::Slot* slotBySenderId(uint32_t senderId);
+
+    // The destination path of the oldest unsettled entry, before it has its
+    // final name.
     std::string destinationGuessLocked() const;
-    Progress progressLocked() const;
+    Progress progressLocked(const receiver::Slot& slot) const;
     void reportProgress(const Progress& progress);
 
+    // Calls the observer unless OnFinished was already delivered: a late
+    // callback racing the end of the session is dropped, never reordered.
     template <typename Call>
-    void notifyObserver(Call&& call)
+    void notifyObserver(Call&& call, bool last = false)
     {
         if (mOptions.observer == nullptr) {
             return;
         }
         std::lock_guard<std::mutex> lock(mObserverMutex);
+        if (mObserverDone) {
+            return;
+        }
+        mObserverDone = last;
         call(*mOptions.observer);
     }
 
     ReceiverOptions mOptions;
     std::unique_ptr<ITransport> mTransport;
+    std::shared_ptr<JobCounter> mEngineJobs;  // jobs the engine's loopers hold
     std::unique_ptr<IFileTransferManager> mManager;
-    std::unique_ptr<IFileTransferLooper> mRequestLooper;  // the only caller of RequestFile
+    std::unique_ptr<IFileTransferLooper> mRequestLooper;  // runs the first file's blocking RequestFile
     std::string mDestination;                             // set by Start, then read-only
 
-    // Held by the delivery thread around its engine calls; the session sets
-    // mAborting under it to shut that input off before tearing down.
+    // Held around every engine call that may overlap another thread's:
+    // the delivery thread's (and inline data deliveries'), and the session
+    // thread's list and request calls. The session sets mAborting under it
+    // to shut the input off before tearing down.
     std::mutex mEngineInputMutex;
     bool mAborting = false;
     std::mutex mObserverMutex;
+    bool mObserverDone = false;  // OnFinished delivered; guarded by mObserverMutex
+
+    // Session thread only.
+    size_t mPushedThrough = 0;  // entries below this index were pushed as pending downloads
+    bool mCacheWiped = false;   // the first file's RequestFile has run
 
     mutable std::mutex mMutex;  // guards everything below
-    std::condition_variable mChanged;
+    std::condition_variable mChanged;      // the session finished
+    std::condition_variable mSessionWake;  // an entry completed or failed, or a request returned
     bool mStarted = false;
     bool mSessionStarted = false;
     std::string mCacheDir;
     ParsedFileList mList;
     bool mListReady = false;
-    receiver::Current mCurrent;
+    std::deque<receiver::Slot> mSlots;  // requested, not yet settled, in list order; emptied at the end
     uint64_t mRequestsPosted = 0;
     uint64_t mRequestsReturned = 0;
+    std::string mRequestMarker;  // the cached name the first file's RequestFile creates
+    // Completions and failures heard from the engine, which each wake a
+    // waiting RequestFile; the count when the first file's request waited.
+    uint64_t mWriterEvents = 0;
+    uint64_t mWriterEventsAtRequest = 0;
     uint64_t mBytesWritten = 0;
     std::map<std::string, std::string> mFinalDirectories;  // request name -> final path
     std::vector<std::pair<std::string, uint32_t>> mDirectoryModes;

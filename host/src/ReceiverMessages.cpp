@@ -1,5 +1,6 @@
 #include "ReceiverEndpointImpl.h"
 
+#include <algorithm>
 
 namespace orin::xfer::host {
 
@@ -27,20 +28,21 @@ void ReceiverEndpoint::Impl::onFileTransferProgress(uint32_t taskId, uint32_t tr
     Progress progress;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (!mCurrent.active || mCurrent.receiverId != transferId) {
+        Slot* slot = slotByReceiverId(transferId);
+        if (slot == nullptr) {
             return;
         }
         mLastActivity = Clock::now();
-        mCurrent.bytesWritten += chunkSize;
-        ++mCurrent.chunksWritten;
-        ++mCurrent.chunksAccounted;
+        slot->bytesWritten += chunkSize;
+        ++slot->chunksWritten;
         mBytesWritten += chunkSize;
-        if (mCurrent.window > 0 && mCurrent.chunksWritten % mCurrent.window == 0) {
-            ack = DataAck{mCurrent.senderId, mCurrent.chunksWritten};
+        if (slot->window > 0 && slot->chunksWritten % slot->window == 0) {
+            ack = DataAck{slot->senderId, slot->chunksWritten};
         }
-        progress = progressLocked();
+        progress = progressLocked(*slot);
     }
-    mChanged.notify_all();
+    // Nothing waits for progress itself (the session's waits time out to
+    // check for a stall), so no thread is woken here.
     if (ack) {
         mTransport->Send(*ack);
     }
@@ -53,19 +55,22 @@ void ReceiverEndpoint::Impl::onFileTransferCompleted(uint32_t taskId, uint32_t t
     Progress progress;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (!mCurrent.active || mCurrent.receiverId != transferId || !mCurrent.announced) {
+        Slot* slot = slotByReceiverId(transferId);
+        if (slot == nullptr || !slot->isDirectory) {
+            ++mWriterEvents;  // a file's completion wakes a waiting RequestFile
+        }
+        if (slot == nullptr || !slot->announced) {
             return;
         }
         mLastActivity = Clock::now();
-        mCurrent.completed = true;
-        if (!mCurrent.isDirectory) {
-            ++mCurrent.chunksAccounted;
-            mBytesWritten += mCurrent.fileSize - mCurrent.bytesWritten;
-            mCurrent.bytesWritten = mCurrent.fileSize;
+        slot->completed = true;
+        if (!slot->isDirectory) {
+            mBytesWritten += slot->fileSize - slot->bytesWritten;
+            slot->bytesWritten = slot->fileSize;
         }
-        progress = progressLocked();
+        progress = progressLocked(*slot);
     }
-    mChanged.notify_all();
+    wakeSession();
     if (!progress.name.empty() && progress.fileSize > 0) {
         reportProgress(progress);
     }
@@ -78,13 +83,19 @@ void ReceiverEndpoint::Impl::onFileTransferFailed(uint32_t taskId, uint32_t tran
     std::string message;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (!mCurrent.active) {
+        if (transferId != 0) {
+            ++mWriterEvents;  // a download's failure stops the writer, which wakes RequestFile
+        }
+        if (mSlots.empty()) {
             return;  // the link or a teardown: reported by its own path
         }
-        path = destinationGuessLocked();
-        if (transferId == mCurrent.receiverId && transferId != 0) {
-            message = mCurrent.isDirectory ? path + ": cannot be created" : path + ": writing failed";
+        const Slot* slot = transferId != 0 ? slotByReceiverId(transferId) : nullptr;
+        if (slot != nullptr) {
+            path = slot->name == mSlots.front().name ? destinationGuessLocked()
+                                                       : mDestination + "/" + slot->name;
+            message = slot->isDirectory ? path + ": cannot be created" : path + ": writing failed";
         } else if (taskId == kNoTransferId && transferId == 0) {
+            path = destinationGuessLocked();
             message = path + ": cannot be prepared in the cache directory " + mCacheDir;
         } else {
             return;
@@ -116,29 +127,33 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
         mSummary.entriesTotal = entries;
         mSummary.bytesTotal = bytes;
     }
-    mChanged.notify_all();
+    wakeSession();
     notifyObserver([&](ReceiverObserver& observer) { observer.OnListReceived(entries, bytes); });
 }
 
+// Announcements come in list order: each one is for the oldest requested
+// entry not yet announced.
 void ReceiverEndpoint::Impl::handle(FileStart& start)
 {
     std::string problem;
-    Current current;
+    Slot current;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (!mCurrent.active || mCurrent.announced) {
+        auto expected = std::find_if(mSlots.begin(), mSlots.end(), [](const Slot& slot) { return !slot.announced; });
+        if (expected == mSlots.end()) {
             problem = "the sender announced \"" + start.name + "\" unasked";
-        } else if (start.name != mCurrent.name || start.isDirectory != mCurrent.isDirectory) {
-            problem = "the sender announced \"" + start.name + "\" where \"" + mCurrent.name + "\" was asked for";
-        } else if ((start.transferId & 1u) == 0 || start.transferId == kNoTransferId) {
+        } else if (start.name != expected->name || start.isDirectory != expected->isDirectory) {
+            problem = "the sender announced \"" + start.name + "\" where \"" + expected->name + "\" was asked for";
+        } else if ((start.transferId & 1u) == 0 || start.transferId == kNoTransferId ||
+                   slotBySenderId(start.transferId) != nullptr) {
             problem = "the sender announced \"" + start.name + "\" with an invalid transfer id";
         } else {
-            mCurrent.announced = true;
-            mCurrent.senderId = start.transferId;
-            mCurrent.receiverId = start.transferId + 1;
-            mCurrent.window = start.ackWindow;
-            mCurrent.fileSize = start.fileSize;  // the file may have changed since it was listed
-            current = mCurrent;
+            expected->announced = true;
+            expected->senderId = start.transferId;
+            expected->receiverId = start.transferId + 1;
+            expected->window = start.ackWindow;
+            expected->fileSize = start.fileSize;  // the file may have changed since it was listed
+            current = *expected;
         }
     }
     if (!problem.empty()) {
@@ -165,26 +180,30 @@ void ReceiverEndpoint::Impl::handle(FileStart& start)
 
 void ReceiverEndpoint::Impl::handle(FileData& data)
 {
+    receiveData(data.transferId, data.bytes.data(), data.bytes.size());
+}
+
+// The delivery thread, or with inline data the sender's hand-off thread.
+void ReceiverEndpoint::Impl::receiveData(uint32_t senderId, const uint8_t* bytes, size_t size)
+{
     uint32_t taskId = 0;
     uint32_t receiverId = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (!mCurrent.active || !mCurrent.announced || mCurrent.isDirectory ||
-            mCurrent.senderId != data.transferId || mFailed) {
+        mLastActivity = Clock::now();
+        const Slot* slot = slotBySenderId(senderId);
+        if (slot == nullptr || slot->isDirectory || mFailed) {
             return;
         }
-        taskId = mCurrent.taskId;
-        receiverId = mCurrent.receiverId;
+        taskId = slot->taskId;
+        receiverId = slot->receiverId;
     }
     std::lock_guard<std::mutex> input(mEngineInputMutex);
     if (mAborting) {
         return;
     }
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        ++mCurrent.chunksSubmitted;
-    }
-    mManager->ProcessFileDownloadData(taskId, receiverId, data.bytes.size(), data.bytes.data());
+    // The engine copies the chunk before it returns; it never writes to it.
+    mManager->ProcessFileDownloadData(taskId, receiverId, size, const_cast<uint8_t*>(bytes));
 }
 
 void ReceiverEndpoint::Impl::handle(Disconnect& goodbye)

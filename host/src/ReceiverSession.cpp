@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "DestinationFiles.h"
@@ -19,8 +20,26 @@ std::string errorText(int error)
     return std::strerror(error);
 }
 
+FileDescription describe(const FileListEntry& entry)
+{
+    FileDescription description;
+    description.filePath = entry.filePath;
+    description.fileName = entry.fileName;
+    description.destFilePath = entry.filePath;
+    description.destFileName = entry.fileName;
+    description.attribute = kAttributeNormal;
+    description.mode = entry.mode;
+    description.fileSize = entry.fileSize;
+    return description;
+}
+
 }  // namespace
 
+// Entries are requested up to kRequestAhead ahead of the oldest unsettled
+// one and settled strictly in list order, so a directory always exists
+// before its children move in. The first file of the list is the
+// exception: its RequestFile wipes the cache, so it goes alone, with
+// nothing else in flight.
 void ReceiverEndpoint::Impl::runSession()
 {
     bool ok = waitUntil([this] { return mListReady; }, false);
@@ -29,33 +48,61 @@ void ReceiverEndpoint::Impl::runSession()
         std::lock_guard<std::mutex> lock(mMutex);
         list = mList;
     }
-    for (size_t index = 0; ok && index < list.entries.size(); ++index) {
-        const FileListEntry& entry = list.entries[index];
-        ok = entry.isDirectory ? copyDirectory(index, entry) : copyFile(index, entry);
+    const size_t count = list.entries.size();
+    size_t next = 0;
+    size_t settled = 0;
+    size_t firstFile = count;
+    while (ok && settled < count) {
+        // Requests go out in bursts (refilled at half the window), so the
+        // threads on their way wake once per burst rather than per entry.
+        const bool refill = next - settled <= kRequestAhead / 2;
+        while (ok && refill && next < count && next - settled < kRequestAhead) {
+            const FileListEntry& entry = list.entries[next];
+            if (!entry.isDirectory && !mCacheWiped) {
+                if (next != settled) {
+                    break;  // the first file waits until everything before it is settled
+                }
+                firstFile = next;
+                ok = requestFirstFile(next, entry);
+                ++next;
+                break;
+            }
+            requestEntry(next, entry);
+            ++next;
+        }
+        ok = ok && settleOldest(list.entries[settled], settled == firstFile);
+        ++settled;
     }
     conclude(ok);
 }
 
-void ReceiverEndpoint::Impl::beginEntry(size_t index, const FileListEntry& entry)
-{
-    std::lock_guard<std::mutex> lock(mMutex);
-    mCurrent = Current{};
-    mCurrent.active = true;
-    mCurrent.index = index;
-    mCurrent.taskId = static_cast<uint32_t>(index + 1);
-    mCurrent.name = entry.RequestName();
-    mCurrent.isDirectory = entry.isDirectory;
-    mCurrent.fileSize = entry.fileSize;
-    mLastActivity = Clock::now();
-}
-
-void ReceiverEndpoint::Impl::endEntry()
-{
-    std::lock_guard<std::mutex> lock(mMutex);
-    mCurrent.active = false;
-}
-
 void ReceiverEndpoint::Impl::requestEntry(size_t index, const FileListEntry& entry)
+{
+    if (!entry.isDirectory) {
+        notifyObserver([&](ReceiverObserver& observer) { observer.OnFileStarted(entry.RequestName(), entry.fileSize); });
+    }
+    sendRequest(index, entry);
+}
+
+bool ReceiverEndpoint::Impl::requestFirstFile(size_t index, const FileListEntry& entry)
+{
+    const std::string name = entry.RequestName();
+    pushPending(index, entry);
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mRequestMarker = name;
+    }
+    postRequest(describe(entry));
+    mCacheWiped = true;
+    if (!waitForRequestToWait(name)) {
+        return false;
+    }
+    notifyObserver([&](ReceiverObserver& observer) { observer.OnFileStarted(name, entry.fileSize); });
+    sendRequest(index, entry);
+    return true;
+}
+
+void ReceiverEndpoint::Impl::sendRequest(size_t index, const FileListEntry& entry)
 {
     NextFileRequest request;
     request.taskId = static_cast<uint32_t>(index + 1);
@@ -63,20 +110,62 @@ void ReceiverEndpoint::Impl::requestEntry(size_t index, const FileListEntry& ent
     request.name = entry.RequestName();
     {
         std::lock_guard<std::mutex> lock(mMutex);
+        Slot slot;
+        slot.index = index;
+        slot.taskId = request.taskId;
+        slot.name = request.name;
+        slot.isDirectory = entry.isDirectory;
+        slot.fileSize = entry.fileSize;
+        mSlots.push_back(std::move(slot));
         request.totalSize = mList.totalFileBytes;
         mLastActivity = Clock::now();
     }
     mTransport->Send(std::move(request));
 }
 
-bool ReceiverEndpoint::Impl::copyDirectory(size_t index, const FileListEntry& entry)
+// The engine's pending list decides when its writer is replaced: the
+// RequestFile that empties it stops the writer and drops every download
+// task. So an entry is pushed just before its own RequestFile, together
+// with the next file already requested: the list then empties only when
+// nothing else is in flight, and RequestFile's walk of it stays short.
+// The record list is kept empty (its walk on every announcement would
+// grow with the list; the endpoint reports no records).
+void ReceiverEndpoint::Impl::pushPending(size_t index, const FileListEntry& entry)
 {
-    beginEntry(index, entry);
-    requestEntry(index, entry);
-    if (!waitUntil([this] { return mCurrent.completed; }, true)) {
+    if (index < mPushedThrough) {
+        return;
+    }
+    std::lock_guard<std::mutex> input(mEngineInputMutex);
+    mManager->PushDownloadFile(describe(entry));
+    mManager->ClearDownloadFileRecordList();
+    mPushedThrough = index + 1;
+}
+
+bool ReceiverEndpoint::Impl::settleOldest(const FileListEntry& entry, bool firstFile)
+{
+    const bool done = waitUntil(
+        [this, firstFile] {
+            return !mSlots.empty() && mSlots.front().completed && (!firstFile || mRequestsPosted == mRequestsReturned);
+        },
+        true);
+    if (!done) {
         return false;
     }
-    endEntry();
+    uint64_t expected = 0;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        expected = mSlots.front().fileSize;  // as announced: the file may have changed since it was listed
+    }
+    const bool ok = entry.isDirectory ? settleDirectory(entry) : settleFile(entry, expected, firstFile);
+    if (ok) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mSlots.pop_front();
+    }
+    return ok;
+}
+
+bool ReceiverEndpoint::Impl::settleDirectory(const FileListEntry& entry)
+{
     const std::string name = entry.RequestName();
     const mode_t createMode = entry.mode != 0 ? 0700 : 0777;
     std::string finalPath;
@@ -106,42 +195,40 @@ bool ReceiverEndpoint::Impl::copyDirectory(size_t index, const FileListEntry& en
     return true;
 }
 
-bool ReceiverEndpoint::Impl::copyFile(size_t index, const FileListEntry& entry)
+// A later file is complete before its RequestFile runs, so that call finds
+// it in the cache and returns at once ("direct copy"); it is made only
+// after the size check, because a file the engine could not create would
+// make RequestFile register a marker and wait.
+bool ReceiverEndpoint::Impl::settleFile(const FileListEntry& entry, uint64_t expected, bool firstFile)
 {
-    beginEntry(index, entry);
-    const std::string name = entry.RequestName();
-    FileDescription description;
-    description.filePath = entry.filePath;
-    description.fileName = entry.fileName;
-    description.destFilePath = entry.filePath;
-    description.destFileName = entry.fileName;
-    description.attribute = kAttributeNormal;
-    description.mode = entry.mode;
-    description.fileSize = entry.fileSize;
-    {
-        // One file at a time: the pending list holds only this one, so
-        // RequestFile stops the writer (and drops its marker) when it
-        // returns, and the record walk stays short.
+    const std::string cached = CacheDirectory() + "/" + entry.RequestName();
+    if (!checkCachedFile(entry, cached, expected)) {
+        return false;
+    }
+    if (!firstFile) {
+        size_t index = 0;
+        std::optional<std::pair<size_t, FileListEntry>> nextFile;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            index = mSlots.front().index;
+            for (const Slot& slot : mSlots) {
+                if (slot.index > index && !slot.isDirectory) {
+                    nextFile.emplace(slot.index, mList.entries[slot.index]);
+                    break;
+                }
+            }
+        }
+        pushPending(index, entry);
+        if (nextFile) {
+            pushPending(nextFile->first, nextFile->second);
+        }
         std::lock_guard<std::mutex> input(mEngineInputMutex);
-        mManager->ClearDownloadFileRecordList();
-        mManager->PushDownloadFile(description);
+        if (mAborting) {
+            return false;
+        }
+        mManager->RequestFile(describe(entry), false);
     }
-    postRequest(description);
-    if (!waitForRequestToWait(name)) {
-        return false;
-    }
-    notifyObserver([&](ReceiverObserver& observer) { observer.OnFileStarted(name, entry.fileSize); });
-    requestEntry(index, entry);
-    if (!waitUntil([this] { return mCurrent.completed && mRequestsPosted == mRequestsReturned; }, true)) {
-        return false;
-    }
-    uint64_t expected = 0;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        expected = mCurrent.fileSize;
-    }
-    endEntry();
-    return landFile(entry, name, expected);
+    return landFile(entry, cached, expected);
 }
 
 void ReceiverEndpoint::Impl::postRequest(const FileDescription& description)
@@ -149,6 +236,7 @@ void ReceiverEndpoint::Impl::postRequest(const FileDescription& description)
     {
         std::lock_guard<std::mutex> lock(mMutex);
         ++mRequestsPosted;
+        mWriterEventsAtRequest = mWriterEvents;
     }
     mRequestLooper->Post("RequestFile", [this, description] {
         mManager->RequestFile(description, false);  // blocks until written or stopped
@@ -156,7 +244,7 @@ void ReceiverEndpoint::Impl::postRequest(const FileDescription& description)
             std::lock_guard<std::mutex> lock(mMutex);
             ++mRequestsReturned;
         }
-        mChanged.notify_all();
+        wakeSession();
     });
 }
 
@@ -200,18 +288,26 @@ void ReceiverEndpoint::Impl::lockBarrier()
     mManager->ProcessFileDownloadData(kNoTransferId, kNoTransferId, 0, nullptr);
 }
 
-bool ReceiverEndpoint::Impl::landFile(const FileListEntry& entry, const std::string& name, uint64_t expected)
+// A write error the stream only meets when it is closed leaves a short
+// file behind without a report: the size tells.
+bool ReceiverEndpoint::Impl::checkCachedFile(const FileListEntry& entry, const std::string& cached, uint64_t expected)
 {
-    const std::string cached = CacheDirectory() + "/" + name;
     struct stat status {};
-    if (stat(cached.c_str(), &status) != 0 || static_cast<uint64_t>(status.st_size) != expected) {
-        const std::string path = finalParentOf(entry) + "/" + entry.fileName;
-        const uint64_t got = stat(cached.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
-        fail(path, path + ": writing failed (" + std::to_string(got) + " of " + std::to_string(expected) +
-                       " bytes reached the disk)",
-             false);
-        return false;
+    const bool present = stat(cached.c_str(), &status) == 0;
+    if (present && static_cast<uint64_t>(status.st_size) == expected) {
+        return true;
     }
+    const std::string path = finalParentOf(entry) + "/" + entry.fileName;
+    const uint64_t got = present ? static_cast<uint64_t>(status.st_size) : 0;
+    fail(path, path + ": writing failed (" + std::to_string(got) + " of " + std::to_string(expected) +
+                   " bytes reached the disk)",
+         false);
+    return false;
+}
+
+bool ReceiverEndpoint::Impl::landFile(const FileListEntry& entry, const std::string& cached, uint64_t expected)
+{
+    const std::string name = entry.RequestName();
     std::string finalPath;
     const int error = detail::ClaimName(
         finalParentOf(entry), entry.fileName, false, proposer(),
@@ -294,9 +390,11 @@ void ReceiverEndpoint::Impl::conclude(bool ok)
         failurePath = mFailurePath;
         failureMessage = mSummary.error;
         fromPeer = mFailureFromPeer;
-        taskId = mCurrent.taskId;
-        senderId = mCurrent.senderId;
-        mCurrent.active = false;
+        if (!mSlots.empty()) {
+            taskId = mSlots.front().taskId;
+            senderId = mSlots.front().senderId;
+        }
+        mSlots.clear();  // late engine callbacks find nothing to report
         summary = mSummary;
     }
     if (ok) {
@@ -318,7 +416,7 @@ void ReceiverEndpoint::Impl::conclude(bool ok)
         mFinished = true;
     }
     mChanged.notify_all();
-    notifyObserver([&](ReceiverObserver& observer) { observer.OnFinished(summary); });
+    notifyObserver([&](ReceiverObserver& observer) { observer.OnFinished(summary); }, true);
 }
 
 void ReceiverEndpoint::Impl::abortEngine()
@@ -327,30 +425,38 @@ void ReceiverEndpoint::Impl::abortEngine()
         std::lock_guard<std::mutex> input(mEngineInputMutex);
         mAborting = true;
     }
-    std::unique_lock<std::mutex> lock(mMutex);
-    const bool requestInFlight = mRequestsPosted != mRequestsReturned;
-    if (requestInFlight) {
-        const std::string marker = mCacheDir + "/" + mCurrent.name;
-        lock.unlock();
+    // With no more input, the loopers' jobs are the last engine work that
+    // can wake the first file's RequestFile.
+    if (!mEngineJobs->WaitIdle(kWriterDrainLimit)) {
+        HOST_LOG_E << "the engine's writer did not finish its queued chunks";
+    }
+    std::string marker;
+    bool woken = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mRequestsPosted != mRequestsReturned) {
+            marker = mCacheDir + "/" + mRequestMarker;
+            woken = mWriterEvents != mWriterEventsAtRequest;
+        }
+    }
+    if (woken) {
+        // Woken by a completion or a writer failure, it is walking the
+        // lists that Cancel clears without a lock: let it return first.
+        std::unique_lock<std::mutex> lock(mMutex);
+        mSessionWake.wait_for(lock, kRequestReleaseLimit, [this] { return mRequestsPosted == mRequestsReturned; });
+    } else if (!marker.empty()) {
+        // One still setting up must reach its wait, where it touches
+        // nothing until Cancel itself wakes it.
         const auto deadline = Clock::now() + kRequestStartLimit;
         while (access(marker.c_str(), F_OK) != 0 && Clock::now() < deadline && !requestReturned()) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
         lockBarrier();
-        lock.lock();
-        // A completed file has already woken its RequestFile, which is now
-        // taking the file off the engine's pending list: Cancel clears that
-        // list without a lock, so such a request must return first.
-        mChanged.wait_for(lock, kWriterDrainLimit, [this] {
-            return mRequestsPosted == mRequestsReturned ||
-                   (mCurrent.chunksAccounted >= mCurrent.chunksSubmitted && !mCurrent.completed);
-        });
     }
-    lock.unlock();
     mManager->Cancel();
-    lock.lock();
-    if (!mChanged.wait_for(lock, kRequestReleaseLimit,
-                           [this] { return mRequestsPosted == mRequestsReturned; })) {
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (!mSessionWake.wait_for(lock, kRequestReleaseLimit,
+                               [this] { return mRequestsPosted == mRequestsReturned; })) {
         HOST_LOG_E << "the engine did not release a pending file request";
     }
 }

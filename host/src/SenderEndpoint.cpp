@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <utility>
 
@@ -24,20 +24,22 @@ constexpr uint32_t kNoTransferId = 0xFFFFFFFF;
 // Entries handed to the engine at a time (see Offer).
 constexpr size_t kUploadSlice = 64;
 
-// The file being streamed now, as far as the endpoint can see it.
+// A file announced to the receiver whose data has not all been handed off
+// yet, as far as the endpoint can see it. Only the oldest one streams.
 struct Upload {
     size_t index = 0;
     uint32_t taskId = 0;
     uint32_t transferId = 0;
     std::string sourcePath;
-    bool isDirectory = false;
     uint64_t fileSize = 0;
     bool accepted = false;
+    bool started = false;       // ProcessFileUploadData was called
     uint64_t bytesSeen = 0;
     uint64_t chunksSeen = 0;
     uint64_t chunksAcked = 0;   // the receiver's last cumulative count
-    bool ackPending = false;    // an acknowledgement waits for the worker to move on
-    uint64_t ackedAtChunk = 0;  // chunksSeen when that acknowledgement arrived
+    bool ackSeen = false;
+    bool releasePending = false;  // the worker waits at releaseAt: notify until it moves on
+    int64_t releaseAt = -1;       // chunksSeen at the last release
     Clock::time_point lastChunk;
     Clock::time_point lastNudge;
 };
@@ -188,21 +190,21 @@ public:
                 mismatch = "the sender announced \"" + fileName + "\" where the receiver asked for \"" +
                            mExpectedName + "\"";
             } else {
-                Upload upload;
-                upload.index = mNextIndex;
-                upload.taskId = taskId;
-                upload.transferId = transferId;
-                upload.isDirectory = isDir;
-                upload.fileSize = size;
-                upload.sourcePath = detail::SourcePathOf(mList[mNextIndex]);
-                upload.lastChunk = Clock::now();
-                sourcePath = upload.sourcePath;
-                mUpload = upload;
-                mSourceByTransfer[transferId] = upload.sourcePath;
-                ++mNextIndex;
+                sourcePath = detail::SourcePathOf(mList[mNextIndex]);
+                mSourceByTransfer[transferId] = sourcePath;
                 if (isDir) {
-                    ++mSummary.directoriesDone;
+                    ++mSummary.directoriesDone;  // nothing to stream
+                } else {
+                    Upload upload;
+                    upload.index = mNextIndex;
+                    upload.taskId = taskId;
+                    upload.transferId = transferId;
+                    upload.fileSize = size;
+                    upload.sourcePath = sourcePath;
+                    upload.lastChunk = Clock::now();
+                    mUploads.push_back(std::move(upload));
                 }
+                ++mNextIndex;
             }
         }
         if (!mismatch.empty()) {
@@ -213,8 +215,8 @@ public:
         mTransport->Send(FileStart{taskId, transferId, fileName, isDir, size, totalSize, mOptions.ackWindow});
     }
 
-    // Main looper for file data; the delivery thread for the one empty
-    // piece of a 0-byte file.
+    // Main looper for file data; for the one empty piece of a 0-byte file,
+    // the thread that started the upload (delivery or pump thread).
     void onSendFileData(uint32_t taskId, uint32_t transferId, const uint8_t* data, int64_t size) override
     {
         (void)taskId;
@@ -225,26 +227,31 @@ public:
             if (mFinished) {
                 return;
             }
-            if (mUpload && mUpload->transferId == transferId) {
-                mUpload->bytesSeen += length;
-                mUpload->chunksSeen += length > 0 ? 1 : 0;
-                mUpload->lastChunk = Clock::now();
-                if (mUpload->ackPending && mUpload->chunksSeen > mUpload->ackedAtChunk) {
-                    mUpload->ackPending = false;
+            auto upload = uploadLocked(transferId);
+            if (upload != mUploads.end()) {
+                upload->bytesSeen += length;
+                upload->chunksSeen += length > 0 ? 1 : 0;
+                upload->lastChunk = Clock::now();
+                if (upload->releasePending && static_cast<int64_t>(upload->chunksSeen) > upload->releaseAt) {
+                    upload->releasePending = false;
                 }
-                if (mUpload->bytesSeen == mUpload->fileSize) {
+                if (upload->bytesSeen >= upload->fileSize) {
                     ++mSummary.filesDone;
+                    mUploads.erase(upload);
+                    // The next file's worker may start once this one's data
+                    // is all handed off; this callback may not call the engine.
+                    if (!mUploads.empty() && mUploads.front().accepted && !mUploads.front().started) {
+                        mStartDue = true;
+                        kickPumpLocked();
+                    }
+                } else if (evaluateReleaseLocked(*upload)) {
+                    kickPumpLocked();
                 }
             }
             mSummary.bytesDone += length;
             bytesSent = mSummary.bytesDone;
         }
-        FileData piece;
-        piece.transferId = transferId;
-        if (length > 0) {
-            piece.bytes.assign(data, data + length);
-        }
-        mTransport->Send(std::move(piece));
+        mTransport->SendData(transferId, data, static_cast<size_t>(length));
         notifyObserver([&](SenderObserver& observer) { observer.OnBytesSent(bytesSent); });
     }
 
@@ -316,7 +323,6 @@ private:
             } else {
                 mExpectedName = request.name;
             }
-            mUpload.reset();  // the receiver only asks again once the last entry is done
         }
         if (request.index != mNextIndex) {
             finish(Outcome::kFailed, "",
@@ -342,33 +348,34 @@ private:
         // A missing source file was reported through onFileTransferFailed.
     }
 
+    // Files stream one at a time: the engine's window count and flags are
+    // shared by its workers. A file accepted while the one before it is
+    // still streaming starts once that one's data is all handed off.
     void handle(FileAccept& accept)
     {
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mFinished || !mUpload || mUpload->transferId != accept.transferId || mUpload->isDirectory ||
-                mUpload->accepted) {
+            auto upload = uploadLocked(accept.transferId);
+            if (mFinished || upload == mUploads.end() || upload->accepted) {
                 return;
             }
-            mUpload->accepted = true;
-            mUpload->lastChunk = Clock::now();
+            upload->accepted = true;
         }
-        std::lock_guard<std::mutex> engine(mEngineMutex);
-        mManager->ProcessFileUploadData(accept.transferId);
+        startUploads();
     }
 
     void handle(DataAck& ack)
     {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            if (mFinished || !mUpload || mUpload->transferId != ack.transferId) {
-                return;
-            }
-            mUpload->chunksAcked = std::max(mUpload->chunksAcked, ack.chunksWritten);
-            mUpload->ackPending = true;
-            mUpload->ackedAtChunk = mUpload->chunksSeen;
+        std::lock_guard<std::mutex> lock(mMutex);
+        auto upload = uploadLocked(ack.transferId);
+        if (mFinished || upload == mUploads.end()) {
+            return;
         }
-        mPumpWake.notify_all();
+        upload->chunksAcked = std::max(upload->chunksAcked, ack.chunksWritten);
+        upload->ackSeen = true;
+        if (evaluateReleaseLocked(*upload)) {
+            kickPumpLocked();
+        }
     }
 
     void handle(TransferError& error)
@@ -421,12 +428,15 @@ private:
             if (outcome != Outcome::kCompleted) {
                 mSummary.error = message;
             }
-            mUpload.reset();
+            mUploads.clear();
             mEngineStopDue = true;
             summary = mSummary;
         }
         mChanged.notify_all();
-        mPumpWake.notify_all();
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            kickPumpLocked();
+        }
         if (outcome != Outcome::kCompleted) {
             HOST_LOG_W << "copy ended: " << message;
         }
@@ -459,16 +469,92 @@ private:
         call(*mOptions.observer);
     }
 
+    std::deque<Upload>::iterator uploadLocked(uint32_t transferId)
+    {
+        return std::find_if(mUploads.begin(), mUploads.end(),
+                            [transferId](const Upload& upload) { return upload.transferId == transferId; });
+    }
+
+    // The upload whose worker runs now, if any.
+    Upload* streamingLocked()
+    {
+        return !mUploads.empty() && mUploads.front().started ? &mUploads.front() : nullptr;
+    }
+
+    // The worker pauses whenever it has handed out a window of chunks
+    // (window 0: once, before the first chunk). It is released as soon as
+    // the receiver has written all but the last window, so the receiver
+    // always has data queued while the acknowledgement travels, and at most
+    // two windows are ever unwritten. True when a release became due.
+    bool evaluateReleaseLocked(Upload& upload)
+    {
+        if (!upload.started || upload.releasePending) {
+            return false;
+        }
+        const uint64_t window = mOptions.ackWindow;
+        const bool atWaitPoint = window == 0 ? upload.chunksSeen == 0 && upload.ackSeen
+                                             : upload.chunksSeen > 0 && upload.chunksSeen % window == 0 &&
+                                                   upload.chunksAcked + window >= upload.chunksSeen;
+        if (!atWaitPoint || upload.releaseAt == static_cast<int64_t>(upload.chunksSeen)) {
+            return false;  // released at this point already
+        }
+        upload.releasePending = true;
+        upload.releaseAt = static_cast<int64_t>(upload.chunksSeen);
+        return true;
+    }
+
+    // Whether a worker seen to be stalled may be let go: the window rule
+    // above, applied wherever it stopped (its count can be skewed by the
+    // previous file's worker, which resets the shared count when it ends).
+    bool mayReleaseLocked(const Upload& upload) const
+    {
+        const uint64_t window = mOptions.ackWindow;
+        return window == 0 || upload.chunksAcked + window >= upload.chunksSeen;
+    }
+
+    void kickPumpLocked()
+    {
+        mPumpKicked = true;
+        mPumpWake.notify_one();
+    }
+
+    // Starts the oldest accepted file if nothing streams. Delivery or pump
+    // thread, never inside an engine callback.
+    void startUploads()
+    {
+        while (true) {
+            uint32_t transferId = 0;
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                if (mFinished || mUploads.empty() || !mUploads.front().accepted || mUploads.front().started) {
+                    return;
+                }
+                Upload& upload = mUploads.front();
+                upload.started = true;
+                upload.lastChunk = Clock::now();
+                transferId = upload.transferId;
+                if (evaluateReleaseLocked(upload)) {
+                    kickPumpLocked();
+                }
+            }
+            std::lock_guard<std::mutex> engine(mEngineMutex);
+            mManager->ProcessFileUploadData(transferId);
+            // A 0-byte file is done inside that call: loop for the next.
+        }
+    }
+
     // The only caller of NotifyUpload, and the thread that stops the engine
     // once the session is over (Cancel may come from an observer callback
-    // that runs inside an engine call). After an acknowledgement it keeps
-    // notifying until the worker sends its next chunk (an acknowledgement
-    // that beats the worker into its wait is otherwise lost); a transfer
-    // that has gone quiet with window room left is nudged now and then.
+    // that runs inside an engine call). It also starts a file whose
+    // predecessor finished streaming. A due release is repeated until the
+    // worker hands out its next chunk (a NotifyUpload that beats the worker
+    // into its wait is lost); a transfer that has gone quiet although it
+    // may be released is nudged now and then.
     void pumpAcknowledgements()
     {
         std::unique_lock<std::mutex> lock(mMutex);
         while (!mStopPump) {
+            mPumpKicked = false;
             if (mEngineStopDue && !mEngineStopped) {
                 mEngineStopped = true;
                 lock.unlock();
@@ -479,22 +565,28 @@ private:
                 lock.lock();
                 continue;
             }
+            if (mStartDue) {
+                mStartDue = false;
+                lock.unlock();
+                startUploads();
+                lock.lock();
+                continue;
+            }
             bool nudge = false;
             auto sleepFor = std::chrono::duration_cast<Clock::duration>(mOptions.idleNudgeAfter);
-            if (!mFinished && mUpload && mUpload->accepted && mUpload->bytesSeen < mUpload->fileSize) {
+            Upload* upload = mFinished ? nullptr : streamingLocked();
+            if (upload != nullptr) {
                 const auto now = Clock::now();
-                const uint32_t window = mOptions.ackWindow;
-                const bool roomLeft = window > 0 && mUpload->chunksSeen - mUpload->chunksAcked < window;
-                const bool quiet = now - mUpload->lastChunk >= mOptions.idleNudgeAfter &&
-                                   now - mUpload->lastNudge >= mOptions.idleNudgeAfter;
-                if (mUpload->ackPending) {
+                const bool quiet = now - upload->lastChunk >= mOptions.idleNudgeAfter &&
+                                   now - upload->lastNudge >= mOptions.idleNudgeAfter;
+                if (upload->releasePending) {
                     nudge = true;
                     sleepFor = mOptions.renotifyInterval;
-                } else if (roomLeft && quiet) {
+                } else if (quiet && mayReleaseLocked(*upload)) {
                     nudge = true;
                 }
                 if (nudge) {
-                    mUpload->lastNudge = now;
+                    upload->lastNudge = now;
                 }
             }
             if (nudge) {
@@ -502,7 +594,9 @@ private:
                 mManager->NotifyUpload();
                 lock.lock();
             }
-            mPumpWake.wait_for(lock, sleepFor);
+            if (!mPumpKicked && !mStopPump) {
+                mPumpWake.wait_for(lock, sleepFor);
+            }
         }
     }
 
@@ -530,10 +624,12 @@ private:
     size_t mSliceLeft = 0;  // entries of the engine's current slice not yet announced
     size_t mNextIndex = 0;
     std::string mExpectedName;
-    std::optional<Upload> mUpload;
+    std::deque<Upload> mUploads;  // announced files not yet all handed off, in list order
     std::map<uint32_t, std::string> mSourceByTransfer;
     bool mFinished = false;
     bool mStopPump = false;
+    bool mPumpKicked = false;  // something for the pump arrived since it last looked
+    bool mStartDue = false;    // the next accepted file may start streaming
     bool mEngineStopDue = false;  // the session is over: the pump stops the engine
     bool mEngineStopped = false;
     TransferSummary mSummary;

@@ -199,7 +199,11 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     const auto started = Clock::now();
     host::TransferSummary summary;
     {
-        auto link = host::InProcessTransport::CreatePair();
+        // Both ends live in this process: chunks go straight from the
+        // sender's hand-off into the receiving engine, without a copy.
+        host::InProcessTransportOptions linkOptions;
+        linkOptions.inlineData = true;
+        auto link = host::InProcessTransport::CreatePair(linkOptions);
         host::SenderEndpoint sender(std::move(link.first), senderOptions);
         host::ReceiverEndpoint receiver(std::move(link.second), receiverOptions);
 

@@ -20,12 +20,17 @@
 // - Public operations may be called from any host thread; Start once.
 // - The endpoint runs on: the transport's delivery thread (file list,
 //   announcements and data: ProcessFileDownloadStart and
-//   ProcessFileDownloadData are called there), a session thread of its own
-//   (walks the list, moves files, decides success or failure), a request
-//   thread of its own (the only caller of the blocking RequestFile) and
-//   the engine's loopers (write progress and completion).
+//   ProcessFileDownloadData are called there; with an in-process link that
+//   delivers data inline, data arrive on the sender's hand-off thread
+//   instead), a session thread of its own (walks the list, moves files,
+//   calls RequestFile for every file but the first, decides success or
+//   failure), a request thread of its own (the first file's RequestFile,
+//   the only call that blocks) and the engine's loopers (write progress
+//   and completion).
 // - Engine operations are never called with the endpoint's lock held, and
-//   never from the engine's own listener callbacks.
+//   never from the engine's own listener callbacks. The calls of the
+//   delivery thread and of the session thread are serialised by an input
+//   lock, because the engine's lists and flags behind them are unguarded.
 // - The destructor cancels a running session, closes the transport,
 //   releases the request thread, destroys the engine and removes the cache
 //   directory. Never destroy the endpoint from an observer callback.
@@ -39,17 +44,32 @@
 //   so entries are requested in list order, one request per entry. The
 //   announced name is the request name (filePath + "/" + fileName) and is
 //   passed as fileName to ProcessFileDownloadStart, so it matches the
-//   record pushed with PushDownloadFile and RequestFile's marker task.
+//   pending entry pushed with PushDownloadFile and RequestFile's marker.
+// - Pipelining: entries are requested up to 16 ahead of the oldest one not
+//   yet in place (in bursts, refilled at half that), and put in place
+//   strictly in list order. The sender streams one file at a time, so
+//   files arrive, are written and complete in list order too.
 // - RequestFile(file, false) blocks until ANY download completes or the
 //   writer is stopped; the first one of a paste wipes the cache directory
 //   and posts onRequestFile on the main looper; when the pending list
-//   becomes empty it stops the writer. Hence one file at a time: the
-//   record list is cleared and the file pushed alone, RequestFile runs on
-//   the request thread, and the request goes to the sender only once the
-//   marker file exists in the cache and a lock barrier through the engine
-//   (a data call for an id no task has) has proved that RequestFile is
-//   waiting. Otherwise the wipe, or the "direct copy" of a file still being
-//   written, could race with the incoming file.
+//   becomes empty it stops the writer (dropping every download task and
+//   every queued chunk). Hence:
+//   * the first file of the list goes alone: everything before it is in
+//     place, its RequestFile runs on the request thread, and the request
+//     goes to the sender only once the marker file exists in the cache and
+//     a lock barrier through the engine (a data call for an id no task
+//     has) has proved that RequestFile waits; nothing else is requested
+//     until it is in place. Otherwise the wipe could delete a file being
+//     received;
+//   * every later file is complete (and its size checked) before its
+//     RequestFile runs, on the session thread: the call finds the file in
+//     the cache and returns at once ("direct copy");
+//   * a file is pushed to the pending list just before its RequestFile,
+//     together with the next file already requested, so the list only
+//     empties (and the writer is only replaced) when nothing else is in
+//     flight, and RequestFile's walk of the list stays two entries long.
+//     The record list is kept empty: its walk on every announcement would
+//     grow with the list, and the endpoint reports no records.
 // - A directory entry is never requested with RequestFile (it would create
 //   a plain file of that name in the cache and wait): its announcement goes
 //   to ProcessFileDownloadStart(isDir = true), which mkdirs in the cache and
@@ -66,7 +86,7 @@
 // - Failures: the engine reports a local failure as onClipboardRelease,
 //   onFileTransferFailed(taskId, transferId, 1), onReportEvent. A write
 //   failure replaces the writer and drops every download task, which also
-//   releases the blocked RequestFile: the session then fails cleanly. A
+//   releases a blocked RequestFile: the session then fails cleanly. A
 //   write error the stream only sees when closing is caught by checking
 //   the cached file's size before the move. Remote errors arrive as
 //   TransferError, a lost link as OnTransportClosed
@@ -74,10 +94,12 @@
 //   `stallTimeout`.
 // - Teardown: the engine's Cancel()/ClearTask touch the task list without
 //   its lock, so before calling Cancel the endpoint stops feeding the
-//   engine and waits until the writer has accounted for every chunk it was
-//   given; Cancel then releases the blocked RequestFile. The listener
-//   outlives the engine, which is never destroyed from its own callbacks
-//   or loopers. The cache directory is removed on every exit path.
+//   engine, waits until the engine's loopers hold no job (its looper
+//   factory counts them) and until a RequestFile that a completion or a
+//   writer failure has woken has returned; Cancel then releases a
+//   RequestFile still waiting. The listener outlives the engine, which is
+//   never destroyed from its own callbacks or loopers. The cache directory
+//   is removed on every exit path.
 #pragma once
 
 #include <chrono>

@@ -11,7 +11,8 @@
 //   called there), the engine's main looper (data hand-off), the engine's
 //   upload worker, and an acknowledgement pump thread of its own (the only
 //   thread that calls NotifyUpload, because NotifyUpload can block for a
-//   whole bandwidth delay; it also stops the engine once the session is
+//   whole bandwidth delay; it also starts a file accepted while the one
+//   before it was streaming, and stops the engine once the session is
 //   over, so Cancel() is safe from inside observer callbacks).
 // - Engine operations are never called with the endpoint's lock held, and
 //   never from the engine's own listener callbacks.
@@ -42,7 +43,11 @@
 // - Order: UploadFiles always takes the FRONT of the upload list, whatever
 //   task id it is given; the receiver requests entries in list order, one
 //   request per entry, and the endpoint checks the announced name against
-//   the one requested.
+//   the one requested. Requests may come ahead of the file streaming now:
+//   each is announced at once, but files stream one at a time, in list
+//   order (the worker's window count and flags are shared by all
+//   workers): ProcessFileUploadData for an accepted file waits until the
+//   data of the file before it has all been handed off.
 // - Transfer ids: this engine draws odd ids (3, 5, ...); they travel as
 //   they are; the receiver maps them to even ones.
 // - Directories: never ProcessFileUploadData for a directory (its worker
@@ -55,14 +60,18 @@
 //   the acknowledged flag is CLEARED when a wait begins, so an
 //   acknowledgement that arrives before the wait is lost; NotifyUpload is
 //   ignored while IsUploading() is false; window 0 waits before the first
-//   chunk. So the window travels in FileStart, the receiver acknowledges
-//   every `window` written chunks (and once at accept for window 0), and
-//   after each acknowledgement the pump keeps calling NotifyUpload at a
-//   short interval until the next chunk of that transfer is seen or the
-//   file's bytes are complete. As a safety net against a skewed count (the
-//   count is shared with the previous file's worker), the pump also nudges
-//   a transfer that has sent nothing for a while although fewer than
-//   `window` chunks are unacknowledged.
+//   chunk. So the window travels in FileStart and the receiver
+//   acknowledges every `window` written chunks (and once at accept for
+//   window 0). The worker pauses after every `window` chunks handed out;
+//   the pump releases it once the receiver has written all but the last
+//   window (window 0: once acknowledged), so the receiver still has a
+//   window of data to write while the acknowledgement travels, and at
+//   most two windows are unwritten. A release is repeated at a short
+//   interval until the worker's next chunk is seen (one that beats the
+//   worker into its wait is lost). As a safety net against a skewed count
+//   (the count is shared with the previous file's worker), the pump also
+//   nudges a transfer that has sent nothing for a while although the same
+//   rule would let it go.
 // - Bandwidth: with bandwidthKbps set, a TokenBucketRateLimiter is given to
 //   the engine and flow control is switched on; the engine's own delays
 //   floor to whole milliseconds, the bucket corrects the rate.
@@ -93,13 +102,13 @@
 namespace orin::xfer::host {
 
 struct SenderOptions {
-    uint32_t ackWindow = 50;       // chunks sent before waiting for a DataAck
+    uint32_t ackWindow = 50;       // chunks between pauses; at most two windows are unwritten
     uint32_t bandwidthKbps = 0;    // 0: unlimited; otherwise a token bucket at this rate
     bool flowControl = false;      // forced on when bandwidthKbps is set
     // Re-sending of an acknowledgement until the worker moves on.
-    std::chrono::microseconds renotifyInterval{500};
+    std::chrono::microseconds renotifyInterval{200};
     // A transfer silent this long with window room left gets nudged.
-    std::chrono::milliseconds idleNudgeAfter{100};
+    std::chrono::milliseconds idleNudgeAfter{10};
     SenderObserver* observer = nullptr;  // not owned; may be null
 };
 
