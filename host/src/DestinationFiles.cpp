@@ -59,7 +59,9 @@ int ClaimName(const std::string& parent, const std::string& name, bool isDirecto
               const Creator& create, std::string& finalPath)
 {
     for (int attempt = 0; attempt < kMaxNameAttempts; ++attempt) {
-        const std::string candidate = propose(parent, name, isDirectory);
+        // The proposer answers the name itself while it is free, so the
+        // common case tries it directly and asks only after a clash.
+        const std::string candidate = attempt == 0 ? name : propose(parent, name, isDirectory);
         const std::string path = parent + "/" + (candidate.empty() ? name : candidate);
         const int result = create(path);
         if (result != EEXIST) {

@@ -27,8 +27,9 @@ using NameProposer = std::function<std::string(const std::string& parent, const 
 // Creates `path`: 0, EEXIST (someone took it: try another name) or an errno.
 using Creator = std::function<int(const std::string& path)>;
 
-// Creates the entry under the first free name the proposer gives; 0 and
-// the final path, or the errno of the failure.
+// Creates the entry under its own name or, when that is taken, under the
+// first free name the proposer gives; 0 and the final path, or the errno
+// of the failure.
 int ClaimName(const std::string& parent, const std::string& name, bool isDirectory, const NameProposer& propose,
               const Creator& create, std::string& finalPath);
 

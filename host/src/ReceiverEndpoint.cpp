@@ -212,6 +212,20 @@ Slot* ReceiverEndpoint::Impl::slotBySenderId(uint32_t senderId)
     return nullptr;
 }
 
+// The session settles completed entries in batches: one wake-up per batch
+// rather than per file. It is woken early when nothing else is in flight.
+bool ReceiverEndpoint::Impl::settleDueLocked() const
+{
+    size_t completed = 0;
+    for (const Slot& slot : mSlots) {
+        if (!slot.completed) {
+            break;
+        }
+        ++completed;
+    }
+    return completed > 0 && (completed >= kSettleBatch || completed == mSlots.size());
+}
+
 std::string ReceiverEndpoint::Impl::destinationGuessLocked() const
 {
     if (mSlots.empty()) {

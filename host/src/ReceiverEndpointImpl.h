@@ -5,6 +5,8 @@
 // engine contracts are in xferfm/host/ReceiverEndpoint.h.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -40,8 +42,11 @@ inline constexpr auto kWaitSlice = std::chrono::milliseconds(50);
 
 // Entries requested ahead of the one being settled. Enough to keep the
 // sender busy across the request and announcement round trips of small
-// files; the engine's per-file work stays one file at a time regardless.
-inline constexpr size_t kRequestAhead = 16;
+// files, in bursts of half of it; the engine's per-file work stays one
+// file at a time regardless.
+inline constexpr size_t kRequestAhead = 32;
+// Completed entries that wake the session to settle them together.
+inline constexpr size_t kSettleBatch = 8;
 
 // One requested entry, from its request until it is settled (moved into
 // place, or its directory created).
@@ -147,8 +152,9 @@ private:
     // lock) has gone through, proving the lock was released by the wait.
     bool waitForRequestToWait(const std::string& name);
     void lockBarrier();
-    bool checkCachedFile(const FileListEntry& entry, const std::string& cached, uint64_t expected);
-    bool landFile(const FileListEntry& entry, const std::string& cached, uint64_t expected);
+    // The size check; `mode` gets the cached file's permission bits.
+    bool checkCachedFile(const FileListEntry& entry, const std::string& cached, uint64_t expected, mode_t& mode);
+    bool landFile(const FileListEntry& entry, const std::string& cached, uint64_t expected, mode_t cachedMode);
 
     // Where an entry's parent directory landed.
     std::string finalParentOf(const FileListEntry& entry);
@@ -198,6 +204,8 @@ private:
     std::string currentDestination();
     // Wakes the session thread (and WaitFinished callers only on the end).
     void wakeSession() { mSessionWake.notify_all(); }
+    // Whether enough completed entries wait to be settled. mMutex held.
+    bool settleDueLocked() const;
 
     // The slot of a transfer by the receiver's or the sender's id; null
     // when the transfer is not in flight. Called with mMutex held.

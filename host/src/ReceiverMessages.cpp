@@ -53,6 +53,7 @@ void ReceiverEndpoint::Impl::onFileTransferCompleted(uint32_t taskId, uint32_t t
 {
     (void)taskId, (void)result;
     Progress progress;
+    bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         Slot* slot = slotByReceiverId(transferId);
@@ -69,8 +70,11 @@ void ReceiverEndpoint::Impl::onFileTransferCompleted(uint32_t taskId, uint32_t t
             slot->bytesWritten = slot->fileSize;
         }
         progress = progressLocked(*slot);
+        wake = settleDueLocked();
     }
-    wakeSession();
+    if (wake) {
+        wakeSession();
+    }
     if (!progress.name.empty() && progress.fileSize > 0) {
         reportProgress(progress);
     }

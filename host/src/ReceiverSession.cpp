@@ -202,7 +202,8 @@ bool ReceiverEndpoint::Impl::settleDirectory(const FileListEntry& entry)
 bool ReceiverEndpoint::Impl::settleFile(const FileListEntry& entry, uint64_t expected, bool firstFile)
 {
     const std::string cached = CacheDirectory() + "/" + entry.RequestName();
-    if (!checkCachedFile(entry, cached, expected)) {
+    mode_t cachedMode = 0;
+    if (!checkCachedFile(entry, cached, expected, cachedMode)) {
         return false;
     }
     if (!firstFile) {
@@ -228,7 +229,7 @@ bool ReceiverEndpoint::Impl::settleFile(const FileListEntry& entry, uint64_t exp
         }
         mManager->RequestFile(describe(entry), false);
     }
-    return landFile(entry, cached, expected);
+    return landFile(entry, cached, expected, cachedMode);
 }
 
 void ReceiverEndpoint::Impl::postRequest(const FileDescription& description)
@@ -290,11 +291,13 @@ void ReceiverEndpoint::Impl::lockBarrier()
 
 // A write error the stream only meets when it is closed leaves a short
 // file behind without a report: the size tells.
-bool ReceiverEndpoint::Impl::checkCachedFile(const FileListEntry& entry, const std::string& cached, uint64_t expected)
+bool ReceiverEndpoint::Impl::checkCachedFile(const FileListEntry& entry, const std::string& cached, uint64_t expected,
+                                             mode_t& mode)
 {
     struct stat status {};
     const bool present = stat(cached.c_str(), &status) == 0;
     if (present && static_cast<uint64_t>(status.st_size) == expected) {
+        mode = status.st_mode & 07777;
         return true;
     }
     const std::string path = finalParentOf(entry) + "/" + entry.fileName;
@@ -305,7 +308,8 @@ bool ReceiverEndpoint::Impl::checkCachedFile(const FileListEntry& entry, const s
     return false;
 }
 
-bool ReceiverEndpoint::Impl::landFile(const FileListEntry& entry, const std::string& cached, uint64_t expected)
+bool ReceiverEndpoint::Impl::landFile(const FileListEntry& entry, const std::string& cached, uint64_t expected,
+                                      mode_t cachedMode)
 {
     const std::string name = entry.RequestName();
     std::string finalPath;
@@ -317,7 +321,9 @@ bool ReceiverEndpoint::Impl::landFile(const FileListEntry& entry, const std::str
         fail(path, path + ": cannot be moved into place: " + errorText(error), false);
         return false;
     }
-    if (entry.mode != 0) {
+    // The file was created with the process's default mode: change it only
+    // when that is not already the one wanted.
+    if (entry.mode != 0 && cachedMode != (entry.mode & 0777)) {
         chmod(finalPath.c_str(), entry.mode & 0777);
     }
     {

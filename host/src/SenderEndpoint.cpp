@@ -1,6 +1,7 @@
 #include "xferfm/host/SenderEndpoint.h"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -23,6 +24,8 @@ using Clock = std::chrono::steady_clock;
 constexpr uint32_t kNoTransferId = 0xFFFFFFFF;
 // Entries handed to the engine at a time (see Offer).
 constexpr size_t kUploadSlice = 64;
+// How long the pump sleeps while nothing streams (it is woken for work).
+constexpr auto kPumpIdleSleep = std::chrono::milliseconds(100);
 
 // A file announced to the receiver whose data has not all been handed off
 // yet, as far as the endpoint can see it. Only the oldest one streams.
@@ -49,7 +52,9 @@ struct Upload {
 class SenderEndpoint::Impl final : public ITransportHandler, public FileTransferListener {
 public:
     Impl(std::unique_ptr<ITransport> transport, SenderOptions options)
-        : mOptions(std::move(options)), mTransport(std::move(transport))
+        : mOptions(std::move(options)),
+          mFlowControl(mOptions.flowControl || mOptions.bandwidthKbps != 0),
+          mTransport(std::move(transport))
     {
         std::unique_ptr<IFileTransferRateLimiter> limiter;
         const bool limited = mOptions.bandwidthKbps != 0;
@@ -222,6 +227,8 @@ public:
         (void)taskId;
         const uint64_t length = size > 0 ? static_cast<uint64_t>(size) : 0;
         uint64_t bytesSent = 0;
+        bool startNext = false;
+        bool releaseNow = false;
         {
             std::lock_guard<std::mutex> lock(mMutex);
             if (mFinished) {
@@ -239,17 +246,22 @@ public:
                     ++mSummary.filesDone;
                     mUploads.erase(upload);
                     // The next file's worker may start once this one's data
-                    // is all handed off; this callback may not call the engine.
-                    if (!mUploads.empty() && mUploads.front().accepted && !mUploads.front().started) {
-                        mStartDue = true;
-                        kickPumpLocked();
-                    }
-                } else if (evaluateReleaseLocked(*upload)) {
-                    kickPumpLocked();
+                    // is all handed off.
+                    startNext = !mUploads.empty() && mUploads.front().accepted && !mUploads.front().started;
+                } else {
+                    releaseNow = releaseDueLocked(*upload);
                 }
             }
             mSummary.bytesDone += length;
             bytesSent = mSummary.bytesDone;
+        }
+        if (releaseNow) {
+            mManager->NotifyUpload();  // the worker waits at this window's end by now
+        }
+        if (startNext) {
+            // Before this piece goes on, so the next worker's start overlaps
+            // the receiver's handling of it.
+            startUploads(false);
         }
         mTransport->SendData(transferId, data, static_cast<size_t>(length));
         notifyObserver([&](SenderObserver& observer) { observer.OnBytesSent(bytesSent); });
@@ -361,20 +373,24 @@ private:
             }
             upload->accepted = true;
         }
-        startUploads();
+        startUploads(true);
     }
 
     void handle(DataAck& ack)
     {
-        std::lock_guard<std::mutex> lock(mMutex);
-        auto upload = uploadLocked(ack.transferId);
-        if (mFinished || upload == mUploads.end()) {
-            return;
+        bool releaseNow = false;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            auto upload = uploadLocked(ack.transferId);
+            if (mFinished || upload == mUploads.end()) {
+                return;
+            }
+            upload->chunksAcked = std::max(upload->chunksAcked, ack.chunksWritten);
+            upload->ackSeen = true;
+            releaseNow = releaseDueLocked(*upload);
         }
-        upload->chunksAcked = std::max(upload->chunksAcked, ack.chunksWritten);
-        upload->ackSeen = true;
-        if (evaluateReleaseLocked(*upload)) {
-            kickPumpLocked();
+        if (releaseNow) {
+            mManager->NotifyUpload();
         }
     }
 
@@ -503,6 +519,23 @@ private:
         return true;
     }
 
+    // A due release goes out at once from the calling thread when no
+    // bandwidth delay can hold NotifyUpload up (true: the caller calls it
+    // once unlocked); with flow control on, the pump sends it. Either way
+    // the pump repeats it until the worker moves on.
+    bool releaseDueLocked(Upload& upload)
+    {
+        if (!evaluateReleaseLocked(upload)) {
+            return false;
+        }
+        if (mFlowControl) {
+            kickPumpLocked();
+            return false;
+        }
+        upload.lastNudge = Clock::now();
+        return true;
+    }
+
     // Whether a worker seen to be stalled may be let go: the window rule
     // above, applied wherever it stopped (its count can be skewed by the
     // previous file's worker, which resets the shared count when it ends).
@@ -518,29 +551,50 @@ private:
         mPumpWake.notify_one();
     }
 
-    // Starts the oldest accepted file if nothing streams. Delivery or pump
-    // thread, never inside an engine callback.
-    void startUploads()
+    // Starts the oldest accepted file if nothing streams, and the ones after
+    // it that end inside their start (0-byte files). Called on the delivery
+    // and pump threads (`mayWait`), and from the data hand-off on the main
+    // looper, which only tries the engine lock (its holder may be joining
+    // that looper) and leaves the start to the pump when it is busy. The
+    // hand-off holds no engine lock, so ProcessFileUploadData (task lock,
+    // thread start) is safe there; a 0-byte file's empty piece comes back
+    // into onSendFileData inside it, and that nested call starts nothing.
+    void startUploads(bool mayWait)
     {
+        if (mStartingOn.load() == std::this_thread::get_id()) {
+            return;  // nested: the loop below goes on with the next file
+        }
+        std::unique_lock<std::mutex> engine(mEngineMutex, std::defer_lock);
+        if (mayWait) {
+            engine.lock();
+        } else if (!engine.try_lock()) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mStartDue = true;
+            kickPumpLocked();
+            return;
+        }
+        mStartingOn = std::this_thread::get_id();
         while (true) {
             uint32_t transferId = 0;
             {
                 std::lock_guard<std::mutex> lock(mMutex);
                 if (mFinished || mUploads.empty() || !mUploads.front().accepted || mUploads.front().started) {
-                    return;
+                    break;
                 }
                 Upload& upload = mUploads.front();
                 upload.started = true;
                 upload.lastChunk = Clock::now();
                 transferId = upload.transferId;
+                if (mPumpNapping) {
+                    kickPumpLocked();  // watch this transfer at the short cadence
+                }
                 if (evaluateReleaseLocked(upload)) {
                     kickPumpLocked();
                 }
             }
-            std::lock_guard<std::mutex> engine(mEngineMutex);
             mManager->ProcessFileUploadData(transferId);
-            // A 0-byte file is done inside that call: loop for the next.
         }
+        mStartingOn = std::thread::id();
     }
 
     // The only caller of NotifyUpload, and the thread that stops the engine
@@ -568,19 +622,20 @@ private:
             if (mStartDue) {
                 mStartDue = false;
                 lock.unlock();
-                startUploads();
+                startUploads(true);
                 lock.lock();
                 continue;
             }
             bool nudge = false;
-            auto sleepFor = std::chrono::duration_cast<Clock::duration>(mOptions.idleNudgeAfter);
+            Clock::duration sleepFor = kPumpIdleSleep;
             Upload* upload = mFinished ? nullptr : streamingLocked();
             if (upload != nullptr) {
                 const auto now = Clock::now();
                 const bool quiet = now - upload->lastChunk >= mOptions.idleNudgeAfter &&
                                    now - upload->lastNudge >= mOptions.idleNudgeAfter;
+                sleepFor = mOptions.idleNudgeAfter;
                 if (upload->releasePending) {
-                    nudge = true;
+                    nudge = now - upload->lastNudge >= mOptions.renotifyInterval;
                     sleepFor = mOptions.renotifyInterval;
                 } else if (quiet && mayReleaseLocked(*upload)) {
                     nudge = true;
@@ -595,18 +650,21 @@ private:
                 lock.lock();
             }
             if (!mPumpKicked && !mStopPump) {
+                mPumpNapping = sleepFor == kPumpIdleSleep;
                 mPumpWake.wait_for(lock, sleepFor);
+                mPumpNapping = false;
             }
         }
     }
 
     SenderOptions mOptions;
+    const bool mFlowControl;  // the engine may sleep inside NotifyUpload (bandwidth delay)
     std::unique_ptr<ITransport> mTransport;
     std::unique_ptr<IFileTransferManager> mManager;
 
     // Serialises the engine operations the endpoint's threads make (all but
     // NotifyUpload): the engine's lists are not guarded against concurrent
-    // host calls. Never taken inside a listener callback.
+    // host calls. Inside a listener callback it is only ever tried.
     std::mutex mEngineMutex;
     // Recursive: an observer may call Cancel() from a callback, and the
     // OnFailure/OnFinished that Cancel reports then come on the same thread.
@@ -629,7 +687,9 @@ private:
     bool mFinished = false;
     bool mStopPump = false;
     bool mPumpKicked = false;  // something for the pump arrived since it last looked
+    bool mPumpNapping = false; // the pump sleeps the long, nothing-streams interval
     bool mStartDue = false;    // the next accepted file may start streaming
+    std::atomic<std::thread::id> mStartingOn{};  // the thread inside startUploads, if any
     bool mEngineStopDue = false;  // the session is over: the pump stops the engine
     bool mEngineStopped = false;
     TransferSummary mSummary;

@@ -45,9 +45,10 @@
 //   announced name is the request name (filePath + "/" + fileName) and is
 //   passed as fileName to ProcessFileDownloadStart, so it matches the
 //   pending entry pushed with PushDownloadFile and RequestFile's marker.
-// - Pipelining: entries are requested up to 16 ahead of the oldest one not
+// - Pipelining: entries are requested up to 32 ahead of the oldest one not
 //   yet in place (in bursts, refilled at half that), and put in place
-//   strictly in list order. The sender streams one file at a time, so
+//   strictly in list order, in batches (the session thread wakes once 8
+//   are complete, or when everything requested is). The sender streams one file at a time, so
 //   files arrive, are written and complete in list order too.
 // - RequestFile(file, false) blocks until ANY download completes or the
 //   writer is stopped; the first one of a paste wipes the cache directory

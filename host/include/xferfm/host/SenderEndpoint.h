@@ -9,13 +9,22 @@
 // - The endpoint runs on: the transport's delivery thread (requests, acks,
 //   errors from the receiver: UploadFiles and ProcessFileUploadData are
 //   called there), the engine's main looper (data hand-off), the engine's
-//   upload worker, and an acknowledgement pump thread of its own (the only
-//   thread that calls NotifyUpload, because NotifyUpload can block for a
-//   whole bandwidth delay; it also starts a file accepted while the one
-//   before it was streaming, and stops the engine once the session is
-//   over, so Cancel() is safe from inside observer callbacks).
+//   upload worker, and an acknowledgement pump thread of its own (with a
+//   bandwidth limit the only thread that calls NotifyUpload, because
+//   NotifyUpload can then block for a whole bandwidth delay; without one,
+//   an acknowledgement or a window boundary releases the worker directly
+//   from the delivery thread or the hand-off, and the pump only repeats
+//   the release and nudges; it also starts a file accepted while the one
+//   before it was streaming when the hand-off could not, and stops the
+//   engine once the session is over, so Cancel() is safe from inside
+//   observer callbacks).
 // - Engine operations are never called with the endpoint's lock held, and
-//   never from the engine's own listener callbacks.
+//   never from the engine's own listener callbacks, with one exception:
+//   when the data hand-off (onSendFileData, main looper) sees the last
+//   piece of a file it starts the next accepted one there
+//   (ProcessFileUploadData takes only the engine's task lock, which the
+//   hand-off never holds); it only tries the endpoint's engine lock and
+//   leaves the start to the pump when that is busy.
 // - The destructor cancels a running session, closes the transport, then
 //   destroys the engine (the listener outlives it). Never destroy the
 //   endpoint from one of its observer's callbacks.
@@ -105,10 +114,11 @@ struct SenderOptions {
     uint32_t ackWindow = 50;       // chunks between pauses; at most two windows are unwritten
     uint32_t bandwidthKbps = 0;    // 0: unlimited; otherwise a token bucket at this rate
     bool flowControl = false;      // forced on when bandwidthKbps is set
-    // Re-sending of an acknowledgement until the worker moves on.
+    // Re-sending of a release until the worker moves on.
     std::chrono::microseconds renotifyInterval{200};
-    // A transfer silent this long with window room left gets nudged.
-    std::chrono::milliseconds idleNudgeAfter{10};
+    // A transfer silent this long with window room left gets nudged (a
+    // worker whose shared count the previous file's worker skewed).
+    std::chrono::milliseconds idleNudgeAfter{2};
     SenderObserver* observer = nullptr;  // not owned; may be null
 };
 
