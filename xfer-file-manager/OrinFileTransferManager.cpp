@@ -178,6 +178,11 @@ OrinFileTransferManager::~OrinFileTransferManager()
 {
     ClearTask();
     waitForUploadWorkers();
+    // A writer job that failed has retired its own looper, whose thread
+    // nobody joins: its stopWriteFileThread must be over before the members go.
+    while (mWriterStopsInFlight.load(std::memory_order_acquire) != 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void OrinFileTransferManager::waitForUploadWorkers()
@@ -1413,6 +1418,26 @@ bool OrinFileTransferManager::writeFile(std::shared_ptr<FileTransferTask> task, 
     return true;
 }
 
+namespace {
+
+// Counts a stopWriteFileThread call while it runs, for the destructor to
+// outwait. The count is the call's last touch of the manager.
+class StopInFlight {
+public:
+    explicit StopInFlight(std::atomic<uint32_t>& count) : mCount(count)
+    {
+        mCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    ~StopInFlight() { mCount.fetch_sub(1, std::memory_order_release); }
+    StopInFlight(const StopInFlight&) = delete;
+    StopInFlight& operator=(const StopInFlight&) = delete;
+
+private:
+    std::atomic<uint32_t>& mCount;
+};
+
+}  // namespace
+
 // Also runs on the writer looper's own thread after a write failure, and
 // from RequestFile with the task-list mutex already held.
 //
@@ -1423,6 +1448,8 @@ bool OrinFileTransferManager::writeFile(std::shared_ptr<FileTransferTask> task, 
 // another file needs it for its deleteTask.
 void OrinFileTransferManager::stopWriteFileThread()
 {
+    // First, so that it is released last, after the task lock below.
+    const StopInFlight inFlight(mWriterStopsInFlight);
     const bool callerHoldsTaskMutex = mTaskMutexHolder.load() == std::this_thread::get_id();
     std::unique_lock<std::mutex> taskLock(mTaskMutex, std::defer_lock);
     if (!callerHoldsTaskMutex) {

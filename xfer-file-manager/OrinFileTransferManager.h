@@ -25,8 +25,9 @@
 //
 // Lifetime: the listener must outlive the manager. The destructor clears the
 // tasks, stops the upload worker and waits until it has left its loop (it
-// reads at most one more chunk), then destroys the writer looper, the main
-// looper and the factory, in that order. Never destroy the manager from
+// reads at most one more chunk), waits for a failed writer job that is still
+// replacing its writer, then destroys the writer looper, the main looper and
+// the factory, in that order. Never destroy the manager from
 // inside a listener callback or a looper job of its own.
 #pragma once
 
@@ -169,6 +170,9 @@ private:
     uint32_t mActiveUploadWorkers = 0;
     std::mutex mDelayMutex;
     std::condition_variable mDelayCondition;
+    // stopWriteFileThread calls still running; one made by a failed writer
+    // job runs on the retired writer's thread, which nobody joins.
+    std::atomic<uint32_t> mWriterStopsInFlight{0};
 };
 
 }  // namespace orin::xfer
