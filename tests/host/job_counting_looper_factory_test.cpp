@@ -68,15 +68,22 @@ TEST(JobCountingLooperFactory, ALooperDestroyedInsideItsOwnJobCountsThatJobUntil
 {
     Counted counted;
     std::unique_ptr<IFileTransferLooper> looper = counted.factory.CreateLooper("self");
+    std::atomic<bool> posted{false};
     std::atomic<bool> destroyed{false};
     std::atomic<bool> leave{false};
     looper->Post([&] {
+        // Only once Post has returned: the engine, too, posts to its writer
+        // and replaces it under one lock, never at the same time.
+        while (!posted) {
+            std::this_thread::yield();
+        }
         looper.reset();  // as the engine replaces its writer from a write job
         destroyed = true;
         while (!leave) {
             std::this_thread::yield();
         }
     });
+    posted = true;
     ASSERT_TRUE(waitUntil([&] { return destroyed.load(); }));
     EXPECT_FALSE(counted.counter->WaitIdle(20ms));
     leave = true;
