@@ -179,8 +179,8 @@ private:
 
 // A receiver on 127.0.0.1 in this process, for one `xferfm send`.
 struct TcpReceiver {
+    RecordingReceiverObserver observer;  // first: it must outlive the endpoint
     std::unique_ptr<ReceiverEndpoint> endpoint;
-    RecordingReceiverObserver observer;
 };
 
 std::unique_ptr<TcpReceiver> acceptSender(TcpListener& listener, const std::string& destination, std::string& error)
