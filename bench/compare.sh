@@ -268,7 +268,7 @@ run_micro() {
   say "== engine micro-benchmarks"
   local args=(--benchmark_color=false)
   [ "$QUICK" = 1 ] && args+=(--benchmark_min_time=0.05)
-  local tuned=glibc.malloc.trim_threshold=33554432:glibc.malloc.mmap_threshold=1048576:glibc.malloc.arena_max=2
+  local tuned=glibc.malloc.trim_threshold=33554432:glibc.malloc.mmap_threshold=1048576:glibc.malloc.arena_max=1
   {
     echo "glibc allocator defaults:"
     "$BUILD/bench/xferfm-bench" "${args[@]}" 2>/dev/null | grep -E '^(Benchmark|BM_|-)'

@@ -3,6 +3,7 @@
 #include <limits.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "DestinationFiles.h"
@@ -224,6 +225,44 @@ bool ReceiverEndpoint::Impl::settleDueLocked() const
         ++completed;
     }
     return completed > 0 && (completed >= kSettleBatch || completed == mSlots.size());
+}
+
+std::vector<Accept> ReceiverEndpoint::Impl::takeDueAcceptsLocked()
+{
+    std::vector<Accept> due;
+    if (mAcceptsDue == 0) {
+        return due;
+    }
+    uint64_t owed = 0;
+    for (const Slot& slot : mSlots) {
+        if (slot.accepted && !slot.completed) {
+            owed += slot.fileSize - std::min(slot.fileSize, slot.bytesWritten);
+        }
+    }
+    for (Slot& slot : mSlots) {
+        if (!slot.acceptDue) {
+            continue;
+        }
+        if (owed > 0 && owed + slot.fileSize > kAcceptBacklogBytes) {
+            break;  // in list order: the sender streams them in that order
+        }
+        slot.acceptDue = false;
+        slot.accepted = true;
+        --mAcceptsDue;
+        owed += slot.fileSize;
+        due.push_back(Accept{slot.senderId, slot.window});
+    }
+    return due;
+}
+
+void ReceiverEndpoint::Impl::sendAccepts(const std::vector<Accept>& accepts)
+{
+    for (const Accept& accept : accepts) {
+        mTransport->Send(FileAccept{accept.senderId});
+        if (accept.window == 0) {
+            mTransport->Send(DataAck{accept.senderId, 0});  // the worker waits before its first chunk
+        }
+    }
 }
 
 std::string ReceiverEndpoint::Impl::destinationGuessLocked() const

@@ -47,6 +47,11 @@ inline constexpr auto kWaitSlice = std::chrono::milliseconds(50);
 inline constexpr size_t kRequestAhead = 32;
 // Completed entries that wake the session to settle them together.
 inline constexpr size_t kSettleBatch = 8;
+// Bytes that accepted files may still have to write before the next file
+// is accepted. The sender streams a file once accepted, and the window
+// only bounds each file on its own: without this a slow disk would let
+// whole files pile up in the writer's queue.
+inline constexpr uint64_t kAcceptBacklogBytes = 4u << 20;
 
 // One requested entry, from its request until it is settled (moved into
 // place, or its directory created).
@@ -60,9 +65,17 @@ struct Slot {
     uint32_t senderId = 0;
     uint32_t receiverId = 0;  // senderId + 1: even, never 0
     uint32_t window = 0;
+    bool acceptDue = false;  // set up in the engine; its FileAccept waits for room
+    bool accepted = false;
     bool completed = false;
     uint64_t bytesWritten = 0;
     uint64_t chunksWritten = 0;
+};
+
+// A FileAccept to send (with the window-0 acknowledgement where needed).
+struct Accept {
+    uint32_t senderId = 0;
+    uint32_t window = 0;
 };
 
 }  // namespace receiver
@@ -206,6 +219,12 @@ private:
     void wakeSession() { mSessionWake.notify_all(); }
     // Whether enough completed entries wait to be settled. mMutex held.
     bool settleDueLocked() const;
+    // The announced files that may be accepted now, oldest first, marked
+    // accepted: while the accepted ones still have to write at most
+    // kAcceptBacklogBytes (a larger file goes when nothing else is owed).
+    // mMutex held.
+    std::vector<receiver::Accept> takeDueAcceptsLocked();
+    void sendAccepts(const std::vector<receiver::Accept>& accepts);
 
     // The slot of a transfer by the receiver's or the sender's id; null
     // when the transfer is not in flight. Called with mMutex held.
@@ -263,6 +282,7 @@ private:
     ParsedFileList mList;
     bool mListReady = false;
     std::deque<receiver::Slot> mSlots;  // requested, not yet settled, in list order; emptied at the end
+    size_t mAcceptsDue = 0;             // slots whose FileAccept waits for room
     uint64_t mRequestsPosted = 0;
     uint64_t mRequestsReturned = 0;
     std::string mRequestMarker;  // the cached name the first file's RequestFile creates

@@ -25,6 +25,7 @@ void ReceiverEndpoint::Impl::onFileTransferProgress(uint32_t taskId, uint32_t tr
 {
     (void)taskId, (void)percent;
     std::optional<DataAck> ack;
+    std::vector<Accept> accepts;
     Progress progress;
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -40,7 +41,9 @@ void ReceiverEndpoint::Impl::onFileTransferProgress(uint32_t taskId, uint32_t tr
             ack = DataAck{slot->senderId, slot->chunksWritten};
         }
         progress = progressLocked(*slot);
+        accepts = takeDueAcceptsLocked();
     }
+    sendAccepts(accepts);
     // Nothing waits for progress itself (the session's waits time out to
     // check for a stall), so no thread is woken here.
     if (ack) {
@@ -54,6 +57,7 @@ void ReceiverEndpoint::Impl::onFileTransferCompleted(uint32_t taskId, uint32_t t
     (void)taskId, (void)result;
     Progress progress;
     bool wake = false;
+    std::vector<Accept> accepts;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         Slot* slot = slotByReceiverId(transferId);
@@ -71,7 +75,9 @@ void ReceiverEndpoint::Impl::onFileTransferCompleted(uint32_t taskId, uint32_t t
         }
         progress = progressLocked(*slot);
         wake = settleDueLocked();
+        accepts = takeDueAcceptsLocked();
     }
+    sendAccepts(accepts);
     if (wake) {
         wakeSession();
     }
@@ -176,10 +182,18 @@ void ReceiverEndpoint::Impl::handle(FileStart& start)
     if (start.isDirectory || failed()) {
         return;
     }
-    mTransport->Send(FileAccept{start.transferId});
-    if (start.ackWindow == 0) {
-        mTransport->Send(DataAck{start.transferId, 0});  // the worker waits before its first chunk
+    std::vector<Accept> accepts;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        Slot* slot = slotBySenderId(start.transferId);
+        if (slot == nullptr) {
+            return;
+        }
+        slot->acceptDue = true;
+        ++mAcceptsDue;
+        accepts = takeDueAcceptsLocked();
     }
+    sendAccepts(accepts);
 }
 
 void ReceiverEndpoint::Impl::handle(FileData& data)

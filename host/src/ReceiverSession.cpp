@@ -401,6 +401,7 @@ void ReceiverEndpoint::Impl::conclude(bool ok)
             senderId = mSlots.front().senderId;
         }
         mSlots.clear();  // late engine callbacks find nothing to report
+        mAcceptsDue = 0;
         summary = mSummary;
     }
     if (ok) {

@@ -5,9 +5,9 @@
 namespace xferfm::cli {
 
 // Keeps freed chunk buffers in the heap for reuse instead of trimming them
-// back to the system and faulting them in again, and caps the number of
-// arenas so that per-thread heaps cannot multiply the resident size. Call
-// before any other thread starts.
+// back to the system and faulting them in again, and keeps one arena so
+// that per-thread heaps cannot multiply the resident size. Call before any
+// other thread starts.
 void tuneAllocatorForChunkTraffic();
 
 }  // namespace xferfm::cli

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <mutex>
+#include <thread>
 
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
@@ -176,13 +177,8 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     EngineLogFilter& engineLog = context.engineLog;
     CopyOutcome outcome;
     outcome.destinationDir = checkedDestination(options.destinationDir);
-    outcome.plan = planSources(options.sources);
-    if (signals.interrupted()) {
-        throw ToolError(ExitCode::kInterrupted, "interrupted before anything was copied");
-    }
 
     ProgressTracker tracker;
-    tracker.start(outcome.plan.totalBytes, outcome.plan.fileCount);
     ProgressRenderer renderer(tracker, console, chooseProgressStyle(options.showProgress, console));
     ReceiverReport receiverReport(tracker);
     SenderReport senderReport;
@@ -207,8 +203,29 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         host::SenderEndpoint sender(std::move(link.first), senderOptions);
         host::ReceiverEndpoint receiver(std::move(link.second), receiverOptions);
 
-        // The receiver first: a destination it cannot use fails the copy
-        // before the sender has offered anything.
+        // The sender lists and describes the sources while the tool walks
+        // them for its own checks: both only read. Nothing is written (the
+        // receiver has not started) until the walk has found no problem,
+        // and its errors come first.
+        std::string offerError;
+        bool offered = false;
+        std::thread offering([&] { offered = sender.Offer(options.sources, offerError); });
+        try {
+            outcome.plan = planSources(options.sources);
+        } catch (...) {
+            offering.join();
+            engineLog.silence();
+            throw;
+        }
+        offering.join();
+        if (signals.interrupted()) {
+            engineLog.silence();
+            throw ToolError(ExitCode::kInterrupted, "interrupted before anything was copied");
+        }
+        tracker.start(outcome.plan.totalBytes, outcome.plan.fileCount);
+
+        // Then the receiver: a destination it cannot use fails the copy
+        // before the sender's offer is looked at.
         std::string error;
         if (!receiver.Start(error)) {
             engineLog.silence();
@@ -217,9 +234,9 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
                                 ? error
                                 : "cannot write into '" + outcome.destinationDir + "': " + error);
         }
-        if (!sender.Offer(options.sources, error)) {
+        if (!offered) {
             engineLog.silence();
-            throw ToolError(ExitCode::kSourceUnreadable, "cannot read sources: " + error);
+            throw ToolError(ExitCode::kSourceUnreadable, "cannot read sources: " + offerError);
         }
         const std::string cacheDir = receiver.CacheDirectory();
         ScopedSignalHooks hooks(

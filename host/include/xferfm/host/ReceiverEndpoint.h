@@ -83,7 +83,10 @@
 //   endpoint acknowledges every `ackWindow` chunks WRITTEN (counted from
 //   onFileTransferProgress on the writer looper), so the sender's window
 //   bounds the data in memory end to end; a window of 0 is acknowledged
-//   once at accept.
+//   once at accept. The window bounds each file on its own, so across
+//   files the accept is the brake: a file is accepted (FileAccept, which
+//   lets the sender stream it) only while the files accepted before it
+//   still have at most 4 MiB to write, or nothing at all.
 // - Failures: the engine reports a local failure as onClipboardRelease,
 //   onFileTransferFailed(taskId, transferId, 1), onReportEvent. A write
 //   failure replaces the writer and drops every download task, which also
