@@ -260,6 +260,10 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         summary = receiver.Summary();
         if (!summary.completed) {
             engineLog.silence();  // the failure is ours to report from here on
+        } else if (!sender.WaitFinished(std::chrono::seconds(2))) {
+            // The receiver's goodbye is on its way to the sender, whose
+            // teardown would otherwise call the finished copy cancelled.
+            engineLog.silence();
         }
         // Leaving this scope cancels what is left, closes the link and
         // removes the receiver's cache directory.

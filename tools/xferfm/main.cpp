@@ -10,6 +10,7 @@
 #include "EngineLogFilter.h"
 #include "IFileTransferLogger.h"
 #include "NetworkCommands.h"
+#include "SchedulingTuning.h"
 #include "SignalWatcher.h"
 #include "StderrConsole.h"
 #include "ToolContext.h"
@@ -20,6 +21,7 @@ int main(int argc, char** argv)
 {
     using namespace xferfm::cli;
     tuneAllocatorForChunkTraffic();
+    preferShortSchedulingSlices();
     if (isNetworkCommand(argc, argv)) {
         return runNetworkCommand(argc, argv);  // serve and send: NetworkCommands.cpp
     }
