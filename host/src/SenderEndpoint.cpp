@@ -269,7 +269,9 @@ public:
 
     void onFileTransferFailed(uint32_t taskId, uint32_t transferId, uint32_t result) override
     {
-        (void)taskId;
+        // A lost link is reported with no task (0xFFFFFFFF) and transfer id
+        // 0; a missing source with its task and transfer id 0.
+        const bool linkLost = taskId == kNoTransferId;
         std::string path;
         {
             std::lock_guard<std::mutex> lock(mMutex);
@@ -277,14 +279,16 @@ public:
                 return;
             }
             auto known = mSourceByTransfer.find(transferId);
-            if (known != mSourceByTransfer.end()) {
+            if (linkLost) {
+                // No file to name.
+            } else if (known != mSourceByTransfer.end()) {
                 path = known->second;
             } else if (transferId == 0 && mNextIndex < mList.size()) {
                 path = detail::SourcePathOf(mList[mNextIndex]);  // UploadFiles found it missing
             }
         }
         std::string message;
-        if (transferId == kNoTransferId || (transferId == 0 && path.empty())) {
+        if (linkLost || (transferId == 0 && path.empty())) {
             message = "the link to the receiver was lost";
         } else if (result == 3) {
             message = "the receiver reported an error for " + path;
