@@ -248,6 +248,9 @@ TEST(DownloadWriteFailure, IsReportedOnceAndTheWriterIsReplacedFromItsOwnThread)
 
     ASSERT_TRUE(listener.WaitForCount("onFileTransferFailed", 1));
     ASSERT_TRUE(waitUntil([&] { return journal->Count("create:xfer-downloader") == 2; }));
+    // The fresh writer is in place only when the stop ends, which it marks
+    // by setting mDownloadComplete; a chunk posted before that is dropped.
+    ASSERT_TRUE(waitUntil([&] { return m.mDownloadComplete.load(); }));
     const auto failures = logger->WithMessagePrefix("write stream failed ");
     ASSERT_EQ(failures.size(), 1u);
     EXPECT_EQ(failures[0].level, 3);

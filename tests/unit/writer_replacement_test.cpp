@@ -111,6 +111,8 @@ TEST(WriterReplacement, ChunkArrivingWhileAFailedWriterIsReplacedIsNotWrittenOrR
     gate.Release();
 
     ASSERT_TRUE(waitUntil([&] { return journal->Count("create:xfer-downloader") == 2; }));
+    // The fresh writer is in place only when the stop ends (mDownloadComplete).
+    ASSERT_TRUE(waitUntil([&] { return manager->mDownloadComplete.load(); }));
     // A new file through the fresh writer: once it completes, every job that
     // reached that writer before it has run.
     StartFile(*manager, 3, 4, "after.bin", 3, dir.Join("dest"));
