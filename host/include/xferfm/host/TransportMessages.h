@@ -17,6 +17,12 @@
 //   finally:
 //   Disconnect (completed)             ->
 //
+// The entries overlap: the receiver may send the next requests before an
+// entry is done, and the sender announces each at once, but file data
+// still flows one file at a time, in list order (the sender streams a file
+// once it is accepted and the one before it is out; the receiver holds a
+// FileAccept back while the files accepted before it owe much data).
+//
 // Either side may send TransferError for one transfer or Disconnect to
 // leave the session early; EndOfList answers a request beyond the list.
 // Transfer ids in messages are always the SENDER's (odd) ids.
