@@ -98,7 +98,8 @@ sanitizer_summary() {
 asan_summary=$(sanitizer_summary asan)
 tsan_summary=$(sanitizer_summary tsan)
 
-commit=$(git rev-parse --short HEAD)
+# The commit measured; XFERFM_RELIABILITY_COMMIT names it for an exported tree.
+commit=${XFERFM_RELIABILITY_COMMIT:-$(git rev-parse --short HEAD 2>/dev/null || echo "unknown")}
 {
   echo "# Reliability figures"
   echo
