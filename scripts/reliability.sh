@@ -93,7 +93,9 @@ sanitizer_summary() {
   local findings tests
   findings=$(grep -cE 'ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|runtime error:' "$log" || true)
   tests=$(grep -E 'tests passed, [0-9]+ tests failed out of' "$log" | tail -1)
-  echo "$findings findings; ctest: $tests"
+  # Tests that failed without a sanitizer report (timing) are named.
+  failed=$(sed -n '/The following tests FAILED:/,$p' "$log" | sed -n 's/^[[:space:]]*[0-9]* - \([^ ]*\).*/\1/p' | paste -sd, -)
+  echo "$findings findings; ctest: $tests${failed:+ (failed: $failed)}"
 }
 asan_summary=$(sanitizer_summary asan)
 tsan_summary=$(sanitizer_summary tsan)
