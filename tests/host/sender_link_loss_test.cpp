@@ -92,6 +92,8 @@ TEST(SenderLinkLoss, ALinkLostMidFileIsReportedAsSuchAndNamesNoSource)
     ASSERT_TRUE(waitUntil([&] { return receiver.Chunks() >= 4; }));
     receiverEnd->Close();
     ASSERT_TRUE(sender.WaitFinished(10s));
+    // The finish is signalled before the observer hears of the failure.
+    ASSERT_TRUE(waitUntil([&] { return !observer.Failures().empty(); }, 10s));
 
     const std::vector<std::string> failures = observer.Failures();
     ASSERT_FALSE(failures.empty());
