@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "CopySession.h"
+#include "HandPlayedReceiver.h"
 #include "HostTestSupport.h"
 #include "TestSupport.h"
 #include "xferfm/host/InProcessTransport.h"
@@ -105,40 +106,6 @@ TEST_P(InlineWindow, CompletesWithoutStalling)
 
 INSTANTIATE_TEST_SUITE_P(Windows, InlineWindow, ::testing::Values(0u, 1u, 7u, 50u));
 
-// A receiver played by hand: asks for the first entry of the list, accepts
-// it and counts the data, acknowledging only when the test says so.
-class CountingReceiver : public ITransportHandler {
-public:
-    void OnMessage(Message message) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (auto* list = std::get_if<FileListMessage>(&message)) {
-            (void)list;
-            NextFileRequest request;
-            request.taskId = 1;
-            request.index = 0;
-            request.name = "big.bin";
-            link->Send(request);
-        } else if (auto* start = std::get_if<FileStart>(&message)) {
-            transferId = start->transferId;
-            link->Send(FileAccept{start->transferId});
-        } else if (std::holds_alternative<FileData>(message)) {
-            ++chunks;
-        }
-    }
-    void OnTransportClosed(const std::string&) override {}
-    uint64_t Chunks()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return chunks;
-    }
-
-    ITransport* link = nullptr;
-    std::mutex mutex;
-    uint32_t transferId = 0;
-    uint64_t chunks = 0;
-};
-
 // The worker pauses after every window; it is let go while the receiver has
 // written all but the last window, so two windows go out unacknowledged and
 // each acknowledgement lets exactly one more window follow.
@@ -150,8 +117,7 @@ TEST(SenderWindow, AtMostTwoWindowsGoOutUnacknowledged)
     constexpr uint32_t kWindow = 4;
     WriteFile(scratch.Join("src/big.bin"), PatternBytes(40 * 65536, 3));
     auto [senderEnd, receiverEnd] = InProcessTransport::CreatePair();
-    CountingReceiver receiver;
-    receiver.link = receiverEnd.get();
+    test::HandPlayedReceiver receiver(*receiverEnd, "big.bin");
     SenderOptions options;
     options.ackWindow = kWindow;
     SenderEndpoint sender(std::move(senderEnd), options);
@@ -164,7 +130,7 @@ TEST(SenderWindow, AtMostTwoWindowsGoOutUnacknowledged)
     std::this_thread::sleep_for(100ms);  // longer than the idle nudge: nothing more may come
     EXPECT_EQ(receiver.Chunks(), 2 * kWindow);
 
-    receiverEnd->Send(DataAck{receiver.transferId, kWindow});
+    receiverEnd->Send(DataAck{receiver.TransferId(), kWindow});
     ASSERT_TRUE(waitUntil([&] { return receiver.Chunks() == 3 * kWindow; }));
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(receiver.Chunks(), 3 * kWindow);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "HandPlayedReceiver.h"
 #include "HostTestSupport.h"
 #include "TestSupport.h"
 #include "xferfm/host/InProcessTransport.h"
@@ -20,36 +21,6 @@ using orin::xfer::test::waitUntil;
 using namespace std::chrono_literals;
 using test::MakeDirectory;
 using test::WriteFile;
-
-// Asks for the first entry, accepts it and counts its data, never acknowledging.
-class SilentReceiver : public ITransportHandler {
-public:
-    void OnMessage(Message message) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (std::holds_alternative<FileListMessage>(message)) {
-            NextFileRequest request;
-            request.taskId = 1;
-            request.index = 0;
-            request.name = "first.bin";
-            link->Send(request);
-        } else if (auto* start = std::get_if<FileStart>(&message)) {
-            link->Send(FileAccept{start->transferId});
-        } else if (std::holds_alternative<FileData>(message)) {
-            ++chunks;
-        }
-    }
-    void OnTransportClosed(const std::string&) override {}
-    uint64_t Chunks()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return chunks;
-    }
-
-    ITransport* link = nullptr;
-    std::mutex mutex;
-    uint64_t chunks = 0;
-};
 
 class FailureRecorder : public SenderObserver {
 public:
@@ -76,8 +47,7 @@ TEST(SenderLinkLoss, ALinkLostMidFileIsReportedAsSuchAndNamesNoSource)
     WriteFile(scratch.Join("src/first.bin"), PatternBytes(40 * 65536, 1));
     WriteFile(scratch.Join("src/second.bin"), PatternBytes(10, 2));
     auto [senderEnd, receiverEnd] = InProcessTransport::CreatePair();
-    SilentReceiver receiver;
-    receiver.link = receiverEnd.get();
+    test::HandPlayedReceiver receiver(*receiverEnd, "first.bin");
     FailureRecorder observer;
     SenderOptions options;
     options.ackWindow = 4;
