@@ -11,6 +11,7 @@
 
 #include "HostLog.h"
 #include "IFileTransferManager.h"
+#include "ReadCountingRateLimiter.h"
 #include "SessionText.h"
 #include "SourceTree.h"
 #include "xferfm/host/ThreadLooperFactory.h"
@@ -56,13 +57,15 @@ public:
           mFlowControl(mOptions.flowControl || mOptions.bandwidthKbps != 0),
           mTransport(std::move(transport))
     {
-        std::unique_ptr<IFileTransferRateLimiter> limiter;
+        std::unique_ptr<IFileTransferRateLimiter> bucket;
         const bool limited = mOptions.bandwidthKbps != 0;
         if (limited) {
-            limiter = std::make_unique<TokenBucketRateLimiter>();
+            bucket = std::make_unique<TokenBucketRateLimiter>();
         }
+        auto counter = std::make_unique<detail::ReadCountingRateLimiter>(std::move(bucket));
+        mWorkerReads = counter.get();  // owned by the engine, which this outlives
         mManager = IFileTransferManager::NewInstance(this, std::make_unique<ThreadLooperFactory>(),
-                                                     mOptions.flowControl || limited, std::move(limiter));
+                                                     mOptions.flowControl || limited, std::move(counter));
         if (limited) {
             mManager->SetBandwidth(mOptions.bandwidthKbps);
         }
@@ -256,7 +259,7 @@ public:
             bytesSent = mSummary.bytesDone;
         }
         if (releaseNow) {
-            mManager->NotifyUpload();  // the worker waits at this window's end by now
+            releaseWorker();  // the worker waits at this window's end by now
         }
         if (startNext) {
             // Before this piece goes on, so the next worker's start overlaps
@@ -394,7 +397,7 @@ private:
             releaseNow = releaseDueLocked(*upload);
         }
         if (releaseNow) {
-            mManager->NotifyUpload();
+            releaseWorker();
         }
     }
 
@@ -549,6 +552,30 @@ private:
         return window == 0 || upload.chunksAcked + window >= upload.chunksSeen;
     }
 
+    // The only caller of NotifyUpload. The decisions above go by the data
+    // seen, which trails the worker; a release repeated after the worker
+    // has already moved on would free it from a later wait. So the window
+    // rule is checked again against the chunks the worker has really read,
+    // and the worker cannot read on until the release has been sent.
+    void releaseWorker()
+    {
+        std::lock_guard<std::mutex> gate(mWorkerReads->Gate());
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            const Upload* upload = mFinished ? nullptr : streamingLocked();
+            if (upload == nullptr) {
+                return;
+            }
+            const uint64_t window = mOptions.ackWindow;
+            const bool allowed = window == 0 ? upload->ackSeen
+                                             : upload->chunksAcked + window >= mWorkerReads->ChunksReadLocked();
+            if (!allowed) {
+                return;
+            }
+        }
+        mManager->NotifyUpload();
+    }
+
     void kickPumpLocked()
     {
         mPumpKicked = true;
@@ -596,6 +623,7 @@ private:
                     kickPumpLocked();
                 }
             }
+            mWorkerReads->Reset();  // the previous worker has read all it will
             mManager->ProcessFileUploadData(transferId);
         }
         mStartingOn = std::thread::id();
@@ -650,7 +678,7 @@ private:
             }
             if (nudge) {
                 lock.unlock();
-                mManager->NotifyUpload();
+                releaseWorker();
                 lock.lock();
             }
             if (!mPumpKicked && !mStopPump) {
@@ -665,6 +693,7 @@ private:
     const bool mFlowControl;  // the engine may sleep inside NotifyUpload (bandwidth delay)
     std::unique_ptr<ITransport> mTransport;
     std::unique_ptr<IFileTransferManager> mManager;
+    detail::ReadCountingRateLimiter* mWorkerReads = nullptr;  // owned by mManager
 
     // Serialises the engine operations the endpoint's threads make (all but
     // NotifyUpload): the engine's lists are not guarded against concurrent

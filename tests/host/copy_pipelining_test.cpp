@@ -126,7 +126,7 @@ TEST(SenderWindow, AtMostTwoWindowsGoOutUnacknowledged)
     receiverEnd->Start(receiver);
     receiverEnd->Send(FileListRequest{});
 
-    ASSERT_TRUE(waitUntil([&] { return receiver.Chunks() == 2 * kWindow; }));
+    ASSERT_TRUE(waitUntil([&] { return receiver.Chunks() == 2 * kWindow; })) << receiver.Chunks();
     std::this_thread::sleep_for(100ms);  // longer than the idle nudge: nothing more may come
     EXPECT_EQ(receiver.Chunks(), 2 * kWindow);
 

@@ -77,7 +77,10 @@
 //   window of data to write while the acknowledgement travels, and at
 //   most two windows are unwritten. A release is repeated at a short
 //   interval until the worker's next chunk is seen (one that beats the
-//   worker into its wait is lost). As a safety net against a skewed count
+//   worker into its wait is lost); since the data trails the worker, each
+//   release is checked against the chunks the worker has really read
+//   (counted through the rate limiter the endpoint gives the engine) and
+//   the worker cannot read on while it is sent. As a safety net against a skewed count
 //   (the count is shared with the previous file's worker), the pump also
 //   nudges a transfer that has sent nothing for a while although the same
 //   rule would let it go.
