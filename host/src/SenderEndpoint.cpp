@@ -1,11 +1,15 @@
 #include "xferfm/host/SenderEndpoint.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -14,6 +18,7 @@
 #include "ReadCountingRateLimiter.h"
 #include "SessionText.h"
 #include "SourceTree.h"
+#include "SystemErrorText.h"
 #include "xferfm/host/ThreadLooperFactory.h"
 #include "xferfm/host/TokenBucketRateLimiter.h"
 
@@ -27,6 +32,10 @@ constexpr uint32_t kNoTransferId = 0xFFFFFFFF;
 constexpr size_t kUploadSlice = 64;
 // How long the pump sleeps while nothing streams (it is woken for work).
 constexpr auto kPumpIdleSleep = std::chrono::milliseconds(100);
+// A file that streams nothing for this long although the window lets its
+// worker go has its source looked at: the worker ends quietly where the
+// file ends now, so a file cut short would otherwise never finish.
+constexpr auto kSourceCheckAfter = std::chrono::milliseconds(250);
 
 // A file announced to the receiver whose data has not all been handed off
 // yet, as far as the endpoint can see it. Only the oldest one streams.
@@ -46,6 +55,12 @@ struct Upload {
     int64_t releaseAt = -1;       // chunksSeen at the last release
     Clock::time_point lastChunk;
     Clock::time_point lastNudge;
+    Clock::time_point lastSourceCheck;
+};
+
+struct AnnouncedSource {
+    std::string path;
+    uint64_t size = 0;
 };
 
 }  // namespace
@@ -199,7 +214,7 @@ public:
                            mExpectedName + "\"";
             } else {
                 sourcePath = detail::SourcePathOf(mList[mNextIndex]);
-                mSourceByTransfer[transferId] = sourcePath;
+                mSourceByTransfer[transferId] = AnnouncedSource{sourcePath, size};
                 if (isDir) {
                     ++mSummary.directoriesDone;  // nothing to stream
                 } else {
@@ -232,13 +247,31 @@ public:
         uint64_t bytesSent = 0;
         bool startNext = false;
         bool releaseNow = false;
+        std::string grownSource;
+        uint64_t announced = 0;
         {
             std::lock_guard<std::mutex> lock(mMutex);
             if (mFinished) {
                 return;
             }
             auto upload = uploadLocked(transferId);
-            if (upload != mUploads.end()) {
+            // The worker reads to the end of the file as it is now: data past
+            // the size announced means the file grew while it was read. None
+            // of it goes to the receiver, which would wait for the announced
+            // size forever.
+            if (upload != mUploads.end() && upload->bytesSeen + length > upload->fileSize) {
+                grownSource = upload->sourcePath;
+                announced = upload->fileSize;
+            } else if (upload == mUploads.end() && length > 0) {
+                const auto known = mSourceByTransfer.find(transferId);
+                if (known != mSourceByTransfer.end()) {
+                    grownSource = known->second.path;  // all announced bytes went out already
+                    announced = known->second.size;
+                }
+            }
+            if (!grownSource.empty()) {
+                // handled below, unlocked
+            } else if (upload != mUploads.end()) {
                 upload->bytesSeen += length;
                 upload->chunksSeen += length > 0 ? 1 : 0;
                 upload->lastChunk = Clock::now();
@@ -255,8 +288,15 @@ public:
                     releaseNow = releaseDueLocked(*upload);
                 }
             }
-            mSummary.bytesDone += length;
-            bytesSent = mSummary.bytesDone;
+            if (grownSource.empty()) {
+                mSummary.bytesDone += length;
+                bytesSent = mSummary.bytesDone;
+            }
+        }
+        if (!grownSource.empty()) {
+            finish(Outcome::kFailed, grownSource, grownSource + ": changed while it was read (it grew past the " +
+                                                      std::to_string(announced) + " bytes announced)");
+            return;
         }
         if (releaseNow) {
             releaseWorker();  // the worker waits at this window's end by now
@@ -285,7 +325,7 @@ public:
             if (linkLost) {
                 // No file to name.
             } else if (known != mSourceByTransfer.end()) {
-                path = known->second;
+                path = known->second.path;
             } else if (transferId == 0 && mNextIndex < mList.size()) {
                 path = detail::SourcePathOf(mList[mNextIndex]);  // UploadFiles found it missing
             }
@@ -408,7 +448,7 @@ private:
             std::lock_guard<std::mutex> lock(mMutex);
             auto known = mSourceByTransfer.find(error.transferId);
             if (known != mSourceByTransfer.end()) {
-                path = known->second;
+                path = known->second.path;
             }
         }
         // Finish first, so the engine's own failure report is not echoed.
@@ -552,6 +592,29 @@ private:
         return window == 0 || upload.chunksAcked + window >= upload.chunksSeen;
     }
 
+    // Ends the session when a quiet file's source no longer matches what
+    // was announced: cut short (its worker has ended), or gone before its
+    // worker could open it. A file removed after it was opened is still
+    // read to its end, so that case waits.
+    void failIfSourceChanged(const Upload& upload)
+    {
+        struct stat status {};
+        std::string change;
+        if (::stat(upload.sourcePath.c_str(), &status) != 0) {
+            const int error = errno;
+            std::lock_guard<std::mutex> gate(mWorkerReads->Gate());
+            if (mWorkerReads->ChunksReadLocked() == 0 && upload.fileSize > 0) {
+                change = error == ENOENT ? "no longer exists" : "cannot be read: " + SystemErrorText(error);
+            }
+        } else if (static_cast<uint64_t>(status.st_size) != upload.fileSize) {
+            change = "changed while it was read (" + std::to_string(upload.fileSize) + " bytes announced, " +
+                     std::to_string(status.st_size) + " now)";
+        }
+        if (!change.empty()) {
+            finish(Outcome::kFailed, upload.sourcePath, upload.sourcePath + ": " + change);
+        }
+    }
+
     // The only caller of NotifyUpload. The decisions above go by the data
     // seen, which trails the worker; a release repeated after the worker
     // has already moved on would free it from a later wait. So the window
@@ -659,6 +722,7 @@ private:
                 continue;
             }
             bool nudge = false;
+            std::optional<Upload> check;
             Clock::duration sleepFor = kPumpIdleSleep;
             Upload* upload = mFinished ? nullptr : streamingLocked();
             if (upload != nullptr) {
@@ -675,11 +739,22 @@ private:
                 if (nudge) {
                     upload->lastNudge = now;
                 }
+                if (now - upload->lastChunk >= kSourceCheckAfter && now - upload->lastSourceCheck >= kSourceCheckAfter &&
+                    mayReleaseLocked(*upload)) {
+                    upload->lastSourceCheck = now;
+                    check = *upload;
+                }
             }
             if (nudge) {
                 lock.unlock();
                 releaseWorker();
                 lock.lock();
+            }
+            if (check) {
+                lock.unlock();
+                failIfSourceChanged(*check);
+                lock.lock();
+                continue;
             }
             if (!mPumpKicked && !mStopPump) {
                 mPumpNapping = sleepFor == kPumpIdleSleep;
@@ -716,7 +791,7 @@ private:
     size_t mNextIndex = 0;
     std::string mExpectedName;
     std::deque<Upload> mUploads;  // announced files not yet all handed off, in list order
-    std::map<uint32_t, std::string> mSourceByTransfer;
+    std::map<uint32_t, AnnouncedSource> mSourceByTransfer;
     bool mFinished = false;
     bool mStopPump = false;
     bool mPumpKicked = false;  // something for the pump arrived since it last looked

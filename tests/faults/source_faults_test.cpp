@@ -75,11 +75,17 @@ protected:
     std::unique_ptr<CopySession> copy;
 };
 
-TEST_F(SourceFaults, AFileCutShortWhileReadFailsNamingIt)
+// The worker stops quietly where the file ends now; the sender notices the
+// source no longer matches its announcement (the receiver's own patience
+// is set longer than the copy may take, so it is not what ends the copy).
+TEST_F(SourceFaults, AFileCutShortWhileReadFailsNamingItsSource)
 {
+    options.stallTimeout = 2 * kCopyLimit;
     RunWithFaultMidFile([&] { ASSERT_EQ(truncate(source.c_str(), 3 * kChunk + 7), 0); });
-    const auto problems = CheckCleanFailure(*copy, scratch.Join("src"), destination, destination + "/data.bin");
+    const auto problems = CheckCleanFailure(*copy, scratch.Join("src"), destination, source);
     EXPECT_TRUE(problems.empty()) << joined(problems);
+    EXPECT_NE(copy->receiver->Summary().error.find("changed while it was read"), std::string::npos)
+        << copy->receiver->Summary().error;
     EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
     copy.reset();
     EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
@@ -88,8 +94,9 @@ TEST_F(SourceFaults, AFileCutShortWhileReadFailsNamingIt)
 // The sender announced the size it saw; bytes appended later are not part
 // of this copy. Either the announced bytes land whole or the copy fails
 // naming the file: never a mix.
-TEST_F(SourceFaults, AFileGrownWhileReadLandsAsAnnouncedOrFailsNamingIt)
+TEST_F(SourceFaults, AFileGrownWhileReadLandsAsAnnouncedOrFailsNamingItsSource)
 {
+    options.stallTimeout = 2 * kCopyLimit;
     RunWithFaultMidFile([&] {
         const auto more = PatternBytes(5 * kChunk, 2);
         FILE* file = fopen(source.c_str(), "ab");
@@ -101,9 +108,42 @@ TEST_F(SourceFaults, AFileGrownWhileReadLandsAsAnnouncedOrFailsNamingIt)
     if (summary.completed) {
         EXPECT_EQ(ReadBytes(destination + "/data.bin"), PatternBytes(kSize, 1));
     } else {
-        const auto problems = CheckCleanFailure(*copy, scratch.Join("src"), destination, destination + "/data.bin");
+        const auto problems = CheckCleanFailure(*copy, scratch.Join("src"), destination, source);
         EXPECT_TRUE(problems.empty()) << joined(problems);
+        EXPECT_NE(summary.error.find("changed while it was read"), std::string::npos) << summary.error;
         EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
+    }
+    copy.reset();
+    EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
+}
+
+// Announced as whole chunks: the data past the announced size comes after
+// the file's last announced byte went out, for a transfer already done.
+TEST_F(SourceFaults, AFileGrownAfterItsLastWholeChunkLandsAsAnnouncedOrFailsNamingItsSource)
+{
+    const auto announced = PatternBytes(16 * kChunk, 4);
+    WriteFile(source, announced);
+    options.stallTimeout = 2 * kCopyLimit;
+    RunWithFaultMidFile([&] {
+        const auto more = PatternBytes(3 * kChunk, 5);
+        FILE* file = fopen(source.c_str(), "ab");
+        ASSERT_NE(file, nullptr);
+        ASSERT_EQ(fwrite(more.data(), 1, more.size(), file), more.size());
+        fclose(file);
+    });
+    const TransferSummary summary = copy->receiver->Summary();
+    if (summary.completed) {
+        EXPECT_EQ(ReadBytes(destination + "/data.bin"), announced);
+    } else {
+        EXPECT_NE(summary.error.find(source), std::string::npos) << summary.error;
+        EXPECT_NE(summary.error.find("changed while it was read"), std::string::npos) << summary.error;
+        EXPECT_EQ(copy->observer.Count("failure"), 1u);
+        const auto tree = ListTree(destination);
+        if (!tree.empty()) {
+            // Only a file that arrived whole, as announced, may stay.
+            EXPECT_EQ(tree, std::vector<std::string>{"data.bin"});
+            EXPECT_EQ(ReadBytes(destination + "/data.bin"), announced);
+        }
     }
     copy.reset();
     EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
