@@ -145,6 +145,12 @@ write_markdown() {
       cat "$OUT_DIR/micro.txt"
       echo '```'
     fi
+    # Where the time goes, from bench/profile.sh: kept by hand beside the
+    # scripts, since a profile needs reading, not just running.
+    if [ "$QUICK" = 0 ] && [ -s "$HERE/analysis.md" ]; then
+      echo
+      cat "$HERE/analysis.md"
+    fi
     if [ ${#NOTES[@]} -gt 0 ]; then
       echo
       echo "## Notes"
