@@ -243,6 +243,13 @@ bool FrameDecoder::CompleteFrame(std::vector<Message>& out)
     case FrameType::kEndOfList:
         message = EndOfList{};
         break;
+    case FrameType::kEntryRefused: {
+        EntryRefused body;
+        reader.U64(body.index, "index");
+        reader.String(body.reason, "reason");
+        message = std::move(body);
+        break;
+    }
     case FrameType::kDisconnect: {
         Disconnect body;
         reader.Bool(body.completed, "completed");

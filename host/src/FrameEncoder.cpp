@@ -13,6 +13,7 @@ using namespace wire;
 // be shortened to what is left of the control payload limit.
 constexpr size_t kTransferErrorFixedBytes = 4 + 4 + 4;
 constexpr size_t kDisconnectFixedBytes = 1 + 4;
+constexpr size_t kEntryRefusedFixedBytes = 8 + 4;
 
 // Cuts `text` to at most `maxBytes`, never inside a UTF-8 sequence.
 std::string ShortenText(const std::string& text, size_t maxBytes)
@@ -60,6 +61,7 @@ const char* FrameTypeName(uint8_t type)
     case FrameType::kTransferError: return "transfer-error";
     case FrameType::kEndOfList: return "end-of-list";
     case FrameType::kDisconnect: return "disconnect";
+    case FrameType::kEntryRefused: return "entry-refused";
     }
     return "unknown";
 }
@@ -142,6 +144,10 @@ bool FrameEncoder::Append(const Message& message, std::vector<uint8_t>& out, std
                 PutString(out, ShortenText(body.message, RoomFor(controlLimit, kTransferErrorFixedBytes)));
             } else if constexpr (std::is_same_v<T, EndOfList>) {
                 BeginFrame(out, FrameType::kEndOfList);
+            } else if constexpr (std::is_same_v<T, EntryRefused>) {
+                BeginFrame(out, FrameType::kEntryRefused);
+                PutU64(out, body.index);
+                PutString(out, ShortenText(body.reason, RoomFor(controlLimit, kEntryRefusedFixedBytes)));
             } else if constexpr (std::is_same_v<T, Disconnect>) {
                 BeginFrame(out, FrameType::kDisconnect);
                 PutU8(out, body.completed ? 1 : 0);

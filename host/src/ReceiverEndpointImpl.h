@@ -143,6 +143,7 @@ private:
     void handle(NextFileRequest&) {}
     void handle(FileAccept&) {}
     void handle(DataAck&) {}
+    void handle(EntryRefused&) {}  // the receiver's own message; a sender has no say in it
 
     // ---- session thread ----
 

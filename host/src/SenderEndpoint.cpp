@@ -17,6 +17,7 @@
 #include "IFileTransferManager.h"
 #include "ReadCountingRateLimiter.h"
 #include "SessionText.h"
+#include "SkippedEntries.h"
 #include "SourceTree.h"
 #include "SystemErrorText.h"
 #include "xferfm/host/ThreadLooperFactory.h"
@@ -167,7 +168,7 @@ public:
     TransferSummary Summary() const
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        return mSummary;
+        return summaryLocked();
     }
 
     // ---- messages from the receiver (delivery thread) ----
@@ -362,31 +363,45 @@ private:
         }
     }
 
+    // Requests go up the list. One that passes over entries leaves them
+    // unsent (the receiver refused them) and hands the engine a fresh
+    // slice from the requested entry, since UploadFiles serves the front of
+    // its list. A request for an entry already announced or passed over,
+    // for one the receiver refused, or beyond the list ends the session.
     void handle(NextFileRequest& request)
     {
         std::lock_guard<std::mutex> engine(mEngineMutex);
         std::vector<FileDescription> nextSlice;
+        std::vector<SkippedEntry> passedOver;
+        std::string problem;
+        bool beyondList = false;
         {
             std::lock_guard<std::mutex> lock(mMutex);
             if (mFinished) {
                 return;
             }
-            if (mSliceLeft == 0 && mNextIndex < mList.size()) {
-                const size_t end = std::min(mList.size(), mNextIndex + kUploadSlice);
-                nextSlice.assign(mList.begin() + static_cast<std::ptrdiff_t>(mNextIndex),
-                                 mList.begin() + static_cast<std::ptrdiff_t>(end));
-                mSliceLeft = nextSlice.size();
-            }
-            if (request.index != mNextIndex) {
-                mExpectedName.clear();
-            } else {
+            problem = requestProblemLocked(request.index, beyondList);
+            if (problem.empty()) {
+                if (request.index > mNextIndex) {
+                    passedOver = passOverLocked(static_cast<size_t>(request.index));
+                }
+                if (mSliceLeft == 0 && mNextIndex < mList.size()) {
+                    const size_t end = std::min(mList.size(), mNextIndex + kUploadSlice);
+                    nextSlice.assign(mList.begin() + static_cast<std::ptrdiff_t>(mNextIndex),
+                                     mList.begin() + static_cast<std::ptrdiff_t>(end));
+                    mSliceLeft = nextSlice.size();
+                }
                 mExpectedName = request.name;
+            } else {
+                mExpectedName.clear();
             }
         }
-        if (request.index != mNextIndex) {
-            finish(Outcome::kFailed, "",
-                                "the receiver asked for entry " + std::to_string(request.index) +
-                                    " out of order");
+        reportSkipped(passedOver);
+        if (!problem.empty()) {
+            if (beyondList) {
+                mTransport->Send(EndOfList{});
+            }
+            finish(Outcome::kFailed, "", problem);
             return;
         }
         if (!nextSlice.empty()) {
@@ -405,6 +420,26 @@ private:
             finish(Outcome::kFailed, "", "the upload was abandoned: nothing is left to send");
         }
         // A missing source file was reported through onFileTransferFailed.
+    }
+
+    // The receiver will not take this entry: recorded, and told to the
+    // observer, at once. An entry already announced or passed over, or one
+    // outside the list, is ignored: it changes nothing on this side.
+    void handle(EntryRefused& refused)
+    {
+        std::string path;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (mFinished || !mListSent || refused.index >= mList.size() || refused.index < mNextIndex) {
+                HOST_LOG_W << "the receiver refused entry " << refused.index << ", which is not ahead in the list";
+                return;
+            }
+            path = detail::SourcePathOf(mList[static_cast<size_t>(refused.index)]);
+            if (!mSkipped.Refuse(static_cast<size_t>(refused.index), path, refused.reason)) {
+                return;
+            }
+        }
+        notifyObserver([&](SenderObserver& observer) { observer.OnEntrySkipped(path, refused.reason); });
     }
 
     // Files stream one at a time: the engine's window count and flags are
@@ -462,6 +497,15 @@ private:
     void handle(Disconnect& goodbye)
     {
         if (goodbye.completed) {
+            // The entries never asked for were passed over.
+            std::vector<SkippedEntry> passedOver;
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                if (!mFinished && mListSent) {
+                    passedOver = passOverLocked(mList.size());
+                }
+            }
+            reportSkipped(passedOver);
             finish(Outcome::kCompleted, "", "", false);
         } else if (goodbye.reason == kCancelledReason) {
             finish(Outcome::kCancelled, "", "the receiver cancelled the copy", false);
@@ -486,14 +530,17 @@ private:
                 return false;
             }
             mFinished = true;
-            mSummary.completed = outcome == Outcome::kCompleted;
+            mSummary.completed = outcome == Outcome::kCompleted && mSkipped.Empty();
+            mSummary.partial = outcome == Outcome::kCompleted && !mSkipped.Empty();
             mSummary.cancelled = outcome == Outcome::kCancelled;
             if (outcome != Outcome::kCompleted) {
                 mSummary.error = message;
+            } else if (mSummary.partial) {
+                mSummary.error = mSkipped.Text(mList.size());
             }
             mUploads.clear();
             mEngineStopDue = true;
-            summary = mSummary;
+            summary = summaryLocked();
         }
         mChanged.notify_all();
         {
@@ -517,6 +564,50 @@ private:
             mObserverFinished = true;
         });
         return true;
+    }
+
+    // Empty when the request may be served; otherwise why not.
+    std::string requestProblemLocked(uint64_t index, bool& beyondList) const
+    {
+        beyondList = index >= mList.size();
+        if (beyondList) {
+            return "the receiver asked for entry " + std::to_string(index) + " of a list of " +
+                   std::to_string(mList.size()) + " entries";
+        }
+        if (index < mNextIndex) {
+            return "the receiver asked for entry " + std::to_string(index) + " out of order (entries before " +
+                   std::to_string(mNextIndex) + " were announced or passed over)";
+        }
+        if (mSkipped.Contains(static_cast<size_t>(index))) {
+            return "the receiver asked for entry " + std::to_string(index) + ", which it had refused";
+        }
+        return "";
+    }
+
+    // The entries from the next one up to `index` will not be sent: they
+    // are recorded as skipped (those not refused before are returned, for
+    // the observer), and the engine's slice is refilled from `index`.
+    std::vector<SkippedEntry> passOverLocked(size_t index)
+    {
+        std::vector<SkippedEntry> passed =
+            mSkipped.PassOver(mNextIndex, index, [this](size_t at) { return detail::SourcePathOf(mList[at]); });
+        mNextIndex = index;
+        mSliceLeft = 0;
+        return passed;
+    }
+
+    void reportSkipped(const std::vector<SkippedEntry>& skipped)
+    {
+        for (const SkippedEntry& entry : skipped) {
+            notifyObserver([&](SenderObserver& observer) { observer.OnEntrySkipped(entry.path, entry.reason); });
+        }
+    }
+
+    TransferSummary summaryLocked() const
+    {
+        TransferSummary summary = mSummary;
+        summary.skipped = mSkipped.InListOrder();
+        return summary;
     }
 
     template <typename Call>
@@ -792,6 +883,7 @@ private:
     std::string mExpectedName;
     std::deque<Upload> mUploads;  // announced files not yet all handed off, in list order
     std::map<uint32_t, AnnouncedSource> mSourceByTransfer;
+    detail::SkippedEntries mSkipped;  // entries the receiver will not take
     bool mFinished = false;
     bool mStopPump = false;
     bool mPumpKicked = false;  // something for the pump arrived since it last looked

@@ -14,6 +14,7 @@ struct NameOf {
     const char* operator()(const DataAck&) const { return "DataAck"; }
     const char* operator()(const TransferError&) const { return "TransferError"; }
     const char* operator()(const EndOfList&) const { return "EndOfList"; }
+    const char* operator()(const EntryRefused&) const { return "EntryRefused"; }
     const char* operator()(const Disconnect&) const { return "Disconnect"; }
 };
 

@@ -33,6 +33,7 @@ bool operator==(const TransferError& a, const TransferError& b)
     return a.taskId == b.taskId && a.transferId == b.transferId && a.message == b.message;
 }
 bool operator==(const EndOfList&, const EndOfList&) { return true; }
+bool operator==(const EntryRefused& a, const EntryRefused& b) { return a.index == b.index && a.reason == b.reason; }
 bool operator==(const Disconnect& a, const Disconnect& b) { return a.completed == b.completed && a.reason == b.reason; }
 
 std::ostream& operator<<(std::ostream& out, const FileListRequest& m)
@@ -66,6 +67,10 @@ std::ostream& operator<<(std::ostream& out, const TransferError& m)
     return out << "TransferError{" << m.taskId << ", " << m.transferId << ", " << m.message << "}";
 }
 std::ostream& operator<<(std::ostream& out, const EndOfList&) { return out << "EndOfList{}"; }
+std::ostream& operator<<(std::ostream& out, const EntryRefused& m)
+{
+    return out << "EntryRefused{" << m.index << ", " << m.reason << "}";
+}
 std::ostream& operator<<(std::ostream& out, const Disconnect& m)
 {
     return out << "Disconnect{" << m.completed << ", " << m.reason << "}";

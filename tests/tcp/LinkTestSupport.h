@@ -31,6 +31,7 @@ bool operator==(const FileData& a, const FileData& b);
 bool operator==(const DataAck& a, const DataAck& b);
 bool operator==(const TransferError& a, const TransferError& b);
 bool operator==(const EndOfList& a, const EndOfList& b);
+bool operator==(const EntryRefused& a, const EntryRefused& b);
 bool operator==(const Disconnect& a, const Disconnect& b);
 std::ostream& operator<<(std::ostream& out, const FileListRequest& m);
 std::ostream& operator<<(std::ostream& out, const FileListMessage& m);
@@ -41,6 +42,7 @@ std::ostream& operator<<(std::ostream& out, const FileData& m);
 std::ostream& operator<<(std::ostream& out, const DataAck& m);
 std::ostream& operator<<(std::ostream& out, const TransferError& m);
 std::ostream& operator<<(std::ostream& out, const EndOfList& m);
+std::ostream& operator<<(std::ostream& out, const EntryRefused& m);
 std::ostream& operator<<(std::ostream& out, const Disconnect& m);
 }  // namespace orin::xfer::host
 

@@ -62,6 +62,8 @@ std::vector<Message> SampleMessages()
         TransferError{4, 3, "cannot read /src/a: Permission denied"},
         TransferError{},
         EndOfList{},
+        EntryRefused{2, "refused remote name \"a\\\\b\": it contains a backslash"},
+        EntryRefused{},
         Disconnect{true, ""},
         Disconnect{false, "cancelled by the user"},
     };
@@ -120,7 +122,19 @@ TEST(FrameCodecTest, HelloCarriesMagicAndVersion)
 {
     std::vector<uint8_t> hello;
     FrameEncoder().AppendHello(hello);
-    EXPECT_EQ(hello, (std::vector<uint8_t>{0x01, 8, 0, 0, 0, 'X', 'F', 'F', 'M', 1, 0, 0, 0}));
+    EXPECT_EQ(hello, (std::vector<uint8_t>{0x01, 8, 0, 0, 0, 'X', 'F', 'F', 'M', 2, 0, 0, 0}));
+    EXPECT_EQ(kWireVersion, kProtocolVersion) << "the hello carries the message protocol's version";
+}
+
+TEST(FrameCodecTest, EntryRefusedCarriesTheIndexAndTheReason)
+{
+    const std::vector<uint8_t> frame = Encode(EntryRefused{0x0102030405060708ull, "no"});
+    const std::vector<uint8_t> expected = {
+        0x1A, 14, 0, 0, 0,                                // type, payload length
+        0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,   // index
+        2, 0, 0, 0, 'n', 'o',                             // reason
+    };
+    EXPECT_EQ(frame, expected);
 }
 
 TEST(FrameCodecTest, KeepalivesAreConsumedSilently)
@@ -153,8 +167,8 @@ TEST(FrameCodecTest, BadMagicIsRejected)
 
 TEST(FrameCodecTest, OtherVersionIsRejected)
 {
-    const std::string error = DecodeError(HelloFrame(kWireVersion + 1));
-    EXPECT_NE(error.find("version 2, this end speaks 1"), std::string::npos) << error;
+    const std::string error = DecodeError(HelloFrame(1));
+    EXPECT_NE(error.find("version 1, this end speaks 2"), std::string::npos) << error;
 }
 
 TEST(FrameCodecTest, SecondHelloIsRejected)
@@ -366,16 +380,20 @@ TEST(FrameCodecTest, LongFreeTextIsShortenedOnAUtf8Boundary)
     while (text.size() < 100000) {
         text += "\xE2\x82\xAC";  // a three-byte character
     }
-    const std::vector<uint8_t> stream = Stream({Encode(TransferError{1, 3, text}), Encode(Disconnect{false, text})});
+    const std::vector<uint8_t> stream = Stream(
+        {Encode(TransferError{1, 3, text}), Encode(Disconnect{false, text}), Encode(EntryRefused{4, text})});
     FrameDecoder decoder;
     std::vector<Message> messages;
     ASSERT_TRUE(decoder.Feed(stream.data(), stream.size(), messages)) << decoder.Error();
-    ASSERT_EQ(messages.size(), 2u);
+    ASSERT_EQ(messages.size(), 3u);
     const std::string& shortened = std::get<TransferError>(messages[0]).message;
     EXPECT_LT(shortened.size(), text.size());
     EXPECT_EQ(shortened.size() % 3, 0u);
     EXPECT_EQ(shortened, text.substr(0, shortened.size()));
     EXPECT_EQ(std::get<Disconnect>(messages[1]).reason.size() % 3, 0u);
+    const std::string& refusal = std::get<EntryRefused>(messages[2]).reason;
+    EXPECT_LT(refusal.size(), text.size());
+    EXPECT_EQ(refusal, text.substr(0, refusal.size()));
 }
 
 TEST(FrameCodecTest, MutatedStreamsEndInMessagesOrAnErrorNeverACrash)

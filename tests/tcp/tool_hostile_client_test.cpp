@@ -119,7 +119,8 @@ TEST_F(HostileClientTest, MalformedFramesAreRejectedOneByOne)
     const std::vector<Case> cases = {
         {"plain text", Text("GET / HTTP/1.1\r\nHost: x\r\n\r\n"), false, "did not open with a hello frame"},
         {"bad magic", HelloFrame(kWireVersion, "NOPE"), false, "bad magic"},
-        {"other version", HelloFrame(kWireVersion + 6), false, "link protocol version 7"},
+        {"other version", HelloFrame(kWireVersion + 6), false,
+         "link protocol version " + std::to_string(kWireVersion + 6)},
         {"unknown type", Join({HelloFrame(), FrameHeader(0xEE, 0)}), false, "unknown frame type 0xee"},
         {"oversized data", Join({HelloFrame(), FrameHeader(0x15, 0x7FFFFFFF)}), false, "more than the limit"},
         {"oversized list", Join({HelloFrame(), FrameHeader(0x11, (256u << 20) + 5)}), false, "more than the limit"},

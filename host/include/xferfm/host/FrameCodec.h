@@ -25,7 +25,9 @@
 
 namespace orin::xfer::host {
 
-constexpr uint32_t kWireVersion = 1;
+// The hello carries the message protocol's version: the frames are its
+// byte form, so a new message or a changed meaning changes both.
+constexpr uint32_t kWireVersion = kProtocolVersion;
 constexpr uint8_t kWireMagic[4] = {'X', 'F', 'F', 'M'};
 constexpr size_t kFrameHeaderBytes = 5;
 
@@ -42,6 +44,7 @@ enum class FrameType : uint8_t {
     kTransferError = 0x17,
     kEndOfList = 0x18,
     kDisconnect = 0x19,
+    kEntryRefused = 0x1A,
 };
 
 // A printable name of a frame type byte ("unknown" for others).

@@ -52,7 +52,17 @@
 // - Order: UploadFiles always takes the FRONT of the upload list, whatever
 //   task id it is given; the receiver requests entries in list order, one
 //   request per entry, and the endpoint checks the announced name against
-//   the one requested. Requests may come ahead of the file streaming now:
+//   the one requested. A request may pass over entries the receiver will
+//   not take (each refused first with an EntryRefused naming the rule):
+//   the engine is then handed a fresh slice starting at the requested
+//   entry (TriggerLocalCopy replaces the upload list and leaves the
+//   transfers in flight alone). Passed-over entries are not a failure of
+//   the sender: they are reported to the observer (OnEntrySkipped) and in
+//   the summary (`skipped`; the session then ends `partial`, not
+//   `completed`). A request for an entry already announced or passed
+//   over, for one the receiver refused, or beyond the list ends the
+//   session with a TransferError; a refusal of an entry that is not ahead
+//   in the list is ignored. Requests may come ahead of the file streaming now:
 //   each is announced at once, but files stream one at a time, in list
 //   order (the worker's window count and flags are shared by all
 //   workers): ProcessFileUploadData for an accepted file waits until the

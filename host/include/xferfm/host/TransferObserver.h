@@ -13,12 +13,24 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace orin::xfer::host {
+
+// An entry of the list that was not copied because the receiving side
+// would not take it; the session went on with the rest of the list.
+struct SkippedEntry {
+    std::string path;    // the sender's source path of the entry
+    std::string reason;  // the receiver's words (escape them before printing)
+};
 
 struct TransferSummary {
     bool completed = false;  // every entry of the list arrived
     bool cancelled = false;  // Cancel() was called on this end or the peer's
+    // The session ran to its end but `skipped` entries were not copied:
+    // not `completed`, and `error` names them.
+    bool partial = false;
+    std::vector<SkippedEntry> skipped;  // in list order
     size_t entriesTotal = 0;
     size_t filesDone = 0;
     size_t directoriesDone = 0;
@@ -69,6 +81,12 @@ public:
         (void)sourcePath, (void)fileSize;
     }
     virtual void OnBytesSent(uint64_t totalBytesSent) { (void)totalBytesSent; }
+    // An entry will not be sent: the receiver refused it (or passed over
+    // it). Not a failure of the sender; the rest of the list goes on.
+    virtual void OnEntrySkipped(const std::string& sourcePath, const std::string& reason)
+    {
+        (void)sourcePath, (void)reason;
+    }
     virtual void OnFailure(const std::string& path, const std::string& message) { (void)path, (void)message; }
     virtual void OnFinished(const TransferSummary& summary) { (void)summary; }
 };

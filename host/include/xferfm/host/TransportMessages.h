@@ -4,7 +4,9 @@
 //   receiver                                   sender
 //   FileListRequest (hello)            ->
 //                                      <-      FileListMessage (JSON list)
-//   for each entry, in list order:
+//   EntryRefused for each entry the
+//   receiver will not take              ->
+//   for each other entry, in list order:
 //   NextFileRequest (task id, index)   ->
 //                                      <-      FileStart (transfer id, window)
 //   files only:
@@ -23,6 +25,12 @@
 // once it is accepted and the one before it is out; the receiver holds a
 // FileAccept back while the files accepted before it owe much data).
 //
+// Requests go up the list and never back: a request may pass over entries
+// (the ones the receiver refused, each named in an EntryRefused first),
+// which are then not copied while the rest of the list is. A request for
+// an entry already announced or passed over, or for one the receiver
+// refused, ends the session.
+//
 // Either side may send TransferError for one transfer or Disconnect to
 // leave the session early; EndOfList answers a request beyond the list.
 // Transfer ids in messages are always the SENDER's (odd) ids.
@@ -38,7 +46,9 @@
 
 namespace orin::xfer::host {
 
-constexpr uint32_t kProtocolVersion = 1;
+// Changes whenever a message is added or its meaning changes (2: entries
+// may be refused one by one). The link's hello carries the same number.
+constexpr uint32_t kProtocolVersion = 2;
 
 // Receiver -> sender: opens the session and asks for the list on offer.
 struct FileListRequest {
@@ -96,6 +106,13 @@ struct TransferError {
 // Sender -> receiver: a request found nothing left to send.
 struct EndOfList {};
 
+// Receiver -> sender: the entry at `index` of the list will not be copied
+// (its name is refused on this side); the rest of the list still is.
+struct EntryRefused {
+    uint64_t index = 0;  // position of the entry in the list as offered
+    std::string reason;  // names the entry and the rule it broke
+};
+
 // Either way: this end leaves the session.
 struct Disconnect {
     bool completed = false;  // true after a full copy
@@ -103,7 +120,7 @@ struct Disconnect {
 };
 
 using Message = std::variant<FileListRequest, FileListMessage, NextFileRequest, FileStart, FileAccept, FileData,
-                             DataAck, TransferError, EndOfList, Disconnect>;
+                             DataAck, TransferError, EndOfList, EntryRefused, Disconnect>;
 
 // Data messages are the ones subject to backpressure.
 inline bool IsDataMessage(const Message& message)
