@@ -1,16 +1,19 @@
 #include "xferfm/host/RemoteNameGuardTransport.h"
 
+#include "FileListScreening.h"
 #include "xferfm/host/RemoteNameGuard.h"
 
 namespace orin::xfer::host {
 
 RemoteNameGuardTransport::RemoteNameGuardTransport(std::unique_ptr<ITransport> inner, std::string destinationRoot,
                                                    FileListLimits listLimits,
-                                                   std::function<void(const std::string&)> onRefused)
+                                                   std::function<void(const std::string&)> onRefused,
+                                                   std::function<void(const RefusedEntry&)> onEntryRefused)
     : mInner(std::move(inner)),
       mDestinationRoot(std::move(destinationRoot)),
       mListLimits(listLimits),
-      mOnRefused(std::move(onRefused))
+      mOnRefused(std::move(onRefused)),
+      mOnEntryRefused(std::move(onEntryRefused))
 {
 }
 
@@ -23,7 +26,20 @@ void RemoteNameGuardTransport::Start(ITransportHandler& handler)
     mInner->Start(*this);
 }
 
-bool RemoteNameGuardTransport::Send(Message message) { return mInner->Send(std::move(message)); }
+// The endpoint counts entries in the list it was given; the sender in the
+// list it offered. A request beyond the endpoint's list stays beyond.
+bool RemoteNameGuardTransport::Send(Message message)
+{
+    if (auto* request = std::get_if<NextFileRequest>(&message)) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mOfferedIndex.empty() || mOfferedCount != 0) {
+            const uint64_t kept = mOfferedIndex.size();
+            request->index = request->index < kept ? mOfferedIndex[static_cast<size_t>(request->index)]
+                                                   : mOfferedCount + (request->index - kept);
+        }
+    }
+    return mInner->Send(std::move(message));
+}
 
 void RemoteNameGuardTransport::Close() { mInner->Close(); }
 
@@ -32,10 +48,18 @@ void RemoteNameGuardTransport::OnMessage(Message message)
     if (mRefused) {
         return;
     }
-    const std::string refusal = Refusal(message);
-    if (!refusal.empty()) {
-        Refuse(refusal);
-        return;
+    if (const auto* start = std::get_if<FileStart>(&message)) {
+        std::string error;
+        if (!CheckRemoteName(start->name, error)) {
+            Refuse(error);
+            return;
+        }
+    } else if (auto* list = std::get_if<FileListMessage>(&message)) {
+        if (mListSeen) {
+            return;  // one list per session: a later one would not match the index map
+        }
+        mListSeen = true;
+        ScreenList(*list);
     }
     mHandler->OnMessage(std::move(message));
 }
@@ -47,30 +71,25 @@ void RemoteNameGuardTransport::OnTransportClosed(const std::string& reason)
     }
 }
 
-std::string RemoteNameGuardTransport::Refusal(const Message& message) const
+void RemoteNameGuardTransport::ScreenList(FileListMessage& list)
 {
-    std::string error;
-    if (const auto* start = std::get_if<FileStart>(&message)) {
-        if (!CheckRemoteName(start->name, error)) {
-            return error;
+    detail::ScreenedList screened = detail::ScreenFileList(list.json, mDestinationRoot, mListLimits);
+    if (screened.refused.empty()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mOfferedCount = screened.keptIndices.size() + screened.refused.size();
+        mOfferedIndex = std::move(screened.keptIndices);
+    }
+    // Every refusal is on its way before the endpoint can ask for anything.
+    for (const RefusedEntry& entry : screened.refused) {
+        if (mOnEntryRefused) {
+            mOnEntryRefused(entry);
         }
-        return "";
+        mInner->Send(EntryRefused{entry.index, entry.reason});
     }
-    const auto* list = std::get_if<FileListMessage>(&message);
-    if (list == nullptr) {
-        return "";
-    }
-    ParsedFileList parsed;
-    if (!ParseFileList(list->json, parsed, error, mListLimits)) {
-        return "";  // the endpoint rejects it with its own message
-    }
-    for (const FileListEntry& entry : parsed.entries) {
-        const std::string name = entry.RequestName();
-        if (!CheckRemoteName(name, error) || !CheckDestinationParents(mDestinationRoot, name, error)) {
-            return error;
-        }
-    }
-    return "";
+    list.json = std::move(screened.json);
 }
 
 void RemoteNameGuardTransport::Refuse(const std::string& refusal)

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdio>
@@ -88,7 +89,7 @@ std::string realPath(const std::string& path)
 
 struct Tally {
     size_t namesTried = 0;
-    size_t namesRefused = 0;    // no session landed anything for the name
+    size_t namesRefused = 0;    // no session took the name whole (a guarded one may land the entries around it)
     size_t namesContained = 0;  // landed, inside the destination
     size_t sessions = 0;
     size_t sessionsCompleted = 0;
@@ -150,8 +151,18 @@ protected:
         sender.Attach(*senderEnd);
         senderEnd->Start(sender);
         std::unique_ptr<ITransport> link = std::move(receiverEnd);
+        // The guard takes refused entries out of the list and the rest is
+        // copied: a session counts as completed only when it refused none.
+        auto refusedEntries = std::make_shared<std::atomic<size_t>>(0);
         if (throughGuard) {
-            link = std::make_unique<RemoteNameGuardTransport>(std::move(link), destination);
+            link = std::make_unique<RemoteNameGuardTransport>(
+                std::move(link), destination, FileListLimits{}, nullptr,
+                [refusedEntries](const RefusedEntry& entry) {
+                    ++*refusedEntries;
+                    if (entry.reason.empty()) {
+                        ADD_FAILURE() << Printable(entry.name) << ": an entry refused without a reason";
+                    }
+                });
         }
         ReceiverOptions options;
         options.destinationDir = destination;
@@ -163,8 +174,8 @@ protected:
             std::string error;
             EXPECT_TRUE(receiver.Start(error)) << error;
             EXPECT_TRUE(receiver.WaitFinished(kSessionLimit)) << Printable(name);
-            completed = receiver.Summary().completed;
-            if (!completed && receiver.Summary().error.empty()) {
+            completed = receiver.Summary().completed && *refusedEntries == 0;
+            if (!receiver.Summary().completed && receiver.Summary().error.empty()) {
                 ADD_FAILURE() << Printable(name) << ": refused without a reason";
             }
         }

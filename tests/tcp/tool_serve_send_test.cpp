@@ -124,6 +124,57 @@ TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
     EXPECT_EQ(TreeDifference(scratch / "quick", dest + "/quick"), "");
 }
 
+// The receiver refuses one entry (its destination would be reached through
+// a symbolic link planted in DEST_DIR): the rest of the copy arrives and is
+// verified, and both ends exit with 7, naming the entry.
+TEST(ServeSendTest, AnEntryTheReceiverRefusesIsNamedAndTheRestArrives)
+{
+    TempDir scratch;
+    const std::string source = scratch / "src";
+    const std::string dest = scratch / "dest";
+    const std::string canary = scratch / "canary";
+    WriteText(source + "/tree/a.txt", "alpha");
+    WriteFile(source + "/tree/sub/b.bin", PatternBytes(200000, 3));
+    WriteText(source + "/notes.txt", "notes");
+    WriteText(canary + "/keep.txt", "must never change");
+    // DEST_DIR already has a "tree" whose "sub" leads out of it.
+    fs::create_directories(dest + "/tree");
+    fs::create_directory_symlink(canary, dest + "/tree/sub");
+    const std::string canaryBefore = TreeFingerprint(canary);
+
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    const auto send =
+        RunSend(scratch, "send", {"--verify", serve.Address(), source + "/tree", source + "/notes.txt"});
+    ASSERT_TRUE(send->Exited()) << send->Describe();
+    ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
+
+    const std::string rule = "refused remote name \"tree/sub/b.bin\": " + dest + "/tree/sub is a symbolic link";
+    EXPECT_EQ(send->ExitCode(), 7) << send->Describe();
+    EXPECT_NE(send->Stderr().find("xferfm: not sent: " + source + "/tree/sub/b.bin: " + rule), std::string::npos)
+        << send->Describe();
+    EXPECT_NE(send->Stderr().find("xferfm: not everything was sent: the receiver refused 1 entry of 5"),
+              std::string::npos)
+        << send->Describe();
+    EXPECT_NE(send->Stdout().find("verified 2 files"), std::string::npos) << send->Describe();
+    EXPECT_NE(send->Stdout().find("sent 2 files"), std::string::npos) << send->Describe();
+
+    EXPECT_EQ(serve.Process().ExitCode(), 7) << serve.Process().Describe();
+    EXPECT_NE(serve.Process().Stderr().find(": not copied: " + rule), std::string::npos) << serve.Process().Describe();
+    const auto sessions = LinesWith(serve.Process().Stdout(), "session 1 from 127.0.0.1:");
+    ASSERT_EQ(sessions.size(), 1u) << serve.Process().Describe();
+    EXPECT_NE(sessions[0].find(": failed: refused 1 of 5 entries (" + rule + "); received 2 files and 2 directories"),
+              std::string::npos)
+        << sessions[0];
+
+    // Everything else arrived ("tree" was taken, so it came as "tree(1)").
+    EXPECT_EQ(NamesIn(dest), (std::vector<std::string>{"notes.txt", "tree", "tree(1)"}));
+    EXPECT_EQ(TreeDifference(source + "/notes.txt", dest + "/notes.txt"), "");
+    EXPECT_EQ(TreeDifference(source + "/tree/a.txt", dest + "/tree(1)/a.txt"), "");
+    EXPECT_EQ(NamesIn(dest + "/tree(1)/sub"), std::vector<std::string>{});
+    EXPECT_EQ(TreeFingerprint(canary), canaryBefore);
+}
+
 TEST(ServeSendTest, SendToNobodyFailsClearly)
 {
     TempDir scratch;

@@ -12,6 +12,7 @@ enum class ExitCode : int {
     kSourceUnreadable = 4,      // a source entry cannot be read (or vanished mid-copy)
     kDestinationUnusable = 5,   // DEST_DIR missing, not a directory or not writable
     kVerifyMismatch = 6,        // --verify found a destination that differs from its source
+    kNamesRefused = 7,          // serve/send: the receiver refused some names; every other entry arrived
     kInterrupted = 130,         // SIGINT or SIGTERM
 };
 
@@ -28,6 +29,7 @@ inline const char* exitCodeHelp()
            "  4    a source file or directory cannot be read, or vanished during the copy\n"
            "  5    DEST_DIR is missing, not a directory or not writable\n"
            "  6    --verify found a file whose copy differs from its source\n"
+           "  7    serve/send: the receiver refused some names (named on stderr); every other entry arrived\n"
            "  130  interrupted (Ctrl-C or SIGTERM); nothing partial is left in DEST_DIR\n";
 }
 

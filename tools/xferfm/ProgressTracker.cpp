@@ -1,5 +1,7 @@
 #include "ProgressTracker.h"
 
+#include <algorithm>
+
 namespace xferfm::cli {
 
 void ProgressTracker::start(uint64_t totalBytes, uint64_t totalFiles)
@@ -17,6 +19,13 @@ void ProgressTracker::fileStarted(const std::string& name)
 {
     std::lock_guard<std::mutex> lock(mNameMutex);
     mCurrentFile = name;
+}
+
+void ProgressTracker::fileSkipped(uint64_t size)
+{
+    std::lock_guard<std::mutex> lock(mNameMutex);
+    mTotalBytes -= std::min(size, mTotalBytes);
+    mTotalFiles -= mTotalFiles > 0 ? 1 : 0;
 }
 
 ProgressSnapshot ProgressTracker::snapshot() const

@@ -3,7 +3,8 @@
 //
 // Threading: setBytesDone and fileCompleted are lock-free and may come from the
 // engine's writer thread for every chunk; fileStarted takes a mutex (once
-// per file); snapshot may be called from any thread at any time.
+// per file), and so does fileSkipped; snapshot may be called from any thread
+// at any time.
 #pragma once
 
 #include <atomic>
@@ -30,6 +31,8 @@ public:
     void fileStarted(const std::string& name);
     void setBytesDone(uint64_t bytes) { mBytesDone.store(bytes, std::memory_order_relaxed); }
     void fileCompleted() { mFilesDone.fetch_add(1, std::memory_order_relaxed); }
+    // A file of the totals will not be copied (the receiver refused it).
+    void fileSkipped(uint64_t size);
 
     ProgressSnapshot snapshot() const;
 

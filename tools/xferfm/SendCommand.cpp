@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -28,11 +29,14 @@ constexpr std::chrono::seconds kConnectTimeout{10};
 
 class SendProgress final : public host::SenderObserver {
 public:
-    SendProgress(ProgressTracker& tracker, const SourcePlan& plan) : mTracker(tracker)
+    SendProgress(ProgressTracker& tracker, const SourcePlan& plan, StderrConsole& console)
+        : mTracker(tracker), mConsole(console)
     {
         for (const SourceEntry& entry : plan.entries) {
             if (entry.isDirectory) {
                 mDirectories.insert(entry.sourcePath);
+            } else {
+                mFileSizes[entry.sourcePath] = entry.size;
             }
         }
     }
@@ -51,6 +55,16 @@ public:
         mTracker.fileStarted(sourcePath);
     }
     void OnBytesSent(uint64_t totalBytesSent) override { mTracker.setBytesDone(totalBytesSent); }
+    // One line per entry the receiver will not take; the copy goes on
+    // without it, and the totals shrink by a skipped file.
+    void OnEntrySkipped(const std::string& sourcePath, const std::string& reason) override
+    {
+        mConsole.writeLine("xferfm: not sent: " + host::PrintableText(sourcePath + ": " + reason));
+        const auto file = mFileSizes.find(sourcePath);
+        if (file != mFileSizes.end()) {
+            mTracker.fileSkipped(file->second);
+        }
+    }
     void OnFailure(const std::string&, const std::string& message) override
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -61,7 +75,7 @@ public:
     void OnFinished(const host::TransferSummary& summary) override
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (summary.completed && mFileInFlight) {
+        if ((summary.completed || summary.partial) && mFileInFlight) {
             mTracker.fileCompleted();
             mFileInFlight = false;
         }
@@ -75,7 +89,9 @@ public:
 
 private:
     ProgressTracker& mTracker;
-    std::set<std::string> mDirectories;  // fixed after construction
+    StderrConsole& mConsole;
+    std::set<std::string> mDirectories;            // fixed after construction
+    std::map<std::string, uint64_t> mFileSizes;  // fixed after construction
     mutable std::mutex mMutex;
     bool mFileInFlight = false;
     std::string mFailure;
@@ -132,7 +148,7 @@ int runSend(const SendOptions& options, ToolContext& context)
     ProgressTracker tracker;
     tracker.start(plan.totalBytes, plan.fileCount);
     ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
-    SendProgress progress(tracker, plan);
+    SendProgress progress(tracker, plan, context.console);
     auto verdict = std::make_shared<RemoteVerdict>();
     // The link's own words when it is lost: the endpoint may report the
     // engine's view of the same event (a transfer failed) before its own.
@@ -190,11 +206,12 @@ int runSend(const SendOptions& options, ToolContext& context)
     if (verdict->state() == RemoteVerdict::State::kFailed) {
         throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + host::PrintableText(verdict->text()));
     }
-    if (!summary.completed && linkLoss->state() == RemoteVerdict::State::kFailed) {
+    const bool ranToEnd = summary.completed || summary.partial;
+    if (!ranToEnd && linkLoss->state() == RemoteVerdict::State::kFailed) {
         throw ToolError(ExitCode::kTransferFailed,
                         "send failed: the link to the receiver was lost: " + host::PrintableText(linkLoss->text()));
     }
-    if (!summary.completed) {
+    if (!ranToEnd) {
         const std::string failure = progress.failure();
         throw ToolError(ExitCode::kTransferFailed,
                         "send failed: " + host::PrintableText(failure.empty() ? summary.error : failure));
@@ -203,6 +220,10 @@ int runSend(const SendOptions& options, ToolContext& context)
         std::cout << host::PrintableText(verdict->text()) << "\n";
     }
     std::cout << summaryLine(summary, options.address, seconds) << std::endl;
+    if (summary.partial) {
+        // Each entry was named on stderr as it was refused; this sums up.
+        throw ToolError(ExitCode::kNamesRefused, "not everything was sent: " + host::PrintableText(summary.error));
+    }
     return toInt(ExitCode::kOk);
 }
 

@@ -15,7 +15,10 @@ namespace xferfm::cli {
 
 // Returns the exit code; throws ToolError for every failure (3/4 bad
 // sources, 1 the link or the copy failed, 6 the receiver's verification
-// failed, 130 interrupted).
+// failed, 7 the receiver refused some names and copied the rest, 130
+// interrupted). Each entry the receiver refuses is named on stderr as the
+// refusal arrives ("xferfm: not sent: SOURCE: REASON"); the summary line
+// still goes to stdout.
 int runSend(const SendOptions& options, ToolContext& context);
 
 }  // namespace xferfm::cli

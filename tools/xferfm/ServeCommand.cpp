@@ -76,6 +76,7 @@ int exitCodeOf(ServeSessionResult::Outcome outcome)
     case ServeSessionResult::Outcome::kOk: return toInt(ExitCode::kOk);
     case ServeSessionResult::Outcome::kVerifyFailed: return toInt(ExitCode::kVerifyMismatch);
     case ServeSessionResult::Outcome::kInterrupted: return toInt(ExitCode::kInterrupted);
+    case ServeSessionResult::Outcome::kRefused: return toInt(ExitCode::kNamesRefused);
     case ServeSessionResult::Outcome::kFailed: break;
     }
     return toInt(ExitCode::kTransferFailed);

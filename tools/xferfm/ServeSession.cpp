@@ -5,6 +5,8 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "DigestCheckingLink.h"
 #include "Sha256.h"
@@ -24,6 +26,28 @@ using Clock = std::chrono::steady_clock;
 // connects and says nothing useful must not hold the server.
 constexpr std::chrono::seconds kListTimeout{30};
 constexpr std::chrono::milliseconds kPollInterval{200};
+// Refused entries named in the session line; the count says the rest.
+constexpr size_t kRefusalsNamed = 3;
+
+// The entries the name guard took out of the sender's list. Filled on the
+// link's delivery thread, read once the session is over.
+class RefusedEntries {
+public:
+    void add(const std::string& reason)
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mReasons.push_back(reason);
+    }
+    std::vector<std::string> reasons() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mReasons;
+    }
+
+private:
+    mutable std::mutex mMutex;
+    std::vector<std::string> mReasons;
+};
 
 // What the receiving endpoint reports during one session.
 class SessionObserver final : public host::ReceiverObserver {
@@ -111,11 +135,13 @@ DigestCheck checkLandedFiles(const host::FileDigests& expected, const SessionObs
     return check;
 }
 
-std::string describeSuccess(const host::TransferSummary& summary, double seconds, const SessionObserver& observer,
-                            const RemoteVerdict& verdict)
+// "received 3 files and 1 directories (42 bytes) in 0.10 s", with the
+// verification and the renames when there are any.
+std::string describeReceived(const host::TransferSummary& summary, double seconds, const SessionObserver& observer,
+                             const RemoteVerdict& verdict)
 {
     char text[200];
-    std::snprintf(text, sizeof text, "ok: received %zu files and %zu directories (%llu bytes) in %.2f s",
+    std::snprintf(text, sizeof text, "received %zu files and %zu directories (%llu bytes) in %.2f s",
                   summary.filesDone, summary.directoriesDone, static_cast<unsigned long long>(summary.bytesDone),
                   seconds);
     std::string line = text;
@@ -129,6 +155,20 @@ std::string describeSuccess(const host::TransferSummary& summary, double seconds
     return line;
 }
 
+// "refused 2 of 7 entries (REASON; REASON)"
+std::string describeRefusals(const std::vector<std::string>& reasons, size_t entriesOffered)
+{
+    std::string text = "refused " + std::to_string(reasons.size()) + " of " + std::to_string(entriesOffered) +
+                       (entriesOffered == 1 ? " entry (" : " entries (");
+    for (size_t index = 0; index < reasons.size() && index < kRefusalsNamed; ++index) {
+        text += (index == 0 ? "" : "; ") + reasons[index];
+    }
+    if (reasons.size() > kRefusalsNamed) {
+        text += "; and " + std::to_string(reasons.size() - kRefusalsNamed) + " more";
+    }
+    return text + ")";
+}
+
 }  // namespace
 
 ServeSessionResult runServeSession(host::TcpSocket connection, const std::string& destinationDir,
@@ -139,13 +179,18 @@ ServeSessionResult runServeSession(host::TcpSocket connection, const std::string
     SessionObserver observer;
     auto verdict = std::make_shared<RemoteVerdict>();
     auto refusal = std::make_shared<RemoteVerdict>();  // kFailed with the guard's words when it refuses
+    auto refused = std::make_shared<RefusedEntries>();  // entries taken out of the list, the rest is copied
 
     host::TcpTransportOptions linkOptions;
     linkOptions.threadName = "xfer-serve";
     auto tcp = std::make_unique<host::TcpTransport>(std::move(connection), linkOptions);
     auto guarded = std::make_unique<host::RemoteNameGuardTransport>(
         std::move(tcp), destinationDir, host::FileListLimits{},
-        [refusal](const std::string& why) { refusal->set(RemoteVerdict::State::kFailed, why); });
+        [refusal](const std::string& why) { refusal->set(RemoteVerdict::State::kFailed, why); },
+        [refused, prefix, &context](const host::RefusedEntry& entry) {
+            refused->add(entry.reason);
+            context.console.writeLine(host::PrintableText(prefix + "not copied: " + entry.reason));
+        });
     auto link = std::make_unique<DigestCheckingLink>(
         std::move(guarded),
         [&observer](const host::FileDigests& expected) { return checkLandedFiles(expected, observer); }, verdict);
@@ -190,6 +235,7 @@ ServeSessionResult runServeSession(host::TcpSocket connection, const std::string
         activeCache.path.clear();
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+    const std::vector<std::string> refusals = refused->reasons();
 
     if (refusal->state() == RemoteVerdict::State::kFailed) {
         result.line = prefix + "failed: " + refusal->text();
@@ -207,9 +253,16 @@ ServeSessionResult runServeSession(host::TcpSocket connection, const std::string
     } else if (!summary.completed) {
         const std::string failure = observer.failure();
         result.line = prefix + "failed: " + (failure.empty() ? summary.error : failure);
+    } else if (!refusals.empty()) {
+        result.outcome = ServeSessionResult::Outcome::kRefused;
+        result.line = prefix + "failed: " + describeRefusals(refusals, summary.entriesTotal + refusals.size()) +
+                      "; " + describeReceived(summary, seconds, observer, *verdict);
     } else {
         result.outcome = ServeSessionResult::Outcome::kOk;
-        result.line = prefix + describeSuccess(summary, seconds, observer, *verdict);
+        result.line = prefix + "ok: " + describeReceived(summary, seconds, observer, *verdict);
+    }
+    if (result.outcome != ServeSessionResult::Outcome::kRefused && !refusals.empty()) {
+        result.line += " (" + std::to_string(refusals.size()) + " refused entries were not copied either)";
     }
     // The line quotes what the sender said: keep its bytes off the terminal.
     result.line = host::PrintableText(result.line);

@@ -20,8 +20,12 @@
 
 namespace xferfm::cli {
 
+// A session whose list held refused names copies every other entry and
+// ends as kRefused: each refused entry gets a line on stderr as it is
+// refused ("session N from HOST:PORT: not copied: REASON"), and the session
+// line says "failed: refused K of N entries ...; received ...".
 struct ServeSessionResult {
-    enum class Outcome { kOk, kFailed, kVerifyFailed, kInterrupted };
+    enum class Outcome { kOk, kFailed, kVerifyFailed, kInterrupted, kRefused };
     Outcome outcome = Outcome::kFailed;
     std::string line;  // "session N from HOST:PORT: ok: ..." or "...: failed: REASON"
 };

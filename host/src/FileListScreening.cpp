@@ -1,0 +1,95 @@
+#include "FileListScreening.h"
+
+#include <json/json.h>
+
+#include <exception>
+#include <memory>
+#include <unordered_set>
+
+#include "xferfm/host/RemoteNameGuard.h"
+
+namespace orin::xfer::host::detail {
+namespace {
+
+constexpr uint64_t kDirectoryBit = 0x10;
+// As deep as the list parser lets a document go.
+constexpr int kJsonDepthLimit = 16;
+
+bool readDocument(const std::string& json, Json::Value& document)
+{
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder.settings_["stackLimit"] = kJsonDepthLimit;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string problems;
+    try {
+        return reader->parse(json.data(), json.data() + json.size(), &document, &problems);
+    } catch (const std::exception&) {
+        return false;  // past the depth limit, among others
+    }
+}
+
+// Empty when the entry may be copied; otherwise the refusal, naming it.
+std::string refusalOf(const std::string& filePath, const std::string& name, bool isDirectory,
+                      const std::string& destinationRoot, std::unordered_set<std::string>& refusedDirectories)
+{
+    std::string error;
+    if (!filePath.empty() && refusedDirectories.count(filePath) != 0) {
+        error = "refused remote name " + QuoteRemoteName(name) + ": it lies inside the refused directory " +
+                QuoteRemoteName(filePath);
+    } else if (CheckRemoteName(name, error) && CheckDestinationParents(destinationRoot, name, error)) {
+        return "";
+    }
+    if (isDirectory) {
+        refusedDirectories.insert(name);
+    }
+    return error;
+}
+
+}  // namespace
+
+ScreenedList ScreenFileList(const std::string& json, const std::string& destinationRoot,
+                            const FileListLimits& limits)
+{
+    ScreenedList screened;
+    Json::Value document;
+    if (json.size() > limits.maxJsonBytes || !readDocument(json, document) || !document.isObject() ||
+        !document["fileList"].isArray() || document["fileList"].size() > limits.maxEntries) {
+        return screened;  // the parser says what is wrong with it
+    }
+    const Json::Value& list = document["fileList"];
+    Json::Value kept(Json::arrayValue);
+    std::vector<uint64_t> keptIndices;
+    std::unordered_set<std::string> refusedDirectories;
+    for (Json::ArrayIndex index = 0; index < list.size(); ++index) {
+        const Json::Value& element = list[index];
+        if (!element.isObject() || !element["filePath"].isString() || !element["fileName"].isString()) {
+            kept.append(element);  // malformed: the parser refuses the whole list
+            keptIndices.push_back(index);
+            continue;
+        }
+        const std::string filePath = element["filePath"].asString();
+        const std::string fileName = element["fileName"].asString();
+        const std::string name = filePath.empty() ? fileName : filePath + "/" + fileName;
+        const bool isDirectory =
+            element["attribute"].isUInt64() && (element["attribute"].asUInt64() & kDirectoryBit) != 0;
+        std::string refusal = refusalOf(filePath, name, isDirectory, destinationRoot, refusedDirectories);
+        if (refusal.empty()) {
+            kept.append(element);
+            keptIndices.push_back(index);
+        } else {
+            screened.refused.push_back(RefusedEntry{index, name, std::move(refusal)});
+        }
+    }
+    if (screened.refused.empty()) {
+        return screened;
+    }
+    document["fileList"] = std::move(kept);
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    screened.json = Json::writeString(writer, document);
+    screened.keptIndices = std::move(keptIndices);
+    return screened;
+}
+
+}  // namespace orin::xfer::host::detail
