@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -27,6 +28,17 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kConnectTimeout{10};
 
+// The plan and the endpoint spell a source differently ("a.txt" and
+// "./a.txt", "photos/" and "./photos"): compare them in one form.
+std::string pathKey(const std::string& path)
+{
+    std::string key = std::filesystem::path(path).lexically_normal().string();
+    while (key.size() > 1 && key.back() == '/') {
+        key.pop_back();
+    }
+    return key;
+}
+
 class SendProgress final : public host::SenderObserver {
 public:
     SendProgress(ProgressTracker& tracker, const SourcePlan& plan, StderrConsole& console)
@@ -34,9 +46,9 @@ public:
     {
         for (const SourceEntry& entry : plan.entries) {
             if (entry.isDirectory) {
-                mDirectories.insert(entry.sourcePath);
+                mDirectories.insert(pathKey(entry.sourcePath));
             } else {
-                mFileSizes[entry.sourcePath] = entry.size;
+                mFileSizes[pathKey(entry.sourcePath)] = entry.size;
             }
         }
     }
@@ -44,7 +56,7 @@ public:
     // Called for directories too; only files count as files.
     void OnFileStarted(const std::string& sourcePath, uint64_t) override
     {
-        if (mDirectories.count(sourcePath) != 0) {
+        if (mDirectories.count(pathKey(sourcePath)) != 0) {
             return;
         }
         std::lock_guard<std::mutex> lock(mMutex);
@@ -60,7 +72,7 @@ public:
     void OnEntrySkipped(const std::string& sourcePath, const std::string& reason) override
     {
         mConsole.writeLine("xferfm: not sent: " + host::PrintableText(sourcePath + ": " + reason));
-        const auto file = mFileSizes.find(sourcePath);
+        const auto file = mFileSizes.find(pathKey(sourcePath));
         if (file != mFileSizes.end()) {
             mTracker.fileSkipped(file->second);
         }
