@@ -2,7 +2,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <iostream>
+
 #include "ExitCode.h"
+#include "NetworkCommandLine.h"
 
 #ifndef XFERFM_VERSION
 #error "XFERFM_VERSION must come from the build (the project version)"
@@ -63,6 +66,11 @@ ParsedCommandLine parseCommandLine(int argc, char** argv)
                 "happened and clean up.");
     addTransferOptions(*demo, parsed.options);
 
+    // Listed here for --help; main hands both to their own parser before
+    // this one runs, so reaching them here means they did not come first.
+    ParsedNetworkCommand network;
+    const NetworkSubcommands networkCommands = addNetworkCommands(app, network);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -71,6 +79,11 @@ ParsedCommandLine parseCommandLine(int argc, char** argv)
         return parsed;
     }
 
+    if (networkCommands.serve->parsed() || networkCommands.send->parsed()) {
+        std::cerr << "xferfm: serve and send must be the first argument\n";
+        parsed.exitCode = toInt(ExitCode::kUsage);
+        return parsed;
+    }
     if (copy->parsed()) {
         parsed.command = Command::kCopy;
         parsed.options.destinationDir = copyPaths.back();

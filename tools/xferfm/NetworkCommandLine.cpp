@@ -20,7 +20,7 @@ CLI::Validator hostPortValidator()
             std::string error;
             return orin::xfer::host::ParseHostPort(text, address, error) ? std::string() : error;
         },
-        "HOST:PORT");
+        "");  // the options name their type HOST:PORT already
 }
 
 void addLogLevel(CLI::App& command, int& logLevel)
@@ -38,19 +38,10 @@ bool isNetworkCommand(int argc, char** argv)
     return argc > 1 && (std::strcmp(argv[1], "serve") == 0 || std::strcmp(argv[1], "send") == 0);
 }
 
-ParsedNetworkCommand parseNetworkCommandLine(int argc, char** argv)
+NetworkSubcommands addNetworkCommands(CLI::App& app, ParsedNetworkCommand& parsed)
 {
-    ParsedNetworkCommand parsed;
-    CLI::App app("Copies files between two machines: `serve` receives, `send` sends.", "xferfm");
-    app.footer(exitCodeHelp());
-    app.require_subcommand(1);
-
     CLI::App* serve = app.add_subcommand(
-        "serve", "Receive copies from `xferfm send` into DEST_DIR, one sender at a time, exactly as `xferfm copy` "
-                 "pastes: through a private cache directory on DEST_DIR's file system, a clashing name gets a "
-                 "\"name(1).ext\" name, and every file is verified when the sender asks. Prints one line per "
-                 "session. Every name a sender sends is checked first: absolute paths, \"..\", control characters, "
-                 "invalid UTF-8 and paths through symbolic links are refused.");
+        "serve", "Receive copies from `xferfm send` into DEST_DIR, one sender at a time, until stopped.");
     ServeOptions& serveOptions = parsed.serve;
     serve->add_option("--listen", serveOptions.listen,
                       "Address to listen on; port 0 picks a free one (printed at start)")
@@ -63,7 +54,15 @@ ParsedNetworkCommand parseNetworkCommandLine(int argc, char** argv)
         ->type_name("PATH");
     addLogLevel(*serve, serveOptions.logLevel);
     serve->add_option("DEST_DIR", serveOptions.destinationDir, "Directory that receives the copies")->required();
-    serve->footer(exitCodeHelp());
+    serve->footer(std::string(
+                      "Files land exactly as `xferfm copy` pastes them: through a private cache directory on "
+                      "DEST_DIR's file system, a clashing name gets a \"name(1).ext\" name, and every file is "
+                      "verified when the sender asks. Prints one line per session on stdout.\n"
+                      "Every name a sender sends is checked first: an entry whose name is absolute, holds \"..\", "
+                      "a backslash, a control character or invalid UTF-8, or leads through a symbolic link, is not "
+                      "copied (nor anything inside it), with a line on stderr naming it and the rule; the rest of "
+                      "the list is copied and the session counts as failed (exit code 7 with --once).\n\n") +
+                  exitCodeHelp());
 
     CLI::App* send = app.add_subcommand(
         "send", "Send SOURCE files and directories to an `xferfm serve` at HOST:PORT, which pastes them into its "
@@ -86,7 +85,19 @@ ParsedNetworkCommand parseNetworkCommandLine(int argc, char** argv)
         ->required()
         ->check(hostPortValidator());
     send->add_option("SOURCE", sendOptions.sources, "Files and directories to send")->required();
-    send->footer(exitCodeHelp());
+    send->footer(std::string("An entry whose name the receiver refuses is not sent (a line on stderr names it and "
+                             "the rule); the rest is, and the exit code is 7.\n\n") +
+                 exitCodeHelp());
+    return NetworkSubcommands{serve, send};
+}
+
+ParsedNetworkCommand parseNetworkCommandLine(int argc, char** argv)
+{
+    ParsedNetworkCommand parsed;
+    CLI::App app("Copies files between two machines: `serve` receives, `send` sends.", "xferfm");
+    app.footer(exitCodeHelp());
+    app.require_subcommand(1);
+    const NetworkSubcommands commands = addNetworkCommands(app, parsed);
 
     try {
         app.parse(argc, argv);
@@ -95,7 +106,7 @@ ParsedNetworkCommand parseNetworkCommandLine(int argc, char** argv)
         parsed.exitCode = code == 0 ? 0 : toInt(ExitCode::kUsage);
         return parsed;
     }
-    parsed.command = serve->parsed() ? NetworkCommand::kServe : NetworkCommand::kSend;
+    parsed.command = commands.serve->parsed() ? NetworkCommand::kServe : NetworkCommand::kSend;
     return parsed;
 }
 

@@ -9,6 +9,10 @@
 #include <string>
 #include <vector>
 
+namespace CLI {
+class App;
+}
+
 namespace xferfm::cli {
 
 // Where `serve` listens when not told otherwise: this machine only, on a
@@ -44,5 +48,16 @@ struct ParsedNetworkCommand {
 };
 
 ParsedNetworkCommand parseNetworkCommandLine(int argc, char** argv);
+
+struct NetworkSubcommands {
+    CLI::App* serve = nullptr;
+    CLI::App* send = nullptr;
+};
+
+// Adds `serve` and `send`, with their options bound to `parsed`, to `app`:
+// their own parser's, and the main parser's, whose --help lists them
+// (main hands both commands to parseNetworkCommandLine before that parser
+// runs).
+NetworkSubcommands addNetworkCommands(CLI::App& app, ParsedNetworkCommand& parsed);
 
 }  // namespace xferfm::cli
