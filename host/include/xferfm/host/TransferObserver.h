@@ -28,7 +28,9 @@ struct TransferSummary {
     bool completed = false;  // every entry of the list arrived
     bool cancelled = false;  // Cancel() was called on this end or the peer's
     // The session ran to its end but `skipped` entries were not copied:
-    // not `completed`, and `error` names them.
+    // not `completed`, and `error` names them. Set by the sender; on the
+    // receiving side the entries a RemoteNameGuardTransport refuses never
+    // reach the endpoint, and the guard reports them to the host.
     bool partial = false;
     std::vector<SkippedEntry> skipped;  // in list order
     size_t entriesTotal = 0;
