@@ -352,6 +352,9 @@ TEST_F(FileRequestTest, CompletionOfAnotherFileWakesTheWaitingRequest)
     // Only b arrives; its completion ends the wait for a all the same.
     Deliver(b, 4, PatternBytes(5, 7));
     EXPECT_TRUE(request.Finish());
+    // The wait ends when the writer marks the download complete, which it
+    // does before it reports the completion.
+    ASSERT_TRUE(f.listener.WaitForCount("onFileTransferCompleted", 1));
 
     EXPECT_EQ(NamesOf(m.GetDownloadFileList()), std::vector<std::string>{"b.txt"});
     EXPECT_EQ(ReadBytes(cache + "/b.txt"), PatternBytes(5, 7));

@@ -240,6 +240,8 @@ TEST_F(IncomingPasteTest, WriteFailureIsReportedOnceAndReleasesTheWaitingRequest
         Deliver({c, PatternBytes(3, 3), {2}, 6});
         ASSERT_TRUE(request.Finish());
     }
+    // The writer reports a completion just after it ends the request's wait.
+    ASSERT_TRUE(f.listener.WaitForCount("onFileTransferCompleted", 2));
     EXPECT_EQ(ReadBytes(cache + "/in/a.bin"), PatternBytes(5000, 1));
     EXPECT_EQ(ReadBytes(cache + "/c.bin"), PatternBytes(3, 3));
     EXPECT_EQ(f.listener.Count("onFileTransferFailed"), 1u);
