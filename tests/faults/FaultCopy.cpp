@@ -79,4 +79,13 @@ std::string NextCopyProblem(const std::string& sourceRoot, const std::string& de
     return difference.empty() ? std::string() : "the next copy differs: " + difference;
 }
 
+std::string Joined(const std::vector<std::string>& problems)
+{
+    std::string text;
+    for (const auto& problem : problems) {
+        text += "\n  " + problem;
+    }
+    return text;
+}
+
 }  // namespace orin::xfer::host::test

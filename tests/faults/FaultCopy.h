@@ -26,4 +26,7 @@ std::vector<std::string> CheckCleanFailure(const CopySession& copy, const std::s
 // whole, else why not.
 std::string NextCopyProblem(const std::string& sourceRoot, const std::string& destination);
 
+// The problems above, one to a line, for a failure message.
+std::string Joined(const std::vector<std::string>& problems);
+
 }  // namespace orin::xfer::host::test

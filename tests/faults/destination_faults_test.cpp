@@ -29,15 +29,6 @@ using orin::xfer::test::TempDir;
 
 constexpr auto kCopyLimit = 20s;  // copies of a few MiB take well under a second
 
-std::string joined(const std::vector<std::string>& problems)
-{
-    std::string text;
-    for (const auto& problem : problems) {
-        text += "\n  " + problem;
-    }
-    return text;
-}
-
 class DestinationFaults : public ::testing::Test {
 protected:
     void SetUp() override
@@ -77,7 +68,7 @@ TEST_P(DeviceFull, AFullDeviceFailsTheFileOnceAndTheNextCopyWorks)
         ASSERT_TRUE(copy.WaitBoth(kCopyLimit));
         const auto problems =
             CheckCleanFailure(copy, scratch.Join("src"), destination, destination + "/box/2-full.bin");
-        EXPECT_TRUE(problems.empty()) << joined(problems);
+        EXPECT_TRUE(problems.empty()) << Joined(problems);
         EXPECT_EQ(ListTree(destination), (std::vector<std::string>{"box/", "box/1-ok.bin"}));
     }
     EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
@@ -129,7 +120,7 @@ TEST_F(DestinationFaults, AFullFileSystemFailsTheFileOnceAndTheNextCopyFits)
             if (!next.empty()) {
                 problems.push_back(next);
             }
-            return joined(problems);
+            return Joined(problems);
         },
         60s);
     if (outcome.kind == ChildOutcome::kUnsupported) {
@@ -161,7 +152,7 @@ TEST_F(DestinationFaults, ADestinationDirectoryRemovedMidCopyFailsNamingTheFile)
         ASSERT_TRUE(removed);
         const auto problems =
             CheckCleanFailure(copy, scratch.Join("src"), destination, destination + "/box/2-second.bin");
-        EXPECT_TRUE(problems.empty()) << joined(problems);
+        EXPECT_TRUE(problems.empty()) << Joined(problems);
         EXPECT_FALSE(orin::xfer::test::PathExists(destination + "/box/3-third.bin"));
     }
     EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
@@ -187,7 +178,7 @@ TEST_F(DestinationFaults, TheDestinationRemovedMidCopyFailsNamingTheFile)
         ASSERT_TRUE(copy.WaitBoth(kCopyLimit));
         ASSERT_TRUE(removed);
         const auto problems = CheckCleanFailure(copy, scratch.Join("src"), destination, destination + "/big.bin");
-        EXPECT_TRUE(problems.empty()) << joined(problems);
+        EXPECT_TRUE(problems.empty()) << Joined(problems);
         EXPECT_FALSE(orin::xfer::test::PathExists(destination));
     }
     EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");

@@ -40,15 +40,6 @@ using orin::xfer::test::waitUntil;
 constexpr auto kCopyLimit = 20s;
 constexpr uint64_t kChunk = 65536;
 
-std::string joined(const std::vector<std::string>& problems)
-{
-    std::string text;
-    for (const auto& problem : problems) {
-        text += "\n  " + problem;
-    }
-    return text;
-}
-
 // Problems with a receiver that lost its sender mid-file (empty: none).
 std::vector<std::string> checkLostSender(const ReceiverEndpoint& receiver, const RecordingReceiverObserver& observer,
                                          const std::string& sourceParent, const std::string& destination)
@@ -111,7 +102,7 @@ TEST_F(PeerFaults, ALinkClosedAbruptlyMidFileFailsTheReceiverCleanly)
         ASSERT_TRUE(receiver->WaitFinished(kCopyLimit));
         ASSERT_TRUE(sender->WaitFinished(kCopyLimit));
         const auto problems = checkLostSender(*receiver, observer, scratch.Join("src"), destination);
-        EXPECT_TRUE(problems.empty()) << joined(problems);
+        EXPECT_TRUE(problems.empty()) << Joined(problems);
         EXPECT_EQ(ListTree(destination), std::vector<std::string>{"first.bin"});
         EXPECT_FALSE(sender->Summary().completed);
     }
@@ -226,7 +217,7 @@ TEST_F(PeerFaults, ASendingProcessKilledMidFileFailsTheReceiverCleanly)
         ASSERT_TRUE(receiver->endpoint->WaitFinished(kCopyLimit));
         const auto problems =
             checkLostSender(*receiver->endpoint, receiver->observer, scratch.Join("src"), destination);
-        EXPECT_TRUE(problems.empty()) << joined(problems);
+        EXPECT_TRUE(problems.empty()) << Joined(problems);
         EXPECT_EQ(ListTree(destination), std::vector<std::string>{"first.bin"});
     }
     // The next sender, on the same listener, gets its copy through.

@@ -29,13 +29,12 @@ constexpr auto kCopyLimit = 20s;
 constexpr uint64_t kChunk = 65536;
 constexpr uint64_t kSize = 16 * kChunk + 100;
 
-std::string joined(const std::vector<std::string>& problems)
+void AppendTo(const std::string& path, const std::vector<uint8_t>& bytes)
 {
-    std::string text;
-    for (const auto& problem : problems) {
-        text += "\n  " + problem;
-    }
-    return text;
+    FILE* file = fopen(path.c_str(), "ab");
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
+    fclose(file);
 }
 
 class SourceFaults : public ::testing::Test {
@@ -83,7 +82,7 @@ TEST_F(SourceFaults, AFileCutShortWhileReadFailsNamingItsSource)
     options.stallTimeout = 2 * kCopyLimit;
     RunWithFaultMidFile([&] { ASSERT_EQ(truncate(source.c_str(), 3 * kChunk + 7), 0); });
     const auto problems = CheckCleanFailure(*copy, scratch.Join("src"), destination, source);
-    EXPECT_TRUE(problems.empty()) << joined(problems);
+    EXPECT_TRUE(problems.empty()) << Joined(problems);
     EXPECT_NE(copy->receiver->Summary().error.find("changed while it was read"), std::string::npos)
         << copy->receiver->Summary().error;
     EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
@@ -97,19 +96,13 @@ TEST_F(SourceFaults, AFileCutShortWhileReadFailsNamingItsSource)
 TEST_F(SourceFaults, AFileGrownWhileReadLandsAsAnnouncedOrFailsNamingItsSource)
 {
     options.stallTimeout = 2 * kCopyLimit;
-    RunWithFaultMidFile([&] {
-        const auto more = PatternBytes(5 * kChunk, 2);
-        FILE* file = fopen(source.c_str(), "ab");
-        ASSERT_NE(file, nullptr);
-        ASSERT_EQ(fwrite(more.data(), 1, more.size(), file), more.size());
-        fclose(file);
-    });
+    RunWithFaultMidFile([&] { AppendTo(source, PatternBytes(5 * kChunk, 2)); });
     const TransferSummary summary = copy->receiver->Summary();
     if (summary.completed) {
         EXPECT_EQ(ReadBytes(destination + "/data.bin"), PatternBytes(kSize, 1));
     } else {
         const auto problems = CheckCleanFailure(*copy, scratch.Join("src"), destination, source);
-        EXPECT_TRUE(problems.empty()) << joined(problems);
+        EXPECT_TRUE(problems.empty()) << Joined(problems);
         EXPECT_NE(summary.error.find("changed while it was read"), std::string::npos) << summary.error;
         EXPECT_EQ(ListTree(destination), std::vector<std::string>{});
     }
@@ -124,13 +117,7 @@ TEST_F(SourceFaults, AFileGrownAfterItsLastWholeChunkLandsAsAnnouncedOrFailsNami
     const auto announced = PatternBytes(16 * kChunk, 4);
     WriteFile(source, announced);
     options.stallTimeout = 2 * kCopyLimit;
-    RunWithFaultMidFile([&] {
-        const auto more = PatternBytes(3 * kChunk, 5);
-        FILE* file = fopen(source.c_str(), "ab");
-        ASSERT_NE(file, nullptr);
-        ASSERT_EQ(fwrite(more.data(), 1, more.size(), file), more.size());
-        fclose(file);
-    });
+    RunWithFaultMidFile([&] { AppendTo(source, PatternBytes(3 * kChunk, 5)); });
     const TransferSummary summary = copy->receiver->Summary();
     if (summary.completed) {
         EXPECT_EQ(ReadBytes(destination + "/data.bin"), announced);
@@ -181,7 +168,7 @@ TEST_F(SourceFaults, AFileDeletedBeforeItsTurnFailsNamingItsSource)
     ASSERT_TRUE(session.Begin({scratch.Join("src/a-first.bin"), source}, error)) << error;
     ASSERT_TRUE(session.WaitBoth(kCopyLimit));
     const auto problems = CheckCleanFailure(session, scratch.Join("src"), destination, source);
-    EXPECT_TRUE(problems.empty()) << joined(problems);
+    EXPECT_TRUE(problems.empty()) << Joined(problems);
     EXPECT_EQ(ListTree(destination), std::vector<std::string>{"a-first.bin"});
     EXPECT_EQ(NextCopyProblem(scratch.Path(), scratch.Join("next")), "");
 }
