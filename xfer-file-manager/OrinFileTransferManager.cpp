@@ -180,9 +180,8 @@ OrinFileTransferManager::~OrinFileTransferManager()
     waitForUploadWorkers();
     // A writer job that failed has retired its own looper, whose thread
     // nobody joins: its stopWriteFileThread must be over before the members go.
-    while (mWriterStopsInFlight.load(std::memory_order_acquire) != 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    std::unique_lock<std::mutex> workers(mWorkerMutex);
+    mWorkerCondition.wait(workers, [this] { return mWriterStopsInFlight == 0; });
 }
 
 void OrinFileTransferManager::waitForUploadWorkers()
@@ -1421,19 +1420,29 @@ bool OrinFileTransferManager::writeFile(std::shared_ptr<FileTransferTask> task, 
 namespace {
 
 // Counts a stopWriteFileThread call while it runs, for the destructor to
-// outwait. The count is the call's last touch of the manager.
+// outwait, under the same lock and condition as the upload workers' count.
+// Its release is the call's last touch of the manager.
 class StopInFlight {
 public:
-    explicit StopInFlight(std::atomic<uint32_t>& count) : mCount(count)
+    StopInFlight(std::mutex& mutex, std::condition_variable& condition, uint32_t& count)
+        : mMutex(mutex), mCondition(condition), mCount(count)
     {
-        mCount.fetch_add(1, std::memory_order_relaxed);
+        std::lock_guard<std::mutex> lock(mMutex);
+        ++mCount;
     }
-    ~StopInFlight() { mCount.fetch_sub(1, std::memory_order_release); }
+    ~StopInFlight()
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        --mCount;
+        mCondition.notify_all();
+    }
     StopInFlight(const StopInFlight&) = delete;
     StopInFlight& operator=(const StopInFlight&) = delete;
 
 private:
-    std::atomic<uint32_t>& mCount;
+    std::mutex& mMutex;
+    std::condition_variable& mCondition;
+    uint32_t& mCount;
 };
 
 }  // namespace
@@ -1449,7 +1458,7 @@ private:
 void OrinFileTransferManager::stopWriteFileThread()
 {
     // First, so that it is released last, after the task lock below.
-    const StopInFlight inFlight(mWriterStopsInFlight);
+    const StopInFlight inFlight(mWorkerMutex, mWorkerCondition, mWriterStopsInFlight);
     const bool callerHoldsTaskMutex = mTaskMutexHolder.load() == std::this_thread::get_id();
     std::unique_lock<std::mutex> taskLock(mTaskMutex, std::defer_lock);
     if (!callerHoldsTaskMutex) {

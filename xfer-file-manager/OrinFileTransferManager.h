@@ -170,9 +170,10 @@ private:
     uint32_t mActiveUploadWorkers = 0;
     std::mutex mDelayMutex;
     std::condition_variable mDelayCondition;
-    // stopWriteFileThread calls still running; one made by a failed writer
-    // job runs on the retired writer's thread, which nobody joins.
-    std::atomic<uint32_t> mWriterStopsInFlight{0};
+    // stopWriteFileThread calls still running (guarded by mWorkerMutex);
+    // one made by a failed writer job runs on the retired writer's thread,
+    // which nobody joins.
+    uint32_t mWriterStopsInFlight = 0;
 };
 
 }  // namespace orin::xfer

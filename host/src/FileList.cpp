@@ -8,14 +8,14 @@
 #include <sstream>
 #include <unordered_set>
 
+#include "FileTransferTypes.h"
+#include "StrictJson.h"
+
 namespace orin::xfer::host {
 
 namespace {
 
-constexpr uint32_t kDirectoryBit = 0x10;
 constexpr uint32_t kPermissionBits = 07777;
-// Our documents are three levels deep; anything much deeper is hostile.
-constexpr int kJsonDepthLimit = 16;
 
 // Names in error messages, with control bytes made visible-safe.
 std::string printable(const std::string& text)
@@ -120,19 +120,15 @@ std::string readEntry(const Json::Value& element, FileListEntry& entry)
     if (!readUnsigned(element["fileSize"], std::numeric_limits<uint64_t>::max(), entry.fileSize)) {
         return "has a \"fileSize\" that is not an unsigned integer";
     }
-    entry.isDirectory = (attribute & kDirectoryBit) != 0;
+    entry.isDirectory = (attribute & kAttributeDirectory) != 0;
     entry.mode = static_cast<uint32_t>(mode) & kPermissionBits;
     return {};
 }
 
 bool parseJson(const std::string& json, Json::Value& document, std::string& error)
 {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder.settings_["stackLimit"] = kJsonDepthLimit;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string problems;
-    if (!reader->parse(json.data(), json.data() + json.size(), &document, &problems)) {
+    if (!detail::ReadStrictJson(json, document, problems)) {
         error = "the file list is not valid JSON: " + printable(problems);
         return false;
     }

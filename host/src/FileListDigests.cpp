@@ -2,22 +2,21 @@
 
 #include <json/json.h>
 
-#include <memory>
+#include <exception>
+
+#include "FileTransferTypes.h"
+#include "StrictJson.h"
 
 namespace orin::xfer::host {
 namespace {
 
 constexpr const char* kDigestKey = "sha256";
-constexpr unsigned kDirectoryBit = 0x10;
 
 bool ReadList(const std::string& json, Json::Value& document, std::string& error)
 {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string problems;
     try {
-        if (!reader->parse(json.data(), json.data() + json.size(), &document, &problems)) {
+        if (!detail::ReadStrictJson(json, document, problems)) {
             error = "the file list is not valid JSON: " + problems;
             return false;
         }
@@ -36,7 +35,7 @@ bool ReadList(const std::string& json, Json::Value& document, std::string& error
 std::string FileNameOf(const Json::Value& entry)
 {
     if (!entry.isObject() || !entry["filePath"].isString() || !entry["fileName"].isString() ||
-        !entry["attribute"].isUInt() || (entry["attribute"].asUInt() & kDirectoryBit) != 0) {
+        !entry["attribute"].isUInt() || (entry["attribute"].asUInt() & kAttributeDirectory) != 0) {
         return "";
     }
     const std::string filePath = entry["filePath"].asString();

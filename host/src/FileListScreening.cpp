@@ -3,27 +3,20 @@
 #include <json/json.h>
 
 #include <exception>
-#include <memory>
 #include <unordered_set>
 
+#include "FileTransferTypes.h"
+#include "StrictJson.h"
 #include "xferfm/host/RemoteNameGuard.h"
 
 namespace orin::xfer::host::detail {
 namespace {
 
-constexpr uint64_t kDirectoryBit = 0x10;
-// As deep as the list parser lets a document go.
-constexpr int kJsonDepthLimit = 16;
-
 bool readDocument(const std::string& json, Json::Value& document)
 {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder.settings_["stackLimit"] = kJsonDepthLimit;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string problems;
     try {
-        return reader->parse(json.data(), json.data() + json.size(), &document, &problems);
+        return ReadStrictJson(json, document, problems);
     } catch (const std::exception&) {
         return false;  // past the depth limit, among others
     }
@@ -72,7 +65,7 @@ ScreenedList ScreenFileList(const std::string& json, const std::string& destinat
         const std::string fileName = element["fileName"].asString();
         const std::string name = filePath.empty() ? fileName : filePath + "/" + fileName;
         const bool isDirectory =
-            element["attribute"].isUInt64() && (element["attribute"].asUInt64() & kDirectoryBit) != 0;
+            element["attribute"].isUInt64() && (element["attribute"].asUInt64() & kAttributeDirectory) != 0;
         std::string refusal = refusalOf(filePath, name, isDirectory, destinationRoot, refusedDirectories);
         if (refusal.empty()) {
             kept.append(element);
