@@ -26,6 +26,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include <json/json.h>
 
@@ -285,7 +286,16 @@ std::wstring OrinFileTransferManager::utf8ToWstring(const std::string& text)
 
 void OrinFileTransferManager::deleteTask(uint32_t transferId)
 {
-    std::lock_guard<std::mutex> lock(mTaskMutex);
+    // On the thread of a writer that is being retired the mutex may never
+    // come: the stop holding it waits for this thread. Its tasks go anyway.
+    std::unique_lock<std::mutex> lock(mTaskMutex, std::defer_lock);
+    if (lockTaskListForWriter(lock)) {
+        deleteTaskLocked(transferId);
+    }
+}
+
+void OrinFileTransferManager::deleteTaskLocked(uint32_t transferId)
+{
     auto it = std::find_if(mFileTaskList.begin(), mFileTaskList.end(),
                            [transferId](const auto& task) { return task->transferId == transferId; });
     if (it == mFileTaskList.end()) {
@@ -339,7 +349,7 @@ void OrinFileTransferManager::ProcessXferError(uint32_t taskId, uint32_t transfe
     if (isUpload) {
         quitUploadThread();
     } else {
-        stopWriteFileThread();
+        stopWriterUnderTaskLock();
         mDownloadFileList.clear();
         mDownloadFileRecordList.clear();
     }
@@ -1001,12 +1011,8 @@ void OrinFileTransferManager::RequestFile(const FileDescription& file, bool regi
         return;
     }
 
+    // Held to the end, but for the wait; the stops below run under it.
     std::unique_lock<std::mutex> lock(mTaskMutex);
-    mTaskMutexHolder = std::this_thread::get_id();
-    auto release = [&] {
-        mTaskMutexHolder = std::thread::id();
-        lock.unlock();
-    };
 
     if (!mFileRequested) {
         XLOG_I << "clipboard request file to remote";
@@ -1032,7 +1038,7 @@ void OrinFileTransferManager::RequestFile(const FileDescription& file, bool regi
         if (createDir(cacheDir) != 0) {
             notifyTransferFailed(kNoTransferId, 0, "create dir failed", false);
             stopWriteFileThread();
-            release();
+            lock.unlock();
             return;
         }
         try {
@@ -1048,7 +1054,7 @@ void OrinFileTransferManager::RequestFile(const FileDescription& file, bool regi
             XLOG_W << "open stream falied " << error.what();
             notifyTransferFailed(kNoTransferId, 0, error.what(), false);
             stopWriteFileThread();
-            release();
+            lock.unlock();
             return;
         }
     }
@@ -1076,7 +1082,7 @@ void OrinFileTransferManager::RequestFile(const FileDescription& file, bool regi
         XLOG_I << "all files download complete";
         stopWriteFileThread();
     }
-    release();
+    lock.unlock();
     mRegisterOnlyRequest = false;
 }
 
@@ -1149,9 +1155,10 @@ void OrinFileTransferManager::ProcessFileDownloadStart(uint32_t taskId, uint32_t
         }
         XLOG_D << "sourcePath = " << sourcePath;
         records.emplace("Records.1.SourcePath", sourcePath);
-    }
-    if (mListener) {
-        mListener->onTransferRecord(recordTag, records);
+        // A file no record matches is not reported as a record at all.
+        if (mListener) {
+            mListener->onTransferRecord(recordTag, records);
+        }
     }
 
     mProgressCountdown = kProgressTickInterval;
@@ -1181,7 +1188,7 @@ void OrinFileTransferManager::ProcessFileDownloadStart(uint32_t taskId, uint32_t
         if (createDir(dirPath) != 0) {
             XLOG_W << "create dir failed, " << dirPath;
             notifyTransferFailed(taskId, transferId, "create dir failed", false);
-            stopWriteFileThread();
+            stopWriterUnderTaskLock();
             return;
         }
 
@@ -1197,7 +1204,7 @@ void OrinFileTransferManager::ProcessFileDownloadStart(uint32_t taskId, uint32_t
                 const int error = errno;
                 XLOG_E << "Failed to create the directory " << fileFullPath << ", " << strerror(error);
                 notifyTransferFailed(taskId, transferId, "Failed to open or create download file", false);
-                stopWriteFileThread();
+                stopWriterUnderTaskLock();
             }
             return;
         }
@@ -1211,7 +1218,7 @@ void OrinFileTransferManager::ProcessFileDownloadStart(uint32_t taskId, uint32_t
         } catch (const std::exception& error) {
             XLOG_W << "open stream falied " << error.what();
             notifyTransferFailed(taskId, transferId, error.what(), false);
-            stopWriteFileThread();
+            stopWriterUnderTaskLock();
             return;
         }
         auto task = std::make_shared<FileTransferTask>();
@@ -1370,11 +1377,60 @@ void OrinFileTransferManager::tickProgress(uint32_t taskId, uint32_t transferId)
     }
 }
 
+namespace {
+
+// The retired flag of the writer whose job runs on this thread; null outside
+// a writer job (a direct writeFile call never gives the mutex up).
+thread_local const std::atomic<bool>* tWriterRetired = nullptr;
+
+class WriterJobScope {
+public:
+    explicit WriterJobScope(const std::atomic<bool>* retired) : mPrevious(tWriterRetired) { tWriterRetired = retired; }
+    ~WriterJobScope() { tWriterRetired = mPrevious; }
+    WriterJobScope(const WriterJobScope&) = delete;
+    WriterJobScope& operator=(const WriterJobScope&) = delete;
+
+private:
+    const std::atomic<bool>* mPrevious;
+};
+
+}  // namespace
+
 void OrinFileTransferManager::postToWriter(std::function<void()> job)
 {
     std::lock_guard<std::mutex> lock(mWriterLooperMutex);
     if (mWriterLooper) {
-        mWriterLooper->Post(std::move(job));
+        mWriterLooper->Post([retired = mWriterRetired, job = std::move(job)] {
+            const WriterJobScope scope(retired.get());
+            job();
+        });
+    }
+}
+
+// A writer job needs the task-list mutex to finish a file or to stop the
+// writer after a failed write. The stop that retires this writer may hold
+// that mutex while it waits for this very thread to end, so the job gives
+// up once its writer is retired: that stop drops the job's task and wakes
+// the waiting request itself.
+bool OrinFileTransferManager::lockTaskListForWriter(std::unique_lock<std::mutex>& lock)
+{
+    const std::atomic<bool>* retired = tWriterRetired;
+    if (retired == nullptr) {
+        lock.lock();
+        return true;
+    }
+    for (uint32_t attempt = 0;; ++attempt) {
+        if (lock.try_lock()) {
+            return true;
+        }
+        if (retired->load()) {
+            return false;
+        }
+        if (attempt < 64) {
+            std::this_thread::yield();
+        } else {
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
     }
 }
 
@@ -1389,7 +1445,7 @@ bool OrinFileTransferManager::writeFile(std::shared_ptr<FileTransferTask> task, 
             XLOG_W << "write stream failed " << error.what();
             closeQuietly(task->stream);
             notifyTransferFailed(task->taskId, task->transferId, error.what(), false);
-            stopWriteFileThread();
+            stopWriterUnderTaskLock();
             return false;
         }
     }
@@ -1404,10 +1460,14 @@ bool OrinFileTransferManager::writeFile(std::shared_ptr<FileTransferTask> task, 
         return true;
     }
 
-    deleteTask(task->transferId);
     {
-        // Set under the mutex so a RequestFile about to wait cannot miss it.
-        std::lock_guard<std::mutex> lock(mTaskMutex);
+        // The flag is set under the mutex so a RequestFile about to wait
+        // cannot miss it.
+        std::unique_lock<std::mutex> lock(mTaskMutex, std::defer_lock);
+        if (!lockTaskListForWriter(lock)) {
+            return true;
+        }
+        deleteTaskLocked(task->transferId);
         mDownloadComplete = true;
     }
     mDownloadCondition.notify_one();
@@ -1447,38 +1507,52 @@ private:
 
 }  // namespace
 
-// Also runs on the writer looper's own thread after a write failure, and
-// from RequestFile with the task-list mutex already held.
-//
-// The download tasks go first, so that a chunk the host delivers while the
-// writer is being replaced finds no task instead of reaching the fresh
-// writer with a broken stream. When the caller holds the task-list mutex it
-// is let go only while the old writer is retired: a writer job finishing
-// another file needs it for its deleteTask.
+// The public stop takes no lock of its own: its callers hold mTaskMutex
+// (RequestFile does) or know that nothing else runs (ClearTask). The
+// engine's other stops take the mutex around the task-list steps only,
+// never across the teardown of the old writer, whose last job may need it.
 void OrinFileTransferManager::stopWriteFileThread()
 {
-    // First, so that it is released last, after the task lock below.
+    stopWriter(TaskListLock::kHeldByCaller);
+}
+
+void OrinFileTransferManager::stopWriterUnderTaskLock()
+{
+    stopWriter(TaskListLock::kTakenHere);
+}
+
+// The download tasks go first, so that a chunk the host delivers while the
+// writer is being replaced finds no task instead of reaching the fresh
+// writer with a broken stream.
+//
+// Also runs on the writer looper's own thread after a write failure: that
+// looper then ends on its own thread after this job, and nobody waits for
+// the thread any more.
+void OrinFileTransferManager::stopWriter(TaskListLock taskListLock)
+{
     const StopInFlight inFlight(mWorkerMutex, mWorkerCondition, mWriterStopsInFlight);
-    const bool callerHoldsTaskMutex = mTaskMutexHolder.load() == std::this_thread::get_id();
-    std::unique_lock<std::mutex> taskLock(mTaskMutex, std::defer_lock);
-    if (!callerHoldsTaskMutex) {
-        taskLock.lock();
-    }
-    mFileTaskList.erase(std::remove_if(mFileTaskList.begin(), mFileTaskList.end(),
-                                       [](const auto& task) { return (task->transferId & 1u) == 0; }),
-                        mFileTaskList.end());
-    if (callerHoldsTaskMutex) {
-        mTaskMutex.unlock();
-    } else {
-        taskLock.unlock();
+    {
+        std::unique_lock<std::mutex> lock(mTaskMutex, std::defer_lock);
+        if (taskListLock == TaskListLock::kTakenHere && !lockTaskListForWriter(lock)) {
+            return;  // a writer whose retirement is under way: that stop does the rest
+        }
+        mFileTaskList.erase(std::remove_if(mFileTaskList.begin(), mFileTaskList.end(),
+                                           [](const auto& task) { return (task->transferId & 1u) == 0; }),
+                            mFileTaskList.end());
     }
 
     std::unique_ptr<IFileTransferLooper> retired;
+    std::shared_ptr<std::atomic<bool>> retiredFlag;
     {
         std::lock_guard<std::mutex> lock(mWriterLooperMutex);
         retired = std::move(mWriterLooper);
+        retiredFlag = std::exchange(mWriterRetired, std::make_shared<std::atomic<bool>>(false));
+        retiredFlag->store(true);
     }
     retired.reset();
+    if (tWriterRetired == retiredFlag.get()) {
+        tWriterRetired = nullptr;  // this very thread: it was let go, nobody joins it
+    }
     std::unique_ptr<IFileTransferLooper> fresh = mLooperFactory->CreateLooper(kWriterLooperName);
     {
         std::lock_guard<std::mutex> lock(mWriterLooperMutex);
@@ -1488,12 +1562,13 @@ void OrinFileTransferManager::stopWriteFileThread()
     }
     fresh.reset();  // a concurrent stop installed its own first
 
-    if (callerHoldsTaskMutex) {
-        mTaskMutex.lock();
-    } else {
-        taskLock.lock();
+    {
+        std::unique_lock<std::mutex> lock(mTaskMutex, std::defer_lock);
+        if (taskListLock == TaskListLock::kTakenHere && !lockTaskListForWriter(lock)) {
+            return;  // retired meanwhile by a stop that wakes the request itself
+        }
+        mDownloadComplete = true;
     }
-    mDownloadComplete = true;
     mDownloadCondition.notify_one();
 }
 

@@ -11,9 +11,11 @@
 //   ProcessFileUploadData, ProcessFileDownloadStart's append and the normal
 //   ProcessFileDownloadData path. RequestFile (download mode) holds it for
 //   its whole run and waits on mDownloadCondition with it.
-// - ClearTask, getFileTaskList and stopWriteFileThread touch the task list
-//   without the mutex: do not run them while a looper or worker may be
-//   inside deleteTask.
+// - ClearTask, getFileTaskList and stopWriteFileThread take no lock of their
+//   own and touch the task list without it: call stopWriteFileThread with
+//   mTaskMutex held (as RequestFile does), and do not run ClearTask or
+//   getFileTaskList while a looper or worker may be inside deleteTask.
+//   Every other path of the engine that stops the writer holds mTaskMutex.
 // - mUploadMutex / mUploadCondition guard the acknowledgement wait;
 //   delayUpload sleeps while holding mUploadMutex, so NotifyUpload blocks
 //   for the length of a bandwidth delay.
@@ -155,12 +157,20 @@ private:
     void tickProgress(uint32_t taskId, uint32_t transferId);
     void postToWriter(std::function<void()> job);
 
+    void deleteTaskLocked(uint32_t transferId);
+    bool lockTaskListForWriter(std::unique_lock<std::mutex>& lock);
+    enum class TaskListLock { kHeldByCaller, kTakenHere };
+    void stopWriter(TaskListLock taskListLock);
+    void stopWriterUnderTaskLock();
+
     // Guards the writer looper pointer, which a failing write replaces from
-    // the writer's own thread while the host thread posts chunks.
+    // the writer's own thread while the host thread posts chunks, and the
+    // retired flag of the writer in service.
     std::mutex mWriterLooperMutex;
-    // The thread that holds mTaskMutex inside RequestFile, so that
-    // stopWriteFileThread called from there does not lock it again.
-    std::atomic<std::thread::id> mTaskMutexHolder{};
+    // Set when the writer in service is retired. Its jobs stop waiting for
+    // the task-list mutex then: the stop may hold that mutex while it tears
+    // down the very thread they run on.
+    std::shared_ptr<std::atomic<bool>> mWriterRetired = std::make_shared<std::atomic<bool>>(false);
 
     // Bookkeeping that lets the destructor outwait a detached upload worker
     // and lets a quit cut a bandwidth delay short.

@@ -84,7 +84,8 @@ TEST_F(DownloadStartTest, FileWithoutDestDirLandsInTheCache)
     ASSERT_TRUE(tasks[0].stream);
     EXPECT_TRUE(tasks[0].stream->is_open());
 
-    EXPECT_EQ(f.listener.Names(), (std::vector<std::string>{"onTransferRecord", "onFileTransferStarted"}));
+    // No download record names the file: no record report, the start alone.
+    EXPECT_EQ(f.listener.Names(), (std::vector<std::string>{"onFileTransferStarted"}));
     const ListenerEvent started = f.listener.EventsNamed("onFileTransferStarted").front();
     EXPECT_EQ(started.taskId, 7u);
     EXPECT_EQ(started.transferId, 2u);
@@ -198,7 +199,7 @@ TEST_F(DownloadStartTest, WindowsSourcePathUsesBackslashes)
     EXPECT_EQ(ValuesOf(records, "Records.1.FileName"), std::vector<std::string>{"a.txt"});
 }
 
-TEST_F(DownloadStartTest, NoMatchingRecordLeavesTheRecordsEmpty)
+TEST_F(DownloadStartTest, NoMatchingRecordFillsNoRecordsAndReportsOnlyTheStart)
 {
     m.PushDownloadFile(RemoteFile("", "other.txt", 1));
 
@@ -206,11 +207,44 @@ TEST_F(DownloadStartTest, NoMatchingRecordLeavesTheRecordsEmpty)
 
     EXPECT_TRUE(records.empty());
     EXPECT_EQ(logger->WithMessagePrefix("sourcePath = ").size(), 0u);
+    EXPECT_EQ(logger->CountMessage("Recording download file name = other.txt, reuqest file name = a.txt", 1), 1u);
+    EXPECT_EQ(f.listener.Names(), (std::vector<std::string>{"onFileTransferStarted"}));
+    EXPECT_EQ(TaskSnapshot(m).size(), 1u);
+}
+
+TEST_F(DownloadStartTest, DirectoryWithNoMatchingRecordReportsOnlyItsCompletion)
+{
+    m.PushDownloadFile(RemoteFile("", "other", 0));
+
+    Start(7, 2, 0, 0, "photos", true, dest, 0, "lonely");
+
+    EXPECT_TRUE(IsDirectory(dest + "/photos"));
+    EXPECT_TRUE(records.empty());
+    EXPECT_EQ(f.listener.Names(), (std::vector<std::string>{"onFileTransferCompleted"}));
+}
+
+TEST_F(DownloadStartTest, DirectoryWithAMatchingRecordReportsTheRecordThenItsCompletion)
+{
+    m.PushDownloadFile(RemoteFile("", "photos", 0, "/remote"));
+
+    Start(7, 2, 0, 0, "photos", true, dest, 0, "dir-tag");
+
+    EXPECT_EQ(ValuesOf(records, "Records.1.SourcePath"), std::vector<std::string>{"/remote/photos"});
+    EXPECT_EQ(f.listener.Names(), (std::vector<std::string>{"onTransferRecord", "onFileTransferCompleted"}));
     const auto reported = f.listener.EventsNamed("onTransferRecord");
     ASSERT_EQ(reported.size(), 1u);
-    EXPECT_EQ(reported[0].text, "lonely");
-    EXPECT_TRUE(reported[0].records.empty());
-    EXPECT_EQ(f.listener.Count("onFileTransferStarted"), 1u);
+    EXPECT_EQ(reported[0].text, "dir-tag");
+    EXPECT_EQ(reported[0].records, records);
+}
+
+TEST_F(DownloadStartTest, RegistrationOnlyStartWithNoRecordReportsOnlyTheStart)
+{
+    m.mRegisterOnlyRequest = true;
+
+    Start(1, 2, 1, 1, "a.txt");
+
+    EXPECT_TRUE(records.empty());
+    EXPECT_EQ(f.listener.Names(), (std::vector<std::string>{"onFileTransferStarted"}));
 }
 
 TEST_F(DownloadStartTest, StartResetsTheCountdownAndThePercentage)
@@ -294,7 +328,7 @@ TEST_F(DownloadStartTest, DirectoryChainThatCannotBeMadeReportsAFailure)
 
     EXPECT_EQ(logger->CountMessage("create dir failed, " + blocked, 3), 1u);
     ExpectReportedFailure(7, 2);
-    EXPECT_EQ(f.listener.Names().front(), "onTransferRecord");
+    EXPECT_EQ(f.listener.Count("onTransferRecord"), 0u);
     EXPECT_EQ(TransferIdsOf(TaskSnapshot(m)), std::vector<uint32_t>{5});
     EXPECT_EQ(m.mCurrentDownloadTransferId, 4u);
 }
@@ -307,7 +341,7 @@ TEST_F(DownloadStartTest, DirectoryEntryIsMadeAndCompletedAtOnce)
 
     EXPECT_TRUE(IsDirectory(dest + "/photos/2024"));
     EXPECT_EQ(logger->CountMessage("Successfully created the directory " + dest + "/photos/2024", 2), 1u);
-    EXPECT_EQ(f.listener.Names(), (std::vector<std::string>{"onTransferRecord", "onFileTransferCompleted"}));
+    EXPECT_EQ(f.listener.Names(), (std::vector<std::string>{"onFileTransferCompleted"}));
     const ListenerEvent completed = f.listener.EventsNamed("onFileTransferCompleted").front();
     EXPECT_EQ(completed.taskId, 7u);
     EXPECT_EQ(completed.transferId, 2u);

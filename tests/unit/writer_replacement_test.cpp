@@ -125,5 +125,77 @@ TEST(WriterReplacement, ChunkArrivingWhileAFailedWriterIsReplacedIsNotWrittenOrR
     manager.reset();
 }
 
+
+// The stop takes no lock of its own: a host that holds the task-list mutex,
+// as RequestFile does, stops the writer without deadlock, and the parked
+// request returns once the mutex is let go.
+TEST(WriterReplacement, StopCalledWithTheTaskListMutexHeldReleasesAParkedRequest)
+{
+    TempDir dir;
+    ManagerFixture fixture;
+    OrinFileTransferManager& manager = *fixture.manager;
+    manager.SetCacheDir(dir.Join("cache"));
+    const FileDescription file = RemoteFile("", "a.bin", 10);
+    manager.RequestFileDesc();
+    manager.PushDownloadFile(file);
+    manager.PushDownloadFile(RemoteFile("", "b.bin", 3));
+
+    RequestRunner request(manager, file);
+    ASSERT_TRUE(WaitForMarkerTask(manager, "a.bin"));
+    {
+        // Taken only while the request waits: it holds the mutex otherwise.
+        std::lock_guard<std::mutex> lock(manager.mTaskMutex);
+        auto upload = std::make_shared<FileTransferTask>();
+        upload->transferId = 5;
+        manager.mFileTaskList.push_back(upload);
+
+        manager.stopWriteFileThread();
+
+        ASSERT_EQ(manager.mFileTaskList.size(), 1u);
+        EXPECT_EQ(manager.mFileTaskList[0]->transferId, 5u);
+        EXPECT_TRUE(manager.mDownloadComplete.load());
+        EXPECT_EQ(fixture.journal->Count("destroy:xfer-downloader"), 1u);
+        EXPECT_EQ(fixture.journal->Count("create:xfer-downloader"), 2u);
+        EXPECT_FALSE(request.Returned());
+    }
+    EXPECT_TRUE(request.Finish(10s));
+
+    // The fresh writer takes the next file.
+    StartFile(manager, 1, 2, "b.bin", 3, dir.Join("dest"));
+    SendChunks(manager, 1, 2, PatternBytes(3), {3});
+    ASSERT_TRUE(fixture.listener.WaitForCount("onFileTransferCompleted", 1));
+    EXPECT_EQ(ReadBytes(dir.Join("dest/b.bin")), PatternBytes(3));
+}
+
+// A writer job that needs the task-list mutex (here a listener callback that
+// deletes a task) does not hold up a stop made with that mutex held.
+TEST(WriterReplacement, StopWithTheMutexHeldDoesNotWaitForAWriterJobThatNeedsIt)
+{
+    TempDir dir;
+    ManagerFixture fixture;
+    OrinFileTransferManager& manager = *fixture.manager;
+    std::atomic<bool> inHook{false};
+    std::atomic<bool> stopping{false};
+    std::atomic<bool> hookDone{false};
+    fixture.listener.onFileTransferCompletedHook = [&](uint32_t, uint32_t) {
+        inHook = true;
+        waitUntil([&] { return stopping.load(); }, 10s);
+        manager.deleteTask(12345);
+        hookDone = true;
+    };
+
+    StartFile(manager, 1, 2, "a.bin", 4, dir.Join("dest"));
+    SendChunks(manager, 1, 2, PatternBytes(4), {4});
+    ASSERT_TRUE(waitUntil([&] { return inHook.load(); }));
+    {
+        std::lock_guard<std::mutex> lock(manager.mTaskMutex);
+        stopping = true;
+        manager.stopWriteFileThread();
+        EXPECT_TRUE(hookDone.load());
+    }
+    EXPECT_EQ(fixture.journal->Count("create:xfer-downloader"), 2u);
+    EXPECT_EQ(ReadBytes(dir.Join("dest/a.bin")), PatternBytes(4));
+}
+
 }  // namespace
 }  // namespace orin::xfer::test
