@@ -13,7 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "ExitCode.h"
+
 namespace xferfm::tooltest {
+
+// Tests compare exit codes by name: EXPECT_EQ(result.exitCode, toInt(ExitCode::kUsage)).
+using cli::ExitCode;
+using cli::toInt;
 
 // Path of the binary under test, from the build.
 const char* toolPath();

@@ -4,15 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <mutex>
 #include <thread>
 
+#include "DestinationDir.h"
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
 #include "ToolError.h"
@@ -27,28 +25,6 @@ namespace {
 
 namespace host = orin::xfer::host;
 using Clock = std::chrono::steady_clock;
-
-// DEST_DIR as an absolute path; throws when it is missing or not a directory.
-std::string checkedDestination(const std::string& destinationDir)
-{
-    struct stat status {};
-    if (::stat(destinationDir.c_str(), &status) != 0) {
-        const int error = errno;
-        throw ToolError(ExitCode::kDestinationUnusable,
-                        "cannot copy into '" + destinationDir + "': " + systemErrorText(error));
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        throw ToolError(ExitCode::kDestinationUnusable,
-                        "cannot copy into '" + destinationDir + "': " + systemErrorText(ENOTDIR));
-    }
-    char resolved[PATH_MAX];
-    if (::realpath(destinationDir.c_str(), resolved) == nullptr) {
-        const int error = errno;
-        throw ToolError(ExitCode::kDestinationUnusable,
-                        "cannot copy into '" + destinationDir + "': " + systemErrorText(error));
-    }
-    return resolved;
-}
 
 struct Failure {
     std::string path;
@@ -176,7 +152,11 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     StderrConsole& console = context.console;
     EngineLogFilter& engineLog = context.engineLog;
     CopyOutcome outcome;
-    outcome.destinationDir = checkedDestination(options.destinationDir);
+    // Only that it is a directory: whether it takes new entries is the
+    // receiver's first question, asked after the sources are walked so that
+    // a bad source is reported first.
+    outcome.destinationDir =
+        usableDestinationDir(options.destinationDir, DestinationNeed::kDirectory, "cannot copy into");
 
     ProgressTracker tracker;
     ProgressRenderer renderer(tracker, console, chooseProgressStyle(options.showProgress, console));

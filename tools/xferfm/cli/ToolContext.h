@@ -1,4 +1,5 @@
-// The process-wide services a command runs with, made once in main.
+// The process-wide services a command runs with, made once per run by
+// runCommand (CommandRunner.h) and lent to the command for its duration.
 #pragma once
 
 #include "EngineLogFilter.h"

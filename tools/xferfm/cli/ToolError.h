@@ -1,12 +1,13 @@
 // The one exception the tool throws for a failure the user must hear about:
 // a message that names the path at fault and the exit code it maps to.
-// Thrown on any thread; caught once in main (or handed over by the worker
-// that hit it).
+// Thrown on any thread; caught once, by the run scaffold in CommandRunner
+// (or handed over to it by the worker that hit it).
 #pragma once
 
 #include <stdexcept>
 #include <string>
 
+#include "ErrnoText.h"  // systemErrorText, for the messages thrown with it
 #include "ExitCode.h"
 
 namespace xferfm::cli {
@@ -19,8 +20,5 @@ public:
 private:
     ExitCode mCode;
 };
-
-// "strerror(errnoValue)" without the thread-safety worries of strerror.
-std::string systemErrorText(int errnoValue);
 
 }  // namespace xferfm::cli

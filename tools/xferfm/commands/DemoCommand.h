@@ -5,7 +5,7 @@
 // Threading: runs on the calling thread (the copy starts its own threads).
 #pragma once
 
-#include "CommandLine.h"
+#include "CommandOptions.h"
 #include "ToolContext.h"
 
 namespace xferfm::cli {

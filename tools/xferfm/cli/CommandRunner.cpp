@@ -1,31 +1,29 @@
-#include "NetworkCommands.h"
+// Engine lines share stderr with the progress bar, so the logger installed
+// here writes them through the console, which keeps them above the bar.
+// The logger is a process-wide engine setting: it is installed before the
+// command starts any engine and detached after every engine has stopped
+// (the command's endpoints are gone when its body returns or throws).
+#include "CommandRunner.h"
 
+#include <exception>
 #include <memory>
+#include <string>
 
 #include "EngineLogFilter.h"
+#include "ExitCode.h"
 #include "IFileTransferLogger.h"
-#include "NetworkCommandLine.h"
-#include "SendCommand.h"
-#include "ServeCommand.h"
 #include "SignalWatcher.h"
 #include "StderrConsole.h"
-#include "ToolContext.h"
 #include "ToolError.h"
 #include "xferfm/host/CallbackLoggerSink.h"
 
 namespace xferfm::cli {
 
-int runNetworkCommand(int argc, char** argv)
+int runCommand(int engineLogLevel, const CommandBody& command)
 {
-    const ParsedNetworkCommand parsed = parseNetworkCommandLine(argc, argv);
-    if (parsed.command == NetworkCommand::kExit) {
-        return parsed.exitCode;
-    }
-    const int logLevel = parsed.command == NetworkCommand::kServe ? parsed.serve.logLevel : parsed.send.logLevel;
-
     SignalWatcher signals;  // before any other thread: they inherit the blocked signals
     StderrConsole console;
-    EngineLogFilter engineLog(logLevel);
+    EngineLogFilter engineLog(engineLogLevel);
     ToolContext context{signals, console, engineLog};
     orin::xfer::IFileTransferLogger::SetLogger(std::make_shared<orin::xfer::host::CallbackLoggerSink>(
         [&console, &engineLog](int level, const std::string& line) {
@@ -36,8 +34,7 @@ int runNetworkCommand(int argc, char** argv)
 
     int exitCode = toInt(ExitCode::kOk);
     try {
-        exitCode = parsed.command == NetworkCommand::kServe ? runServe(parsed.serve, context)
-                                                            : runSend(parsed.send, context);
+        exitCode = command(context);
     } catch (const ToolError& error) {
         console.writeLine(std::string("xferfm: ") + error.what());
         exitCode = toInt(error.code());

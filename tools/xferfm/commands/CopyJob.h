@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "CommandLine.h"
+#include "CommandOptions.h"
 #include "SourcePlan.h"
 #include "StderrConsole.h"
 #include "ToolContext.h"

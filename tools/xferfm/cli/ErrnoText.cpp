@@ -1,4 +1,4 @@
-#include "ToolError.h"
+#include "ErrnoText.h"
 
 #include <cstring>
 
