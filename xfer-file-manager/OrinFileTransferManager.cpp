@@ -1521,9 +1521,12 @@ void OrinFileTransferManager::stopWriterUnderTaskLock()
     stopWriter(TaskListLock::kTakenHere);
 }
 
-// The download tasks go first, so that a chunk the host delivers while the
-// writer is being replaced finds no task instead of reaching the fresh
-// writer with a broken stream.
+// The public stop drops the download tasks after the old writer is gone, so
+// that none of its jobs is inside the task list meanwhile (ClearTask calls it
+// with no lock held). The engine's own stops drop them first, under the
+// mutex, so that a chunk the host delivers while the writer is being
+// replaced finds no task instead of reaching the fresh writer with a broken
+// stream.
 //
 // Also runs on the writer looper's own thread after a write failure: that
 // looper then ends on its own thread after this job, and nobody waits for
@@ -1531,14 +1534,17 @@ void OrinFileTransferManager::stopWriterUnderTaskLock()
 void OrinFileTransferManager::stopWriter(TaskListLock taskListLock)
 {
     const StopInFlight inFlight(mWorkerMutex, mWorkerCondition, mWriterStopsInFlight);
-    {
-        std::unique_lock<std::mutex> lock(mTaskMutex, std::defer_lock);
-        if (taskListLock == TaskListLock::kTakenHere && !lockTaskListForWriter(lock)) {
-            return;  // a writer whose retirement is under way: that stop does the rest
-        }
+    const auto dropDownloadTasks = [this] {
         mFileTaskList.erase(std::remove_if(mFileTaskList.begin(), mFileTaskList.end(),
                                            [](const auto& task) { return (task->transferId & 1u) == 0; }),
                             mFileTaskList.end());
+    };
+    if (taskListLock == TaskListLock::kTakenHere) {
+        std::unique_lock<std::mutex> lock(mTaskMutex, std::defer_lock);
+        if (!lockTaskListForWriter(lock)) {
+            return;  // a writer whose retirement is under way: that stop does the rest
+        }
+        dropDownloadTasks();
     }
 
     std::unique_ptr<IFileTransferLooper> retired;
@@ -1564,8 +1570,12 @@ void OrinFileTransferManager::stopWriter(TaskListLock taskListLock)
 
     {
         std::unique_lock<std::mutex> lock(mTaskMutex, std::defer_lock);
-        if (taskListLock == TaskListLock::kTakenHere && !lockTaskListForWriter(lock)) {
-            return;  // retired meanwhile by a stop that wakes the request itself
+        if (taskListLock == TaskListLock::kTakenHere) {
+            if (!lockTaskListForWriter(lock)) {
+                return;  // retired meanwhile by a stop that wakes the request itself
+            }
+        } else {
+            dropDownloadTasks();
         }
         mDownloadComplete = true;
     }
