@@ -1,8 +1,9 @@
 // The receiving endpoint's inside, shared by its three source files:
 // ReceiverEndpoint.cpp (lifecycle and shared state), ReceiverMessages.cpp
 // (what arrives from the sender and from the engine) and ReceiverSession.cpp
-// (the session thread that walks the list). The threading contract and the
-// engine contracts are in xferfm/host/ReceiverEndpoint.h.
+// (the session thread that walks the list). The user's contract is in
+// xferfm/host/ReceiverEndpoint.h, the engine contracts at the top of
+// ReceiverEndpoint.cpp.
 #pragma once
 
 #include <sys/types.h>
