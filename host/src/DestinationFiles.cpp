@@ -6,9 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <vector>
+
+#include "SystemErrorText.h"
 
 namespace orin::xfer::host::detail {
 
@@ -26,7 +27,7 @@ bool MakePrivateDirectory(const std::string& parent, const std::string& prefix, 
     std::vector<char> buffer(pattern.begin(), pattern.end());
     buffer.push_back('\0');
     if (mkdtemp(buffer.data()) == nullptr) {
-        error = parent + ": cannot create a cache directory: " + std::strerror(errno);
+        error = parent + ": cannot create a cache directory: " + SystemErrorText(errno);
         return false;
     }
     path = buffer.data();

@@ -1,36 +1,65 @@
+// The receiving endpoint's lifecycle (construction, Start, Cancel, the
+// public calls), its failures and the state its threads share.
+//
+// ENGINE CONTRACTS honoured here and by the endpoint's other files. The
+// threads: the transport's delivery thread (or with an in-process link
+// that delivers data inline, the sender's hand-off thread) brings the
+// list, announcements and data; the session thread walks the list, moves
+// files and makes every RequestFile but the first; the request thread
+// (RequestGate) makes the first file's RequestFile, the only call that
+// blocks; the engine's loopers report write progress and completion.
+// - Serialisation: engine operations are never called with the endpoint's
+//   lock held, and never from the engine's own listener callbacks. The
+//   calls of the delivery thread and of the session thread are serialised
+//   by an input lock, because the engine's lists and flags behind them are
+//   unguarded.
+// - Failures: the engine reports a local failure as onClipboardRelease,
+//   onFileTransferFailed(taskId, transferId, 1), onReportEvent. A write
+//   failure replaces the writer and drops every download task, which also
+//   releases a blocked RequestFile: the session then fails cleanly. A
+//   write error the stream only sees when closing is caught by checking
+//   the cached file's size before the move. Remote errors arrive as
+//   TransferError, a lost link as OnTransportClosed
+//   (ProcessTansferDisconnect); a silent sender fails the session after
+//   `stallTimeout`.
+// - Teardown: the engine's Cancel()/ClearTask touch the task list without
+//   its lock, so before calling Cancel the endpoint stops feeding the
+//   engine, waits until the engine's loopers hold no job (its looper
+//   factory counts them) and until a RequestFile that a completion or a
+//   writer failure has woken has returned; Cancel then releases a
+//   RequestFile still waiting. The listener outlives the engine, which is
+//   never destroyed from its own callbacks or loopers.
 #include "ReceiverEndpointImpl.h"
 
-#include <limits.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <cstring>
+#include <cassert>
 
-#include "DestinationFiles.h"
-#include "xferfm/host/ThreadLooper.h"
+#include "HostLog.h"
 #include "xferfm/host/ThreadLooperFactory.h"
 
 namespace orin::xfer::host {
 
-using namespace receiver;
-
-namespace {
-
-std::string errorText(int error)
-{
-    return std::strerror(error);
-}
-
-}  // namespace
+using detail::ReceiverState;
 
 ReceiverEndpoint::Impl::Impl(std::unique_ptr<ITransport> transport, ReceiverOptions options)
-    : mOptions(std::move(options)), mTransport(std::move(transport))
+    : mOptions(std::move(options)),
+      mTransport(std::move(transport)),
+      mObserver(mOptions.observer),
+      mLanding([this](const std::string& parent, const std::string& name, bool isDirectory) {
+          std::vector<FileDescription> one(1);
+          one[0].destDir = parent;
+          one[0].fileName = name;
+          one[0].attribute = isDirectory ? kAttributeDirectory : kAttributeNormal;
+          mManager->RenameDuplicatedFilePath(one);
+          return one[0].destFileName;
+      })
 {
     mEngineJobs = std::make_shared<JobCounter>();
     mManager = IFileTransferManager::NewInstance(
         this, std::make_unique<JobCountingLooperFactory>(std::make_unique<ThreadLooperFactory>(), mEngineJobs),
         false, nullptr);
-    mRequestLooper = std::make_unique<ThreadLooper>(kRequestLooperName);
+    mGate = std::make_unique<detail::RequestGate>(*mManager, [this] { wakeSession(); });
     mTransport->Start(*this);
 }
 
@@ -41,144 +70,167 @@ ReceiverEndpoint::Impl::~Impl()
         mSession.join();
     }
     mTransport->Close();
-    bool requestInFlight = false;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        requestInFlight = mRequestsPosted != mRequestsReturned;
-    }
-    if (requestInFlight) {
-        mManager->Cancel();  // last resort; the session normally released it
-    }
-    mRequestLooper.reset();
+    mGate->Shutdown();  // releases and joins a request still in the engine
     mManager.reset();  // the listener (this) outlives the engine
-    detail::RemoveTree(mCacheDir);
+    mLanding.RemoveCache();
 }
 
 bool ReceiverEndpoint::Impl::Start(std::string& error)
 {
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (mStarted || mFinished) {
-            error = mStarted ? "the receiver was started already" : "the receiver was cancelled";
+        if (!mState.Is(ReceiverState::Created)) {
+            const bool cancelledUnstarted =
+                mState.Is(ReceiverState::Finished) && mState.Previous() == ReceiverState::Created;
+            error = cancelledUnstarted ? "the receiver was cancelled" : "the receiver was started already";
             return false;
         }
-        mStarted = true;
+        mState.SetState(ReceiverState::Preparing, "Start");
     }
-    if (!prepareDestination(error)) {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mFinished = true;
-        mSummary.error = error;
-        return false;
-    }
+    const bool prepared = mLanding.Prepare(
+        mOptions.destinationDir,
+        [this](const std::string& cache) {
+            mManager->SetCacheDir(cache);  // wipes it: the engine re-creates it on demand
+            mkdir(cache.c_str(), 0700);
+        },
+        error);
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        mSessionStarted = true;
-        mLastActivity = Clock::now();
+        if (!prepared) {
+            mState.Summary().error = error;
+            mState.SetState(ReceiverState::Finished, "the destination cannot be used");
+        } else {
+            // A cancel or a failure meanwhile is the session's to conclude.
+            mState.SetState(ReceiverState::AwaitingList, "the session starts");
+            mLastActivity = Clock::now();
+        }
+    }
+    if (!prepared) {
+        mChanged.notify_all();
+        checkInvariants();
+        return false;
     }
     mSession = std::thread([this] { runSession(); });
-    std::lock_guard<std::mutex> input(mEngineInputMutex);
-    mManager->RequestFileDesc();  // onRequestFileDesc sends the request
-    return true;
-}
-
-bool ReceiverEndpoint::Impl::prepareDestination(std::string& error)
-{
-    char resolved[PATH_MAX];
-    struct stat status {};
-    if (realpath(mOptions.destinationDir.c_str(), resolved) == nullptr ||
-        stat(resolved, &status) != 0) {
-        error = mOptions.destinationDir + ": " + errorText(errno);
-        return false;
+    {
+        std::lock_guard<std::mutex> input(mEngineInputMutex);
+        mManager->RequestFileDesc();  // onRequestFileDesc sends the request
     }
-    if (!S_ISDIR(status.st_mode)) {
-        error = mOptions.destinationDir + ": not a directory";
-        return false;
-    }
-    mDestination = resolved;
-    std::string cache;
-    if (!detail::MakePrivateDirectory(mDestination, kCachePrefix, cache, error)) {
-        return false;
-    }
-    mManager->SetCacheDir(cache);  // wipes it: the engine re-creates it on demand
-    mkdir(cache.c_str(), 0700);
-    std::lock_guard<std::mutex> lock(mMutex);
-    mCacheDir = cache;
+    checkInvariants();
     return true;
 }
 
 bool ReceiverEndpoint::Impl::WaitFinished(std::chrono::milliseconds timeout)
 {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mChanged.wait_for(lock, timeout, [this] { return mFinished; });
+    bool finished = false;
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        finished = mChanged.wait_for(lock, timeout, [this] { return mState.Is(ReceiverState::Finished); });
+    }
+    checkInvariants();
+    return finished;
 }
 
 bool ReceiverEndpoint::Impl::Finished() const
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mFinished;
+    bool finished = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        finished = mState.Is(ReceiverState::Finished);
+    }
+    checkInvariants();
+    return finished;
 }
 
 void ReceiverEndpoint::Impl::Cancel()
 {
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (mFinished || mCancelRequested) {
+        if (!mState.RequestCancel()) {
             return;
         }
-        mCancelRequested = true;
-        if (!mSessionStarted) {
-            mFinished = true;  // nothing runs: the session never began
-            mSummary.cancelled = true;
-            mSummary.error = "cancelled";
+        if (mState.Is(ReceiverState::Created)) {
+            // Nothing runs: the session never began.
+            mState.Summary().cancelled = true;
+            mState.Summary().error = "cancelled";
+            mState.SetState(ReceiverState::Finished, "cancelled before Start");
         }
     }
     mChanged.notify_all();
     wakeSession();
+    checkInvariants();
 }
 
 TransferSummary ReceiverEndpoint::Impl::Summary() const
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mSummary;
+    TransferSummary summary;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        summary = mState.Summary();
+    }
+    checkInvariants();
+    return summary;
 }
 
 std::string ReceiverEndpoint::Impl::CacheDirectory() const
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mCacheDir;
+    checkInvariants();
+    return mLanding.CacheDirectory();
 }
 
-bool ReceiverEndpoint::Impl::requestReturned()
+void ReceiverEndpoint::Impl::checkInvariants() const
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mRequestsPosted == mRequestsReturned;
+#ifndef NDEBUG
+    std::string why;
+    bool hold = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        hold = mState.InvariantsHold(why);
+    }
+    if (!hold) {
+        HOST_LOG_E << "receiver: broken session invariant: " << why;
+    }
+    assert(hold);
+#endif
 }
 
 void ReceiverEndpoint::Impl::fail(const std::string& path, const std::string& message, bool fromPeer)
 {
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (mFailed || mFinished) {
+        if (!mState.RecordFailure(detail::ReceiverFailure{path, message, fromPeer})) {
             return;
         }
-        mFailed = true;
-        mFailureFromPeer = fromPeer;
-        mFailurePath = path;
-        mFailureMessage = message;
-        if (!mSessionStarted) {
+        if (mState.Is(ReceiverState::Created)) {
             // No session to conclude (never started): end here.
-            mFinished = true;
-            mSummary.error = message;
+            mState.Summary().error = message;
+            mState.SetState(ReceiverState::Finished, "failed before Start");
         }
     }
     mChanged.notify_all();
     wakeSession();
 }
 
-bool ReceiverEndpoint::Impl::failed()
+void ReceiverEndpoint::Impl::recordStallLocked()
+{
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(mOptions.stallTimeout);
+    const std::string path = destinationGuessLocked();
+    mState.RecordFailure(detail::ReceiverFailure{
+        path,
+        "no data from the sender for " + std::to_string(seconds.count()) + " s while copying " +
+            (path.empty() ? std::string("the list") : path),
+        false});
+}
+
+bool ReceiverEndpoint::Impl::failed() const
 {
     std::lock_guard<std::mutex> lock(mMutex);
-    return mFailed;
+    return mState.Failure().has_value();
+}
+
+bool ReceiverEndpoint::Impl::stopping() const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mState.Stopping();
 }
 
 void ReceiverEndpoint::Impl::touch()
@@ -187,113 +239,37 @@ void ReceiverEndpoint::Impl::touch()
     mLastActivity = Clock::now();
 }
 
-std::string ReceiverEndpoint::Impl::currentDestination()
+void ReceiverEndpoint::Impl::wakeSession()
+{
+    { std::lock_guard<std::mutex> lock(mMutex); }
+    mSessionWake.notify_all();
+}
+
+std::string ReceiverEndpoint::Impl::currentDestination() const
 {
     std::lock_guard<std::mutex> lock(mMutex);
     return destinationGuessLocked();
 }
 
-Slot* ReceiverEndpoint::Impl::slotByReceiverId(uint32_t receiverId)
-{
-    for (Slot& slot : mSlots) {
-        if (slot.announced && slot.receiverId == receiverId) {
-            return &slot;
-        }
-    }
-    return nullptr;
-}
-
-Slot* ReceiverEndpoint::Impl::slotBySenderId(uint32_t senderId)
-{
-    for (Slot& slot : mSlots) {
-        if (slot.announced && slot.senderId == senderId) {
-            return &slot;
-        }
-    }
-    return nullptr;
-}
-
-// The session settles completed entries in batches: one wake-up per batch
-// rather than per file. It is woken early when nothing else is in flight.
-bool ReceiverEndpoint::Impl::settleDueLocked() const
-{
-    size_t completed = 0;
-    for (const Slot& slot : mSlots) {
-        if (!slot.completed) {
-            break;
-        }
-        ++completed;
-    }
-    return completed > 0 && (completed >= kSettleBatch || completed == mSlots.size());
-}
-
-std::vector<Accept> ReceiverEndpoint::Impl::takeDueAcceptsLocked()
-{
-    std::vector<Accept> due;
-    if (mAcceptsDue == 0) {
-        return due;
-    }
-    uint64_t owed = 0;
-    for (const Slot& slot : mSlots) {
-        if (slot.accepted && !slot.completed) {
-            owed += slot.fileSize - std::min(slot.fileSize, slot.bytesWritten);
-        }
-    }
-    for (Slot& slot : mSlots) {
-        if (!slot.acceptDue) {
-            continue;
-        }
-        if (owed > 0 && owed + slot.fileSize > kAcceptBacklogBytes) {
-            break;  // in list order: the sender streams them in that order
-        }
-        slot.acceptDue = false;
-        slot.accepted = true;
-        --mAcceptsDue;
-        owed += slot.fileSize;
-        due.push_back(Accept{slot.senderId, slot.window});
-    }
-    return due;
-}
-
-void ReceiverEndpoint::Impl::sendAccepts(const std::vector<Accept>& accepts)
-{
-    for (const Accept& accept : accepts) {
-        mTransport->Send(FileAccept{accept.senderId});
-        if (accept.window == 0) {
-            mTransport->Send(DataAck{accept.senderId, 0});  // the worker waits before its first chunk
-        }
-    }
-}
-
 std::string ReceiverEndpoint::Impl::destinationGuessLocked() const
 {
-    if (mSlots.empty()) {
-        return {};
-    }
-    const std::string& name = mSlots.front().name;
-    const size_t slash = name.find('/');
-    if (slash == std::string::npos) {
-        return mDestination + "/" + name;
-    }
-    auto top = mFinalDirectories.find(name.substr(0, slash));
-    const std::string root = top != mFinalDirectories.end() ? top->second : mDestination + "/" + name.substr(0, slash);
-    return root + name.substr(slash);
+    return mSlots.Empty() ? std::string() : mLanding.DestinationOf(mSlots.Front().name);
 }
 
-ReceiverEndpoint::Impl::Progress ReceiverEndpoint::Impl::progressLocked(const Slot& slot) const
+ReceiverEndpoint::Impl::Progress ReceiverEndpoint::Impl::progressLocked(const detail::ReceiverSlot& slot) const
 {
     Progress progress;
     progress.name = slot.name;
     progress.fileBytes = slot.bytesWritten;
     progress.fileSize = slot.fileSize;
-    progress.totalBytes = mBytesWritten;
-    progress.total = mList.totalFileBytes;
+    progress.totalBytes = mSlots.BytesWritten();
+    progress.total = mList ? mList->totalFileBytes : 0;
     return progress;
 }
 
 void ReceiverEndpoint::Impl::reportProgress(const Progress& progress)
 {
-    notifyObserver([&](ReceiverObserver& observer) {
+    mObserver.Notify([&](ReceiverObserver& observer) {
         observer.OnProgress(progress.name, progress.fileBytes, progress.fileSize, progress.totalBytes,
                             progress.total);
     });

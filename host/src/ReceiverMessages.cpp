@@ -1,10 +1,36 @@
+// What the receiving endpoint hears: the sender's messages (delivery
+// thread) and the engine's reports on its downloads (writer looper), fed
+// into the slot table.
+//
+// ENGINE CONTRACTS honoured here
+// - Transfer ids: the sending engine draws odd ids; this engine treats
+//   every even id as a download and every odd one as an upload, so the
+//   receiver uses sender id + 1. Id 0 is never used here (RequestFile's
+//   marker tasks carry transferId 0).
+// - Order and names: the sender's UploadFiles takes the FRONT of its list,
+//   so entries are requested in list order, one request per entry. The
+//   announced name is the request name (filePath + "/" + fileName) and is
+//   passed as fileName to ProcessFileDownloadStart, so it matches the
+//   pending entry pushed with PushDownloadFile and RequestFile's marker.
+// - A 0-byte file completes only when its 0-length data message arrives.
+// - Acknowledgements: the engine's onFileDataAck fires every 50th data
+//   message, which only matches a window of 50; it is ignored. Instead the
+//   endpoint acknowledges every `ackWindow` chunks WRITTEN (counted from
+//   onFileTransferProgress on the writer looper), so the sender's window
+//   bounds the data in memory end to end; a window of 0 is acknowledged
+//   once at accept. The window bounds each file on its own, so across
+//   files the accept is the brake: a file is accepted (FileAccept, which
+//   lets the sender stream it) only while the files accepted before it
+//   still have at most 4 MiB to write, or nothing at all.
 #include "ReceiverEndpointImpl.h"
 
-#include <algorithm>
+#include <map>
 
 namespace orin::xfer::host {
 
-using namespace receiver;
+using detail::AnnouncementCheck;
+using detail::ReceiverAccept;
+using detail::ReceiverSlot;
 
 void ReceiverEndpoint::Impl::OnMessage(Message message)
 {
@@ -21,27 +47,26 @@ void ReceiverEndpoint::Impl::OnTransportClosed(const std::string& reason)
     }
 }
 
-void ReceiverEndpoint::Impl::onFileTransferProgress(uint32_t taskId, uint32_t transferId, uint32_t percent, uint64_t chunkSize)
+void ReceiverEndpoint::Impl::onFileTransferProgress(uint32_t taskId, uint32_t transferId, uint32_t percent,
+                                                    uint64_t chunkSize)
 {
     (void)taskId, (void)percent;
     std::optional<DataAck> ack;
-    std::vector<Accept> accepts;
+    std::vector<ReceiverAccept> accepts;
     Progress progress;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        Slot* slot = slotByReceiverId(transferId);
+        bool ackDue = false;
+        const ReceiverSlot* slot = mSlots.RecordChunkWritten(transferId, chunkSize, ackDue);
         if (slot == nullptr) {
             return;
         }
         mLastActivity = Clock::now();
-        slot->bytesWritten += chunkSize;
-        ++slot->chunksWritten;
-        mBytesWritten += chunkSize;
-        if (slot->window > 0 && slot->chunksWritten % slot->window == 0) {
+        if (ackDue) {
             ack = DataAck{slot->senderId, slot->chunksWritten};
         }
         progress = progressLocked(*slot);
-        accepts = takeDueAcceptsLocked();
+        accepts = mSlots.TakeDueAccepts();
     }
     sendAccepts(accepts);
     // Nothing waits for progress itself (the session's waits time out to
@@ -57,25 +82,21 @@ void ReceiverEndpoint::Impl::onFileTransferCompleted(uint32_t taskId, uint32_t t
     (void)taskId, (void)result;
     Progress progress;
     bool wake = false;
-    std::vector<Accept> accepts;
+    std::vector<ReceiverAccept> accepts;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        Slot* slot = slotByReceiverId(transferId);
-        if (slot == nullptr || !slot->isDirectory) {
-            ++mWriterEvents;  // a file's completion wakes a waiting RequestFile
+        const ReceiverSlot* known = mSlots.ByReceiverId(transferId);
+        if (known == nullptr || !known->isDirectory) {
+            mGate->NoteWriterEvent();  // a file's completion wakes a waiting RequestFile
         }
-        if (slot == nullptr || !slot->announced) {
+        const ReceiverSlot* slot = mSlots.Complete(transferId);
+        if (slot == nullptr) {
             return;
         }
         mLastActivity = Clock::now();
-        slot->completed = true;
-        if (!slot->isDirectory) {
-            mBytesWritten += slot->fileSize - slot->bytesWritten;
-            slot->bytesWritten = slot->fileSize;
-        }
         progress = progressLocked(*slot);
-        wake = settleDueLocked();
-        accepts = takeDueAcceptsLocked();
+        wake = mSlots.SettleDue();
+        accepts = mSlots.TakeDueAccepts();
     }
     sendAccepts(accepts);
     if (wake) {
@@ -94,19 +115,19 @@ void ReceiverEndpoint::Impl::onFileTransferFailed(uint32_t taskId, uint32_t tran
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (transferId != 0) {
-            ++mWriterEvents;  // a download's failure stops the writer, which wakes RequestFile
+            mGate->NoteWriterEvent();  // a download's failure stops the writer, which wakes RequestFile
         }
-        if (mSlots.empty()) {
+        if (mSlots.Empty()) {
             return;  // the link or a teardown: reported by its own path
         }
-        const Slot* slot = transferId != 0 ? slotByReceiverId(transferId) : nullptr;
+        const ReceiverSlot* slot = transferId != 0 ? mSlots.ByReceiverId(transferId) : nullptr;
         if (slot != nullptr) {
-            path = slot->name == mSlots.front().name ? destinationGuessLocked()
-                                                       : mDestination + "/" + slot->name;
+            path = slot->name == mSlots.Front().name ? destinationGuessLocked()
+                                                       : mLanding.Destination() + "/" + slot->name;
             message = slot->isDirectory ? path + ": cannot be created" : path + ": writing failed";
-        } else if (taskId == kNoTransferId && transferId == 0) {
+        } else if (taskId == detail::kNoTransferId && transferId == 0) {
             path = destinationGuessLocked();
-            message = path + ": cannot be prepared in the cache directory " + mCacheDir;
+            message = path + ": cannot be prepared in the cache directory " + mLanding.CacheDirectory();
         } else {
             return;
         }
@@ -118,8 +139,7 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
 {
     ParsedFileList parsed;
     std::string error;
-    const bool accepted = ParseFileList(list.json, parsed, error, mOptions.listLimits);
-    if (!accepted) {
+    if (!ParseFileList(list.json, parsed, error, mOptions.listLimits)) {
         fail("", "rejected the sender's file list: " + error, false);
         return;
     }
@@ -127,47 +147,42 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
     uint64_t bytes = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (mListReady) {
+        if (mList) {
             return;  // one list per session
         }
         mList = std::move(parsed);
-        mListReady = true;
-        entries = mList.entries.size();
-        bytes = mList.totalFileBytes;
-        mSummary.entriesTotal = entries;
-        mSummary.bytesTotal = bytes;
+        entries = mList->entries.size();
+        bytes = mList->totalFileBytes;
+        mState.Summary().entriesTotal = entries;
+        mState.Summary().bytesTotal = bytes;
     }
     wakeSession();
-    notifyObserver([&](ReceiverObserver& observer) { observer.OnListReceived(entries, bytes); });
+    mObserver.Notify([&](ReceiverObserver& observer) { observer.OnListReceived(entries, bytes); });
 }
 
 // Announcements come in list order: each one is for the oldest requested
 // entry not yet announced.
 void ReceiverEndpoint::Impl::handle(FileStart& start)
 {
-    std::string problem;
-    Slot current;
+    AnnouncementCheck check = AnnouncementCheck::Unasked;
+    std::string expectedName;
+    ReceiverSlot current;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        auto expected = std::find_if(mSlots.begin(), mSlots.end(), [](const Slot& slot) { return !slot.announced; });
-        if (expected == mSlots.end()) {
-            problem = "the sender announced \"" + start.name + "\" unasked";
-        } else if (start.name != expected->name || start.isDirectory != expected->isDirectory) {
-            problem = "the sender announced \"" + start.name + "\" where \"" + expected->name + "\" was asked for";
-        } else if ((start.transferId & 1u) == 0 || start.transferId == kNoTransferId ||
-                   slotBySenderId(start.transferId) != nullptr) {
-            problem = "the sender announced \"" + start.name + "\" with an invalid transfer id";
-        } else {
-            expected->announced = true;
-            expected->senderId = start.transferId;
-            expected->receiverId = start.transferId + 1;
-            expected->window = start.ackWindow;
-            expected->fileSize = start.fileSize;  // the file may have changed since it was listed
-            current = *expected;
-        }
+        check = mSlots.Announce(start.name, start.isDirectory, start.transferId, start.ackWindow, start.fileSize,
+                                expectedName, current);
     }
-    if (!problem.empty()) {
-        fail("", problem, false);
+    switch (check) {
+    case AnnouncementCheck::Expected:
+        break;
+    case AnnouncementCheck::Unasked:
+        fail("", "the sender announced \"" + start.name + "\" unasked", false);
+        return;
+    case AnnouncementCheck::NotTheExpectedEntry:
+        fail("", "the sender announced \"" + start.name + "\" where \"" + expectedName + "\" was asked for", false);
+        return;
+    case AnnouncementCheck::InvalidTransferId:
+        fail("", "the sender announced \"" + start.name + "\" with an invalid transfer id", false);
         return;
     }
     {
@@ -182,18 +197,25 @@ void ReceiverEndpoint::Impl::handle(FileStart& start)
     if (start.isDirectory || failed()) {
         return;
     }
-    std::vector<Accept> accepts;
+    std::vector<ReceiverAccept> accepts;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        Slot* slot = slotBySenderId(start.transferId);
-        if (slot == nullptr) {
+        if (!mSlots.MarkAcceptDue(start.transferId)) {
             return;
         }
-        slot->acceptDue = true;
-        ++mAcceptsDue;
-        accepts = takeDueAcceptsLocked();
+        accepts = mSlots.TakeDueAccepts();
     }
     sendAccepts(accepts);
+}
+
+void ReceiverEndpoint::Impl::sendAccepts(const std::vector<ReceiverAccept>& accepts)
+{
+    for (const ReceiverAccept& accept : accepts) {
+        mTransport->Send(FileAccept{accept.senderId});
+        if (accept.window == 0) {
+            mTransport->Send(DataAck{accept.senderId, 0});  // the worker waits before its first chunk
+        }
+    }
 }
 
 void ReceiverEndpoint::Impl::handle(FileData& data)
@@ -209,8 +231,8 @@ void ReceiverEndpoint::Impl::receiveData(uint32_t senderId, const uint8_t* bytes
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mLastActivity = Clock::now();
-        const Slot* slot = slotBySenderId(senderId);
-        if (slot == nullptr || slot->isDirectory || mFailed) {
+        const ReceiverSlot* slot = mSlots.BySenderId(senderId);
+        if (slot == nullptr || slot->isDirectory || mState.Failure()) {
             return;
         }
         taskId = slot->taskId;
@@ -229,7 +251,7 @@ void ReceiverEndpoint::Impl::handle(Disconnect& goodbye)
     if (goodbye.reason == kCancelledReason) {
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            mPeerCancelled = true;
+            mState.NotePeerCancelled();
         }
         fail("", "the sender cancelled the copy", true);
     } else {

@@ -1,24 +1,60 @@
+// The session thread of the receiving endpoint: walks the list, requests
+// entries, settles them in list order through FileLanding, and ends the
+// session.
+//
+// ENGINE CONTRACTS honoured here (the first file's wait is RequestGate's)
+// - Pipelining: entries are requested up to 32 ahead of the oldest one not
+//   yet in place (in bursts, refilled at half that), and put in place
+//   strictly in list order, in batches (the session thread wakes once 8
+//   are complete, or when everything requested is). The sender streams
+//   one file at a time, so files arrive, are written and complete in list
+//   order too.
+// - RequestFile(file, false) blocks until ANY download completes or the
+//   writer is stopped; the first one of a paste wipes the cache directory
+//   and posts onRequestFile on the main looper; when the pending list
+//   becomes empty it stops the writer (dropping every download task and
+//   every queued chunk). Hence:
+//   * the first file of the list goes alone: everything before it is in
+//     place, its RequestFile runs on the request thread, and the request
+//     goes to the sender only once the marker file exists in the cache and
+//     a lock barrier through the engine (a data call for an id no task
+//     has) has proved that RequestFile waits; nothing else is requested
+//     until it is in place. Otherwise the wipe could delete a file being
+//     received;
+//   * every later file is complete (and its size checked) before its
+//     RequestFile runs, on the session thread: the call finds the file in
+//     the cache and returns at once ("direct copy");
+//   * a file is pushed to the pending list just before its RequestFile,
+//     together with the next file already requested, so the list only
+//     empties (and the writer is only replaced) when nothing else is in
+//     flight, and RequestFile's walk of the list stays two entries long.
+//     The record list is kept empty: its walk on every announcement would
+//     grow with the list, and the endpoint reports no records.
+// - A directory entry is never requested with RequestFile (it would create
+//   a plain file of that name in the cache and wait): its announcement goes
+//   to ProcessFileDownloadStart(isDir = true), which mkdirs in the cache and
+//   reports completion at once without waking any RequestFile; the endpoint
+//   then creates the directory at its destination. The list must carry
+//   each directory before its children.
 #include "ReceiverEndpointImpl.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/types.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-
-#include "DestinationFiles.h"
+#include "HostLog.h"
 
 namespace orin::xfer::host {
 
-using namespace receiver;
+using detail::LandingResult;
+using detail::ReceiverState;
+using detail::RequestStart;
 
 namespace {
 
-std::string errorText(int error)
-{
-    return std::strerror(error);
-}
+// Entries requested ahead of the one being settled. Enough to keep the
+// sender busy across the request and announcement round trips of small
+// files, in bursts of half of it; the engine's per-file work stays one
+// file at a time regardless.
+constexpr size_t kRequestAhead = 32;
 
 FileDescription describe(const FileListEntry& entry)
 {
@@ -42,11 +78,12 @@ FileDescription describe(const FileListEntry& entry)
 // nothing else in flight.
 void ReceiverEndpoint::Impl::runSession()
 {
-    bool ok = waitUntil([this] { return mListReady; }, false);
+    bool ok = waitUntil([this] { return mList.has_value(); }, false);
     ParsedFileList list;
     if (ok) {
         std::lock_guard<std::mutex> lock(mMutex);
-        list = mList;
+        list = *mList;
+        mState.SetState(ReceiverState::Receiving, "the list arrived");
     }
     const size_t count = list.entries.size();
     size_t next = 0;
@@ -58,7 +95,7 @@ void ReceiverEndpoint::Impl::runSession()
         const bool refill = next - settled <= kRequestAhead / 2;
         while (ok && refill && next < count && next - settled < kRequestAhead) {
             const FileListEntry& entry = list.entries[next];
-            if (!entry.isDirectory && !mCacheWiped) {
+            if (!entry.isDirectory && !mGate->FirstPosted()) {
                 if (next != settled) {
                     break;  // the first file waits until everything before it is settled
                 }
@@ -79,7 +116,7 @@ void ReceiverEndpoint::Impl::runSession()
 void ReceiverEndpoint::Impl::requestEntry(size_t index, const FileListEntry& entry)
 {
     if (!entry.isDirectory) {
-        notifyObserver([&](ReceiverObserver& observer) { observer.OnFileStarted(entry.RequestName(), entry.fileSize); });
+        mObserver.Notify([&](ReceiverObserver& observer) { observer.OnFileStarted(entry.RequestName(), entry.fileSize); });
     }
     sendRequest(index, entry);
 }
@@ -88,16 +125,24 @@ bool ReceiverEndpoint::Impl::requestFirstFile(size_t index, const FileListEntry&
 {
     const std::string name = entry.RequestName();
     pushPending(index, entry);
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mRequestMarker = name;
-    }
-    postRequest(describe(entry));
-    mCacheWiped = true;
-    if (!waitForRequestToWait(name)) {
+    mGate->PostFirst(describe(entry), mLanding.CachedPathOf(entry));
+    const std::string path = mLanding.Destination() + "/" + name;
+    switch (mGate->AwaitWaiting([this] { return stopping(); })) {
+    case RequestStart::Waiting:
+        break;
+    case RequestStart::Refused:
+        fail(path, path + ": the engine refused the request", false);  // unless its own failure came first
+        break;
+    case RequestStart::NotStarted:
+        fail(path, "the engine did not start the request for " + name, false);
+        return false;
+    case RequestStart::Stopped:
         return false;
     }
-    notifyObserver([&](ReceiverObserver& observer) { observer.OnFileStarted(name, entry.fileSize); });
+    if (stopping()) {
+        return false;
+    }
+    mObserver.Notify([&](ReceiverObserver& observer) { observer.OnFileStarted(name, entry.fileSize); });
     sendRequest(index, entry);
     return true;
 }
@@ -110,14 +155,8 @@ void ReceiverEndpoint::Impl::sendRequest(size_t index, const FileListEntry& entr
     request.name = entry.RequestName();
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        Slot slot;
-        slot.index = index;
-        slot.taskId = request.taskId;
-        slot.name = request.name;
-        slot.isDirectory = entry.isDirectory;
-        slot.fileSize = entry.fileSize;
-        mSlots.push_back(std::move(slot));
-        request.totalSize = mList.totalFileBytes;
+        mSlots.Add(index, request.taskId, request.name, entry.isDirectory, entry.fileSize);
+        request.totalSize = mList->totalFileBytes;
         mLastActivity = Clock::now();
     }
     mTransport->Send(std::move(request));
@@ -144,9 +183,7 @@ void ReceiverEndpoint::Impl::pushPending(size_t index, const FileListEntry& entr
 bool ReceiverEndpoint::Impl::settleOldest(const FileListEntry& entry, bool firstFile)
 {
     const bool done = waitUntil(
-        [this, firstFile] {
-            return !mSlots.empty() && mSlots.front().completed && (!firstFile || mRequestsPosted == mRequestsReturned);
-        },
+        [this, firstFile] { return !mSlots.Empty() && mSlots.Front().completed && (!firstFile || mGate->Returned()); },
         true);
     if (!done) {
         return false;
@@ -154,44 +191,29 @@ bool ReceiverEndpoint::Impl::settleOldest(const FileListEntry& entry, bool first
     uint64_t expected = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        expected = mSlots.front().fileSize;  // as announced: the file may have changed since it was listed
+        expected = mSlots.Front().fileSize;  // as announced: the file may have changed since it was listed
     }
     const bool ok = entry.isDirectory ? settleDirectory(entry) : settleFile(entry, expected, firstFile);
     if (ok) {
         std::lock_guard<std::mutex> lock(mMutex);
-        mSlots.pop_front();
+        mSlots.PopFront();
     }
     return ok;
 }
 
 bool ReceiverEndpoint::Impl::settleDirectory(const FileListEntry& entry)
 {
-    const std::string name = entry.RequestName();
-    const mode_t createMode = entry.mode != 0 ? 0700 : 0777;
-    std::string finalPath;
-    int error = 0;
-    if (entry.filePath.empty()) {
-        error = detail::ClaimName(
-            mDestination, entry.fileName, true, proposer(),
-            [createMode](const std::string& path) { return detail::MakeDirectory(path, createMode); }, finalPath);
-    } else {
-        finalPath = finalParentOf(entry) + "/" + entry.fileName;
-        error = detail::MakeDirectory(finalPath, createMode);
-    }
-    if (error != 0) {
-        const std::string path = finalPath.empty() ? mDestination + "/" + name : finalPath;
-        fail(path, path + ": " + errorText(error), false);
+    const LandingResult landed = mLanding.LandDirectory(entry);
+    if (!landed.landed) {
+        fail(landed.failurePath, landed.failureMessage, false);
         return false;
     }
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        mFinalDirectories[name] = finalPath;
-        if (entry.mode != 0) {
-            mDirectoryModes.emplace_back(finalPath, entry.mode);
-        }
-        ++mSummary.directoriesDone;
+        ++mState.Summary().directoriesDone;
     }
-    notifyObserver([&](ReceiverObserver& observer) { observer.OnDirectoryCreated(name, finalPath); });
+    const std::string name = entry.RequestName();
+    mObserver.Notify([&](ReceiverObserver& observer) { observer.OnDirectoryCreated(name, landed.finalPath); });
     return true;
 }
 
@@ -201,9 +223,10 @@ bool ReceiverEndpoint::Impl::settleDirectory(const FileListEntry& entry)
 // make RequestFile register a marker and wait.
 bool ReceiverEndpoint::Impl::settleFile(const FileListEntry& entry, uint64_t expected, bool firstFile)
 {
-    const std::string cached = CacheDirectory() + "/" + entry.RequestName();
     mode_t cachedMode = 0;
-    if (!checkCachedFile(entry, cached, expected, cachedMode)) {
+    const LandingResult checked = mLanding.CheckCachedFile(entry, expected, cachedMode);
+    if (!checked.landed) {
+        fail(checked.failurePath, checked.failureMessage, false);
         return false;
     }
     if (!firstFile) {
@@ -211,12 +234,9 @@ bool ReceiverEndpoint::Impl::settleFile(const FileListEntry& entry, uint64_t exp
         std::optional<std::pair<size_t, FileListEntry>> nextFile;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            index = mSlots.front().index;
-            for (const Slot& slot : mSlots) {
-                if (slot.index > index && !slot.isDirectory) {
-                    nextFile.emplace(slot.index, mList.entries[slot.index]);
-                    break;
-                }
+            index = mSlots.Front().index;
+            if (const std::optional<size_t> nextIndex = mSlots.NextFileAfterFront()) {
+                nextFile.emplace(*nextIndex, mList->entries[*nextIndex]);
             }
         }
         pushPending(index, entry);
@@ -229,180 +249,66 @@ bool ReceiverEndpoint::Impl::settleFile(const FileListEntry& entry, uint64_t exp
         }
         mManager->RequestFile(describe(entry), false);
     }
-    return landFile(entry, cached, expected, cachedMode);
-}
-
-void ReceiverEndpoint::Impl::postRequest(const FileDescription& description)
-{
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        ++mRequestsPosted;
-        mWriterEventsAtRequest = mWriterEvents;
-    }
-    mRequestLooper->Post("RequestFile", [this, description] {
-        mManager->RequestFile(description, false);  // blocks until written or stopped
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            ++mRequestsReturned;
-        }
-        wakeSession();
-    });
-}
-
-bool ReceiverEndpoint::Impl::waitForRequestToWait(const std::string& name)
-{
-    const std::string marker = CacheDirectory() + "/" + name;
-    const auto deadline = Clock::now() + kRequestStartLimit;
-    auto pause = std::chrono::microseconds(20);
-    while (true) {
-        if (access(marker.c_str(), F_OK) == 0) {
-            break;
-        }
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            if (mFailed || mCancelRequested) {
-                return false;
-            }
-            if (mRequestsPosted == mRequestsReturned) {
-                break;  // RequestFile gave up; its failure was reported
-            }
-        }
-        if (Clock::now() > deadline) {
-            fail(mDestination + "/" + name, "the engine did not start the request for " + name, false);
-            return false;
-        }
-        std::this_thread::sleep_for(pause);
-        pause = std::min(pause * 2, std::chrono::microseconds(1000));
-    }
-    lockBarrier();
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mRequestsPosted == mRequestsReturned && !mFailed) {
-        mFailed = true;
-        mFailurePath = mDestination + "/" + name;
-        mFailureMessage = mFailurePath + ": the engine refused the request";
-    }
-    return !mFailed && !mCancelRequested;
-}
-
-void ReceiverEndpoint::Impl::lockBarrier()
-{
-    mManager->ProcessFileDownloadData(kNoTransferId, kNoTransferId, 0, nullptr);
-}
-
-// A write error the stream only meets when it is closed leaves a short
-// file behind without a report: the size tells.
-bool ReceiverEndpoint::Impl::checkCachedFile(const FileListEntry& entry, const std::string& cached, uint64_t expected,
-                                             mode_t& mode)
-{
-    struct stat status {};
-    const bool present = stat(cached.c_str(), &status) == 0;
-    if (present && static_cast<uint64_t>(status.st_size) == expected) {
-        mode = status.st_mode & 07777;
-        return true;
-    }
-    const std::string path = finalParentOf(entry) + "/" + entry.fileName;
-    const uint64_t got = present ? static_cast<uint64_t>(status.st_size) : 0;
-    fail(path, path + ": writing failed (" + std::to_string(got) + " of " + std::to_string(expected) +
-                   " bytes reached the disk)",
-         false);
-    return false;
-}
-
-bool ReceiverEndpoint::Impl::landFile(const FileListEntry& entry, const std::string& cached, uint64_t expected,
-                                      mode_t cachedMode)
-{
-    const std::string name = entry.RequestName();
-    std::string finalPath;
-    const int error = detail::ClaimName(
-        finalParentOf(entry), entry.fileName, false, proposer(),
-        [&cached](const std::string& path) { return detail::MoveNoReplace(cached, path); }, finalPath);
-    if (error != 0) {
-        const std::string path = finalParentOf(entry) + "/" + entry.fileName;
-        fail(path, path + ": cannot be moved into place: " + errorText(error), false);
+    const LandingResult landed = mLanding.LandFile(entry, cachedMode);
+    if (!landed.landed) {
+        fail(landed.failurePath, landed.failureMessage, false);
         return false;
     }
-    // The file was created with the process's default mode: change it only
-    // when that is not already the one wanted.
-    if (entry.mode != 0 && cachedMode != (entry.mode & 0777)) {
-        chmod(finalPath.c_str(), entry.mode & 0777);
-    }
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        ++mSummary.filesDone;
-        mSummary.bytesDone += expected;
+        ++mState.Summary().filesDone;
+        mState.Summary().bytesDone += expected;
     }
-    notifyObserver([&](ReceiverObserver& observer) { observer.OnFileCompleted(name, finalPath); });
+    const std::string name = entry.RequestName();
+    mObserver.Notify([&](ReceiverObserver& observer) { observer.OnFileCompleted(name, landed.finalPath); });
     return true;
-}
-
-std::string ReceiverEndpoint::Impl::finalParentOf(const FileListEntry& entry)
-{
-    if (entry.filePath.empty()) {
-        return mDestination;
-    }
-    std::lock_guard<std::mutex> lock(mMutex);
-    auto found = mFinalDirectories.find(entry.filePath);
-    return found != mFinalDirectories.end() ? found->second : mDestination + "/" + entry.filePath;
-}
-
-detail::NameProposer ReceiverEndpoint::Impl::proposer()
-{
-    return [this](const std::string& parent, const std::string& name, bool isDirectory) {
-        std::vector<FileDescription> one(1);
-        one[0].destDir = parent;
-        one[0].fileName = name;
-        one[0].attribute = isDirectory ? kAttributeDirectory : kAttributeNormal;
-        mManager->RenameDuplicatedFilePath(one);
-        return one[0].destFileName;
-    };
 }
 
 void ReceiverEndpoint::Impl::conclude(bool ok)
 {
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        const char* why = ok ? "every entry is in place"
+                             : mState.Failure() ? "the session failed" : "the session was cancelled";
+        mState.SetState(ReceiverState::Finishing, why);
+    }
     if (!ok) {
         abortEngine();
     }
-    std::vector<std::pair<std::string, uint32_t>> modes;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        modes = mDirectoryModes;
-    }
-    // Children first, so a read-only directory does not block its parent's.
-    for (auto it = modes.rbegin(); it != modes.rend(); ++it) {
-        chmod(it->first.c_str(), it->second & 0777);
-    }
-    detail::RemoveTree(CacheDirectory());
+    mLanding.ApplyDirectoryModes();
+    mLanding.RemoveCache();
 
     TransferSummary summary;
     std::string failurePath;
     std::string failureMessage;
     bool fromPeer = false;
-    bool cancelled = false;
     bool failedHere = false;
     bool cancelRequested = false;
     uint32_t taskId = 0;
     uint32_t senderId = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        cancelled = mCancelRequested || mPeerCancelled;
-        failedHere = mFailed;
-        cancelRequested = mCancelRequested;
+        const std::optional<detail::ReceiverFailure>& failure = mState.Failure();
+        failedHere = failure.has_value();
+        cancelRequested = mState.CancelRequested();
+        TransferSummary& outcome = mState.Summary();
         if (ok) {
-            mSummary.completed = true;
+            outcome.completed = true;
         } else {
-            mSummary.cancelled = cancelled;
-            mSummary.error = mFailed ? mFailureMessage : "cancelled";
+            outcome.cancelled = cancelRequested || mState.PeerCancelled();
+            outcome.error = failure ? failure->message : "cancelled";
         }
-        failurePath = mFailurePath;
-        failureMessage = mSummary.error;
-        fromPeer = mFailureFromPeer;
-        if (!mSlots.empty()) {
-            taskId = mSlots.front().taskId;
-            senderId = mSlots.front().senderId;
+        if (failure) {
+            failurePath = failure->path;
+            fromPeer = failure->fromPeer;
         }
-        mSlots.clear();  // late engine callbacks find nothing to report
-        mAcceptsDue = 0;
-        summary = mSummary;
+        failureMessage = outcome.error;
+        if (!mSlots.Empty()) {
+            taskId = mSlots.Front().taskId;
+            senderId = mSlots.Front().senderId;
+        }
+        mSlots.Clear();  // late engine callbacks find nothing to report
+        summary = outcome;
     }
     if (ok) {
         mTransport->Send(Disconnect{true, ""});
@@ -416,14 +322,14 @@ void ReceiverEndpoint::Impl::conclude(bool ok)
     }
     if (!ok && failedHere) {
         HOST_LOG_W << "copy failed: " << failureMessage;
-        notifyObserver([&](ReceiverObserver& observer) { observer.OnFailure(failurePath, failureMessage); });
+        mObserver.Notify([&](ReceiverObserver& observer) { observer.OnFailure(failurePath, failureMessage); });
     }
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        mFinished = true;
+        mState.SetState(ReceiverState::Finished, ok ? "completed" : "ended early");
     }
     mChanged.notify_all();
-    notifyObserver([&](ReceiverObserver& observer) { observer.OnFinished(summary); }, true);
+    mObserver.NotifyLast([&](ReceiverObserver& observer) { observer.OnFinished(summary); });
 }
 
 void ReceiverEndpoint::Impl::abortEngine()
@@ -432,40 +338,7 @@ void ReceiverEndpoint::Impl::abortEngine()
         std::lock_guard<std::mutex> input(mEngineInputMutex);
         mAborting = true;
     }
-    // With no more input, the loopers' jobs are the last engine work that
-    // can wake the first file's RequestFile.
-    if (!mEngineJobs->WaitIdle(kWriterDrainLimit)) {
-        HOST_LOG_E << "the engine's writer did not finish its queued chunks";
-    }
-    std::string marker;
-    bool woken = false;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (mRequestsPosted != mRequestsReturned) {
-            marker = mCacheDir + "/" + mRequestMarker;
-            woken = mWriterEvents != mWriterEventsAtRequest;
-        }
-    }
-    if (woken) {
-        // Woken by a completion or a writer failure, it is walking the
-        // lists that Cancel clears without a lock: let it return first.
-        std::unique_lock<std::mutex> lock(mMutex);
-        mSessionWake.wait_for(lock, kRequestReleaseLimit, [this] { return mRequestsPosted == mRequestsReturned; });
-    } else if (!marker.empty()) {
-        // One still setting up must reach its wait, where it touches
-        // nothing until Cancel itself wakes it.
-        const auto deadline = Clock::now() + kRequestStartLimit;
-        while (access(marker.c_str(), F_OK) != 0 && Clock::now() < deadline && !requestReturned()) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-        lockBarrier();
-    }
-    mManager->Cancel();
-    std::unique_lock<std::mutex> lock(mMutex);
-    if (!mSessionWake.wait_for(lock, kRequestReleaseLimit,
-                               [this] { return mRequestsPosted == mRequestsReturned; })) {
-        HOST_LOG_E << "the engine did not release a pending file request";
-    }
+    mGate->CancelEngine(*mEngineJobs);
 }
 
 }  // namespace orin::xfer::host

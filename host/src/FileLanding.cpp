@@ -1,0 +1,166 @@
+#include "FileLanding.h"
+
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "SystemErrorText.h"
+
+namespace orin::xfer::host::detail {
+
+FileLanding::FileLanding(NameProposer propose) : mPropose(std::move(propose)) {}
+
+bool FileLanding::Prepare(const std::string& destinationDir,
+                          const std::function<void(const std::string&)>& adoptCache, std::string& error)
+{
+    char resolved[PATH_MAX];
+    struct stat status {};
+    if (realpath(destinationDir.c_str(), resolved) == nullptr || stat(resolved, &status) != 0) {
+        error = destinationDir + ": " + SystemErrorText(errno);
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        error = destinationDir + ": not a directory";
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mDestination = resolved;
+    }
+    std::string cache;
+    if (!MakePrivateDirectory(resolved, kReceiverCachePrefix, cache, error)) {
+        return false;
+    }
+    adoptCache(cache);
+    std::lock_guard<std::mutex> lock(mMutex);
+    mCacheDir = cache;
+    return true;
+}
+
+std::string FileLanding::Destination() const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mDestination;
+}
+
+std::string FileLanding::CacheDirectory() const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mCacheDir;
+}
+
+std::string FileLanding::CachedPathOf(const FileListEntry& entry) const
+{
+    return CacheDirectory() + "/" + entry.RequestName();
+}
+
+std::string FileLanding::FinalParentOf(const FileListEntry& entry) const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (entry.filePath.empty()) {
+        return mDestination;
+    }
+    auto found = mFinalDirectories.find(entry.filePath);
+    return found != mFinalDirectories.end() ? found->second : mDestination + "/" + entry.filePath;
+}
+
+std::string FileLanding::DestinationOf(const std::string& name) const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    const size_t slash = name.find('/');
+    if (slash == std::string::npos) {
+        return mDestination + "/" + name;
+    }
+    auto top = mFinalDirectories.find(name.substr(0, slash));
+    const std::string root = top != mFinalDirectories.end() ? top->second : mDestination + "/" + name.substr(0, slash);
+    return root + name.substr(slash);
+}
+
+LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
+{
+    const std::string name = entry.RequestName();
+    // Owner access until the end, when the listed mode is applied.
+    const mode_t createMode = entry.mode != 0 ? 0700 : 0777;
+    LandingResult result;
+    int error = 0;
+    if (entry.filePath.empty()) {
+        error = ClaimName(
+            Destination(), entry.fileName, true, mPropose,
+            [createMode](const std::string& path) { return MakeDirectory(path, createMode); }, result.finalPath);
+    } else {
+        result.finalPath = FinalParentOf(entry) + "/" + entry.fileName;
+        error = MakeDirectory(result.finalPath, createMode);
+    }
+    if (error != 0) {
+        result.failurePath = result.finalPath.empty() ? Destination() + "/" + name : result.finalPath;
+        result.failureMessage = result.failurePath + ": " + SystemErrorText(error);
+        return result;
+    }
+    std::lock_guard<std::mutex> lock(mMutex);
+    mFinalDirectories[name] = result.finalPath;
+    if (entry.mode != 0) {
+        mDirectoryModes.emplace_back(result.finalPath, entry.mode);
+    }
+    result.landed = true;
+    return result;
+}
+
+LandingResult FileLanding::CheckCachedFile(const FileListEntry& entry, uint64_t expected, mode_t& cachedMode) const
+{
+    LandingResult result;
+    struct stat status {};
+    const bool present = stat(CachedPathOf(entry).c_str(), &status) == 0;
+    if (present && static_cast<uint64_t>(status.st_size) == expected) {
+        cachedMode = status.st_mode & 07777;
+        result.landed = true;
+        return result;
+    }
+    const uint64_t got = present ? static_cast<uint64_t>(status.st_size) : 0;
+    result.failurePath = FinalParentOf(entry) + "/" + entry.fileName;
+    result.failureMessage = result.failurePath + ": writing failed (" + std::to_string(got) + " of " +
+                            std::to_string(expected) + " bytes reached the disk)";
+    return result;
+}
+
+LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMode)
+{
+    const std::string cached = CachedPathOf(entry);
+    LandingResult result;
+    const int error = ClaimName(
+        FinalParentOf(entry), entry.fileName, false, mPropose,
+        [&cached](const std::string& path) { return MoveNoReplace(cached, path); }, result.finalPath);
+    if (error != 0) {
+        result.failurePath = FinalParentOf(entry) + "/" + entry.fileName;
+        result.failureMessage = result.failurePath + ": cannot be moved into place: " + SystemErrorText(error);
+        return result;
+    }
+    // The file was created with the process's default mode: change it only
+    // when that is not already the one wanted.
+    if (entry.mode != 0 && cachedMode != (entry.mode & 0777)) {
+        chmod(result.finalPath.c_str(), entry.mode & 0777);
+    }
+    result.landed = true;
+    return result;
+}
+
+void FileLanding::ApplyDirectoryModes()
+{
+    std::vector<std::pair<std::string, uint32_t>> modes;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        modes = mDirectoryModes;
+    }
+    // Children first, so a read-only directory does not block its parent's.
+    for (auto it = modes.rbegin(); it != modes.rend(); ++it) {
+        chmod(it->first.c_str(), it->second & 0777);
+    }
+}
+
+void FileLanding::RemoveCache()
+{
+    RemoveTree(CacheDirectory());
+}
+
+}  // namespace orin::xfer::host::detail
