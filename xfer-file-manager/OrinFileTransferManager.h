@@ -15,7 +15,12 @@
 //   own and touch the task list without it: call stopWriteFileThread with
 //   mTaskMutex held (as RequestFile does), and do not run ClearTask or
 //   getFileTaskList while a looper or worker may be inside deleteTask.
-//   Every other path of the engine that stops the writer holds mTaskMutex.
+//   The engine's other stops (a failed write, ProcessXferError for a
+//   download, the failures of ProcessFileDownloadStart) take mTaskMutex
+//   around their task-list steps: never call those holding it.
+// - A job of a writer being retired never waits for mTaskMutex (a stop may
+//   hold it while it tears that writer down): deleteTask called there, for
+//   instance from a listener callback, gives up; the stop drops the tasks.
 // - mUploadMutex / mUploadCondition guard the acknowledgement wait;
 //   delayUpload sleeps while holding mUploadMutex, so NotifyUpload blocks
 //   for the length of a bandwidth delay.
