@@ -1,25 +1,61 @@
+// The sender endpoint wires a transport, its own engine, the offered list
+// (OfferedList), the upload pacer (UploadPacer) and the observer
+// (ObserverRelay) together, and keeps the session's phase
+// (SenderSessionState). How it honours the engine:
+//
+// - Threads: the endpoint runs on the transport's delivery thread
+//   (requests, acknowledgements and errors from the receiver; UploadFiles
+//   is called there), the engine's main looper (data hand-off), the
+//   engine's upload worker, and the pacer's pump thread. The listener is
+//   called on the engine's loopers (data on the main looper) and on the
+//   caller's thread; it only queues messages and updates counters. Engine
+//   operations are never called with the session lock held; all but
+//   NotifyUpload are serialised by the engine lock (the engine's lists are
+//   not guarded against concurrent host calls), which a listener callback
+//   only ever tries (see UploadPacer.cpp). Lock order: engine lock, then
+//   session lock, then the pacer's own lock (the pacer never takes the
+//   session lock). The engine is never destroyed
+//   from its own callbacks or loopers, and the listener outlives it: the
+//   destructor ends the session, joins the pump, closes the transport, and
+//   only then cancels (ClearTask) and destroys the engine.
+// - Names: UploadFiles announces destFilePath + "/" + destFileName (or
+//   destFileName alone), and every entry of the list has destFilePath =
+//   filePath and destFileName = fileName (SourceTree.cpp), so the announced
+//   name is the request name; onSendFileStart checks it against the name
+//   the receiver asked for.
+// - Transfer ids: this engine draws odd ids (3, 5, ...); they travel as
+//   they are; the receiver maps them to even ones.
+// - Directories: the announcement alone creates one remotely; it is never
+//   handed to the pacer, so never to ProcessFileUploadData.
+// - Bandwidth: with bandwidthKbps set, a TokenBucketRateLimiter is given to
+//   the engine (behind the read-counting limiter the pacer needs) and flow
+//   control is switched on; the engine's own delays floor to whole
+//   milliseconds, the bucket corrects the rate.
+// - Failures: the engine reports a failed upload as onClipboardRelease,
+//   onFileTransferFailed(taskId, transferId, 1), onReportEvent; a missing
+//   source file at UploadFiles as onFileTransferFailed(taskId, 0, 1) with
+//   the entry left at the front; remote errors reach the engine through
+//   ProcessXferError (result 3 for an upload), a lost link through
+//   ProcessTansferDisconnect (0xFFFFFFFF, 0, 1). Each is reported once to
+//   the observer and to the receiver (TransferError naming the path) and
+//   ends the session.
 #include "xferfm/host/SenderEndpoint.h"
 
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <condition_variable>
-#include <deque>
+#include <cstdlib>
 #include <map>
 #include <mutex>
-#include <optional>
-#include <thread>
 #include <utility>
 
 #include "HostLog.h"
 #include "IFileTransferManager.h"
+#include "ObserverRelay.h"
+#include "OfferedList.h"
 #include "ReadCountingRateLimiter.h"
+#include "SenderSessionState.h"
 #include "SessionText.h"
-#include "SkippedEntries.h"
 #include "SourceTree.h"
-#include "SystemErrorText.h"
+#include "UploadPacer.h"
 #include "xferfm/host/ThreadLooperFactory.h"
 #include "xferfm/host/TokenBucketRateLimiter.h"
 
@@ -27,51 +63,16 @@ namespace orin::xfer::host {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 constexpr uint32_t kNoTransferId = 0xFFFFFFFF;
-// Entries handed to the engine at a time (see Offer).
-constexpr size_t kUploadSlice = 64;
-// How long the pump sleeps while nothing streams (it is woken for work).
-constexpr auto kPumpIdleSleep = std::chrono::milliseconds(100);
-// A file that streams nothing for this long although the window lets its
-// worker go has its source looked at: the worker ends quietly where the
-// file ends now, so a file cut short would otherwise never finish.
-constexpr auto kSourceCheckAfter = std::chrono::milliseconds(250);
-
-// A file announced to the receiver whose data has not all been handed off
-// yet, as far as the endpoint can see it. Only the oldest one streams.
-struct Upload {
-    size_t index = 0;
-    uint32_t taskId = 0;
-    uint32_t transferId = 0;
-    std::string sourcePath;
-    uint64_t fileSize = 0;
-    bool accepted = false;
-    bool started = false;       // ProcessFileUploadData was called
-    uint64_t bytesSeen = 0;
-    uint64_t chunksSeen = 0;
-    uint64_t chunksAcked = 0;   // the receiver's last cumulative count
-    bool ackSeen = false;
-    bool releasePending = false;  // the worker waits at releaseAt: notify until it moves on
-    int64_t releaseAt = -1;       // chunksSeen at the last release
-    Clock::time_point lastChunk;
-    Clock::time_point lastNudge;
-    Clock::time_point lastSourceCheck;
-};
-
-struct AnnouncedSource {
-    std::string path;
-    uint64_t size = 0;
-};
 
 }  // namespace
+
+using detail::SenderState;
 
 class SenderEndpoint::Impl final : public ITransportHandler, public FileTransferListener {
 public:
     Impl(std::unique_ptr<ITransport> transport, SenderOptions options)
-        : mOptions(std::move(options)),
-          mFlowControl(mOptions.flowControl || mOptions.bandwidthKbps != 0),
-          mTransport(std::move(transport))
+        : mOptions(std::move(options)), mTransport(std::move(transport)), mObserver(mOptions.observer)
     {
         std::unique_ptr<IFileTransferRateLimiter> bucket;
         const bool limited = mOptions.bandwidthKbps != 0;
@@ -79,26 +80,28 @@ public:
             bucket = std::make_unique<TokenBucketRateLimiter>();
         }
         auto counter = std::make_unique<detail::ReadCountingRateLimiter>(std::move(bucket));
-        mWorkerReads = counter.get();  // owned by the engine, which this outlives
+        detail::ReadCountingRateLimiter& workerReads = *counter;  // owned by the engine, which the pacer outlives
         mManager = IFileTransferManager::NewInstance(this, std::make_unique<ThreadLooperFactory>(),
                                                      mOptions.flowControl || limited, std::move(counter));
         if (limited) {
             mManager->SetBandwidth(mOptions.bandwidthKbps);
         }
         mManager->SetUploadWindowsSize(mOptions.ackWindow);
-        mPump = std::thread([this] { pumpAcknowledgements(); });
+        detail::PacerSettings pacing;
+        pacing.ackWindow = mOptions.ackWindow;
+        pacing.flowControl = mOptions.flowControl || limited;
+        pacing.renotifyInterval = mOptions.renotifyInterval;
+        pacing.idleNudgeAfter = mOptions.idleNudgeAfter;
+        mPacer = std::make_unique<detail::UploadPacer>(
+            pacing, *mManager, mEngineMutex, workerReads,
+            [this](const std::string& path, const std::string& message) { finish(Outcome::kFailed, path, message); });
         mTransport->Start(*this);
     }
 
     ~Impl() override
     {
         finish(Outcome::kCancelled, "", "the sender was shut down");
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mStopPump = true;
-        }
-        mPumpWake.notify_all();
-        mPump.join();
+        mPacer->Shutdown();
         // No delivery and no blocked data hand-off after this.
         mTransport->Close();
         std::lock_guard<std::mutex> engine(mEngineMutex);
@@ -108,62 +111,32 @@ public:
 
     bool Offer(const std::vector<std::string>& paths, std::string& error)
     {
-        std::vector<FileDescription> list;
-        if (!detail::BuildUploadList(paths, list, error)) {
-            return false;
-        }
-        std::lock_guard<std::mutex> engine(mEngineMutex);
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            if (mOffered || mFinished) {
-                error = mFinished ? "the session has ended" : "a list was offered already";
-                return false;
-            }
-        }
-        // The whole list goes into the JSON; the engine then only ever holds
-        // a short slice, because UploadFiles erases from the front of its
-        // list (a long list would cost quadratic time).
-        mManager->TriggerLocalCopy(list);
-        mManager->SendFileDesc();  // onSendFileDesc keeps the text
-        const size_t firstSlice = std::min(list.size(), kUploadSlice);
-        mManager->TriggerLocalCopy(std::vector<FileDescription>(list.begin(), list.begin() + firstSlice));
-        bool sendNow = false;
-        std::string json;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mSliceLeft = firstSlice;
-            mList = std::move(list);
-            mOffered = true;
-            mSummary.entriesTotal = mList.size();
-            for (const FileDescription& entry : mList) {
-                if ((entry.attribute & kAttributeDirectory) == 0) {
-                    mSummary.bytesTotal += entry.fileSize;
-                }
-            }
-            sendNow = mListRequested && !mListSent;
-            mListSent = mListSent || sendNow;
-            json = mListJson;
-        }
-        if (sendNow) {
-            mTransport->Send(FileListMessage{std::move(json)});
-        }
-        return true;
+        const bool offered = offer(paths, error);
+        checkInvariants();
+        return offered;
     }
 
     bool WaitFinished(std::chrono::milliseconds timeout)
     {
         std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, timeout, [this] { return mFinished; });
+        const bool finished = mChanged.wait_for(lock, timeout, [this] { return mState.Finished(); });
+        lock.unlock();
+        checkInvariants();
+        return finished;
     }
 
     bool Finished() const
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        return mFinished;
+        return mState.Finished();
     }
 
     // Safe from observer callbacks: the engine is stopped by the pump thread.
-    void Cancel() { finish(Outcome::kCancelled, "", kCancelledReason); }
+    void Cancel()
+    {
+        finish(Outcome::kCancelled, "", kCancelledReason);
+        checkInvariants();
+    }
 
     TransferSummary Summary() const
     {
@@ -196,7 +169,7 @@ public:
     void onSendFileDesc(const std::string& jsonData) override
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        mListJson = jsonData;
+        mList.KeepJson(jsonData);
     }
 
     void onSendFileStart(uint32_t taskId, uint32_t transferId, const std::string& fileName, const std::string& dest,
@@ -205,37 +178,31 @@ public:
         (void)dest, (void)flag;
         std::string mismatch;
         std::string sourcePath;
+        size_t index = 0;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mFinished) {
+            if (mState.Finished()) {
                 return;
             }
-            if (fileName != mExpectedName) {
+            if (fileName != mList.ExpectedName()) {
                 mismatch = "the sender announced \"" + fileName + "\" where the receiver asked for \"" +
-                           mExpectedName + "\"";
+                           mList.ExpectedName() + "\"";
             } else {
-                sourcePath = detail::SourcePathOf(mList[mNextIndex]);
-                mSourceByTransfer[transferId] = AnnouncedSource{sourcePath, size};
+                index = mList.NextIndex();
+                sourcePath = mList.Announce(transferId, size);
                 if (isDir) {
                     ++mSummary.directoriesDone;  // nothing to stream
-                } else {
-                    Upload upload;
-                    upload.index = mNextIndex;
-                    upload.taskId = taskId;
-                    upload.transferId = transferId;
-                    upload.fileSize = size;
-                    upload.sourcePath = sourcePath;
-                    upload.lastChunk = Clock::now();
-                    mUploads.push_back(std::move(upload));
                 }
-                ++mNextIndex;
             }
         }
         if (!mismatch.empty()) {
             finish(Outcome::kFailed, "", mismatch);
             return;
         }
-        notifyObserver([&](SenderObserver& observer) { observer.OnFileStarted(sourcePath, size); });
+        if (!isDir) {
+            mPacer->Announce(index, taskId, transferId, sourcePath, size);
+        }
+        mObserver.Notify([&](SenderObserver& observer) { observer.OnFileStarted(sourcePath, size); });
         mTransport->Send(FileStart{taskId, transferId, fileName, isDir, size, totalSize, mOptions.ackWindow});
     }
 
@@ -245,70 +212,41 @@ public:
     {
         (void)taskId;
         const uint64_t length = size > 0 ? static_cast<uint64_t>(size) : 0;
+        detail::DataSeen seen = mPacer->CountData(transferId, length);
         uint64_t bytesSent = 0;
-        bool startNext = false;
-        bool releaseNow = false;
-        std::string grownSource;
-        uint64_t announced = 0;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mFinished) {
+            if (mState.Finished()) {
                 return;
             }
-            auto upload = uploadLocked(transferId);
-            // The worker reads to the end of the file as it is now: data past
-            // the size announced means the file grew while it was read. None
-            // of it goes to the receiver, which would wait for the announced
-            // size forever.
-            if (upload != mUploads.end() && upload->bytesSeen + length > upload->fileSize) {
-                grownSource = upload->sourcePath;
-                announced = upload->fileSize;
-            } else if (upload == mUploads.end() && length > 0) {
-                const auto known = mSourceByTransfer.find(transferId);
-                if (known != mSourceByTransfer.end()) {
-                    grownSource = known->second.path;  // all announced bytes went out already
-                    announced = known->second.size;
-                }
+            const detail::AnnouncedSource* known = mList.SourceOf(transferId);
+            if (seen.kind == detail::DataSeen::Kind::kUnknown && length > 0 && known != nullptr) {
+                seen.kind = detail::DataSeen::Kind::kGrew;  // all announced bytes went out already
+                seen.sourcePath = known->path;
+                seen.announced = known->size;
             }
-            if (!grownSource.empty()) {
-                // handled below, unlocked
-            } else if (upload != mUploads.end()) {
-                upload->bytesSeen += length;
-                upload->chunksSeen += length > 0 ? 1 : 0;
-                upload->lastChunk = Clock::now();
-                if (upload->releasePending && static_cast<int64_t>(upload->chunksSeen) > upload->releaseAt) {
-                    upload->releasePending = false;
-                }
-                if (upload->bytesSeen >= upload->fileSize) {
-                    ++mSummary.filesDone;
-                    mUploads.erase(upload);
-                    // The next file's worker may start once this one's data
-                    // is all handed off.
-                    startNext = !mUploads.empty() && mUploads.front().accepted && !mUploads.front().started;
-                } else {
-                    releaseNow = releaseDueLocked(*upload);
-                }
-            }
-            if (grownSource.empty()) {
+            if (seen.kind != detail::DataSeen::Kind::kGrew) {
+                mSummary.filesDone += seen.kind == detail::DataSeen::Kind::kFileDone ? 1 : 0;
                 mSummary.bytesDone += length;
                 bytesSent = mSummary.bytesDone;
             }
         }
-        if (!grownSource.empty()) {
-            finish(Outcome::kFailed, grownSource, grownSource + ": changed while it was read (it grew past the " +
-                                                      std::to_string(announced) + " bytes announced)");
+        if (seen.kind == detail::DataSeen::Kind::kGrew) {
+            finish(Outcome::kFailed, seen.sourcePath,
+                   seen.sourcePath + ": changed while it was read (it grew past the " +
+                       std::to_string(seen.announced) + " bytes announced)");
             return;
         }
-        if (releaseNow) {
-            releaseWorker();  // the worker waits at this window's end by now
+        if (seen.releaseNow) {
+            mPacer->Release();
         }
-        if (startNext) {
+        if (seen.startNext) {
             // Before this piece goes on, so the next worker's start overlaps
             // the receiver's handling of it.
-            startUploads(false);
+            mPacer->StartUploads(false);
         }
         mTransport->SendData(transferId, data, static_cast<size_t>(length));
-        notifyObserver([&](SenderObserver& observer) { observer.OnBytesSent(bytesSent); });
+        mObserver.Notify([&](SenderObserver& observer) { observer.OnBytesSent(bytesSent); });
     }
 
     void onFileTransferFailed(uint32_t taskId, uint32_t transferId, uint32_t result) override
@@ -319,16 +257,16 @@ public:
         std::string path;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mFinished) {
+            if (mState.Finished()) {
                 return;
             }
-            auto known = mSourceByTransfer.find(transferId);
+            const detail::AnnouncedSource* known = mList.SourceOf(transferId);
             if (linkLost) {
                 // No file to name.
-            } else if (known != mSourceByTransfer.end()) {
-                path = known->second.path;
-            } else if (transferId == 0 && mNextIndex < mList.size()) {
-                path = detail::SourcePathOf(mList[mNextIndex]);  // UploadFiles found it missing
+            } else if (known != nullptr) {
+                path = known->path;
+            } else if (transferId == 0) {
+                path = mList.PathOfNext();  // UploadFiles found it missing
             }
         }
         std::string message;
@@ -347,58 +285,94 @@ public:
 private:
     enum class Outcome { kCompleted, kFailed, kCancelled };
 
+    bool offer(const std::vector<std::string>& paths, std::string& error)
+    {
+        std::vector<FileDescription> list;
+        if (!detail::BuildUploadList(paths, list, error)) {
+            return false;
+        }
+        std::lock_guard<std::mutex> engine(mEngineMutex);
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            const SenderState state = mState.Current();
+            if (state != SenderState::kCreated && state != SenderState::kListRequested) {
+                error = mState.Finished() ? "the session has ended" : "a list was offered already";
+                return false;
+            }
+        }
+        // The whole list goes into the JSON; the engine then only ever holds
+        // a short slice (see OfferedList.cpp).
+        mManager->TriggerLocalCopy(list);
+        mManager->SendFileDesc();  // onSendFileDesc keeps the text
+        bool sendNow = false;
+        std::string json;
+        std::vector<FileDescription> firstSlice;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            firstSlice = mList.Take(std::move(list));
+            mSummary.entriesTotal = mList.Size();
+            mSummary.bytesTotal += mList.FileBytes();
+            sendNow = mState.Current() == SenderState::kListRequested;
+            if (sendNow) {
+                mState.SetState(SenderState::kListSent, "offered after the receiver asked for the list");
+            } else if (!mState.Finished()) {
+                mState.SetState(SenderState::kOffered, "offered");
+            }
+            json = mList.Json();
+        }
+        // Still under the engine lock: no request is served before the
+        // engine holds its first slice.
+        mManager->TriggerLocalCopy(firstSlice);
+        if (sendNow) {
+            mTransport->Send(FileListMessage{std::move(json)});
+        }
+        return true;
+    }
+
     void handle(FileListRequest&)
     {
         bool sendNow = false;
         std::string json;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            mListRequested = true;
-            sendNow = mOffered && !mListSent && !mFinished;
-            mListSent = mListSent || sendNow;
-            json = mListJson;
+            if (mState.Current() == SenderState::kCreated) {
+                mState.SetState(SenderState::kListRequested, "the receiver asked for the list before the offer");
+            } else if (mState.Current() == SenderState::kOffered) {
+                sendNow = mState.SetState(SenderState::kListSent, "the receiver asked for the list");
+                json = mList.Json();
+            }
         }
         if (sendNow) {
             mTransport->Send(FileListMessage{std::move(json)});
         }
     }
 
-    // Requests go up the list. One that passes over entries leaves them
-    // unsent (the receiver refused them) and hands the engine a fresh
-    // slice from the requested entry, since UploadFiles serves the front of
-    // its list. A request for an entry already announced or passed over,
-    // for one the receiver refused, or beyond the list ends the session.
+    // Requests go up the list (see OfferedList.cpp): one that passes over
+    // entries hands the engine a fresh slice from the requested entry; one
+    // that may not be served ends the session.
     void handle(NextFileRequest& request)
     {
         std::lock_guard<std::mutex> engine(mEngineMutex);
         std::vector<FileDescription> nextSlice;
         std::vector<SkippedEntry> passedOver;
+        detail::RequestVerdict verdict = detail::RequestVerdict::kServe;
         std::string problem;
-        bool beyondList = false;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mFinished) {
+            if (mState.Finished()) {
                 return;
             }
-            problem = requestProblemLocked(request.index, beyondList);
-            if (problem.empty()) {
-                if (request.index > mNextIndex) {
-                    passedOver = passOverLocked(static_cast<size_t>(request.index));
-                }
-                if (mSliceLeft == 0 && mNextIndex < mList.size()) {
-                    const size_t end = std::min(mList.size(), mNextIndex + kUploadSlice);
-                    nextSlice.assign(mList.begin() + static_cast<std::ptrdiff_t>(mNextIndex),
-                                     mList.begin() + static_cast<std::ptrdiff_t>(end));
-                    mSliceLeft = nextSlice.size();
-                }
-                mExpectedName = request.name;
+            verdict = mList.CheckRequest(request.index);
+            if (verdict == detail::RequestVerdict::kServe) {
+                passedOver = mList.Serve(static_cast<size_t>(request.index), request.name, nextSlice);
             } else {
-                mExpectedName.clear();
+                problem = mList.DescribeRefusedRequest(verdict, request.index);
+                mList.ExpectNothing();
             }
         }
         reportSkipped(passedOver);
-        if (!problem.empty()) {
-            if (beyondList) {
+        if (verdict != detail::RequestVerdict::kServe) {
+            if (verdict == detail::RequestVerdict::kBeyondList) {
                 mTransport->Send(EndOfList{});
             }
             finish(Outcome::kFailed, "", problem);
@@ -413,7 +387,7 @@ private:
             mManager->UploadFiles(request.taskId, static_cast<size_t>(request.totalSize), "", records, listEmpty);
         if (transferId != kNoTransferId) {
             std::lock_guard<std::mutex> lock(mMutex);
-            --mSliceLeft;
+            mList.SliceEntryTaken();
         }
         if (transferId == kNoTransferId && listEmpty) {
             mTransport->Send(EndOfList{});
@@ -430,60 +404,31 @@ private:
         std::string path;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mFinished || !mListSent || refused.index >= mList.size() || refused.index < mNextIndex) {
+            const detail::RefusalVerdict verdict = mState.Current() == SenderState::kListSent
+                                                       ? mList.Refuse(refused.index, refused.reason, path)
+                                                       : detail::RefusalVerdict::kNotAhead;
+            if (verdict == detail::RefusalVerdict::kNotAhead) {
                 HOST_LOG_W << "the receiver refused entry " << refused.index << ", which is not ahead in the list";
                 return;
             }
-            path = detail::SourcePathOf(mList[static_cast<size_t>(refused.index)]);
-            if (!mSkipped.Refuse(static_cast<size_t>(refused.index), path, refused.reason)) {
+            if (verdict == detail::RefusalVerdict::kAlreadyRecorded) {
                 return;
             }
         }
-        notifyObserver([&](SenderObserver& observer) { observer.OnEntrySkipped(path, refused.reason); });
+        mObserver.Notify([&](SenderObserver& observer) { observer.OnEntrySkipped(path, refused.reason); });
     }
 
-    // Files stream one at a time: the engine's window count and flags are
-    // shared by its workers. A file accepted while the one before it is
-    // still streaming starts once that one's data is all handed off.
-    void handle(FileAccept& accept)
-    {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            auto upload = uploadLocked(accept.transferId);
-            if (mFinished || upload == mUploads.end() || upload->accepted) {
-                return;
-            }
-            upload->accepted = true;
-        }
-        startUploads(true);
-    }
+    void handle(FileAccept& accept) { mPacer->Accept(accept.transferId); }
 
-    void handle(DataAck& ack)
-    {
-        bool releaseNow = false;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            auto upload = uploadLocked(ack.transferId);
-            if (mFinished || upload == mUploads.end()) {
-                return;
-            }
-            upload->chunksAcked = std::max(upload->chunksAcked, ack.chunksWritten);
-            upload->ackSeen = true;
-            releaseNow = releaseDueLocked(*upload);
-        }
-        if (releaseNow) {
-            releaseWorker();
-        }
-    }
+    void handle(DataAck& ack) { mPacer->Acknowledge(ack.transferId, ack.chunksWritten); }
 
     void handle(TransferError& error)
     {
         std::string path;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            auto known = mSourceByTransfer.find(error.transferId);
-            if (known != mSourceByTransfer.end()) {
-                path = known->second.path;
+            if (const detail::AnnouncedSource* known = mList.SourceOf(error.transferId)) {
+                path = known->path;
             }
         }
         // Finish first, so the engine's own failure report is not echoed.
@@ -501,8 +446,8 @@ private:
             std::vector<SkippedEntry> passedOver;
             {
                 std::lock_guard<std::mutex> lock(mMutex);
-                if (!mFinished && mListSent) {
-                    passedOver = passOverLocked(mList.size());
+                if (mState.Current() == SenderState::kListSent) {
+                    passedOver = mList.PassOverRest();
                 }
             }
             reportSkipped(passedOver);
@@ -520,33 +465,32 @@ private:
     void handle(EndOfList&) {}
 
     // Ends the session once; true for the call that ended it. Tells the
-    // receiver (unless it told us) and the observer.
+    // pacer (which stops the engine), the receiver (unless it told us) and
+    // the observer.
     bool finish(Outcome outcome, const std::string& path, const std::string& message, bool tellPeer = true)
     {
         TransferSummary summary;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mFinished) {
-                return false;
+            const char* why = outcome == Outcome::kCompleted ? "completed"
+                              : outcome == Outcome::kCancelled ? "cancelled"
+                                                                 : "failed";
+            if (mState.Finished()) {
+                return false;  // a later end (a cancel, the destructor) changes nothing
             }
-            mFinished = true;
-            mSummary.completed = outcome == Outcome::kCompleted && mSkipped.Empty();
-            mSummary.partial = outcome == Outcome::kCompleted && !mSkipped.Empty();
+            mState.SetState(SenderState::kFinished, why);
+            mSummary.completed = outcome == Outcome::kCompleted && mList.NothingSkipped();
+            mSummary.partial = outcome == Outcome::kCompleted && !mList.NothingSkipped();
             mSummary.cancelled = outcome == Outcome::kCancelled;
             if (outcome != Outcome::kCompleted) {
                 mSummary.error = message;
             } else if (mSummary.partial) {
-                mSummary.error = mSkipped.Text(mList.size());
+                mSummary.error = mList.SkippedText();
             }
-            mUploads.clear();
-            mEngineStopDue = true;
             summary = summaryLocked();
+            mPacer->Stop();  // with the phase, so no file is paced in a finished session
         }
         mChanged.notify_all();
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            kickPumpLocked();
-        }
         if (outcome != Outcome::kCompleted) {
             HOST_LOG_W << "copy ended: " << message;
         }
@@ -557,345 +501,69 @@ private:
             mTransport->Send(Disconnect{false, outcome == Outcome::kCancelled ? kCancelledReason : message});
         }
         if (outcome == Outcome::kFailed) {
-            notifyObserver([&](SenderObserver& observer) { observer.OnFailure(path, message); });
+            mObserver.Notify([&](SenderObserver& observer) { observer.OnFailure(path, message); });
         }
-        notifyObserver([&](SenderObserver& observer) {
-            observer.OnFinished(summary);
-            mObserverFinished = true;
-        });
+        mObserver.NotifyLast([&](SenderObserver& observer) { observer.OnFinished(summary); });
         return true;
-    }
-
-    // Empty when the request may be served; otherwise why not.
-    std::string requestProblemLocked(uint64_t index, bool& beyondList) const
-    {
-        beyondList = index >= mList.size();
-        if (beyondList) {
-            return "the receiver asked for entry " + std::to_string(index) + " of a list of " +
-                   std::to_string(mList.size()) + " entries";
-        }
-        if (index < mNextIndex) {
-            return "the receiver asked for entry " + std::to_string(index) + " out of order (entries before " +
-                   std::to_string(mNextIndex) + " were announced or passed over)";
-        }
-        if (mSkipped.Contains(static_cast<size_t>(index))) {
-            return "the receiver asked for entry " + std::to_string(index) + ", which it had refused";
-        }
-        return "";
-    }
-
-    // The entries from the next one up to `index` will not be sent: they
-    // are recorded as skipped (those not refused before are returned, for
-    // the observer), and the engine's slice is refilled from `index`.
-    std::vector<SkippedEntry> passOverLocked(size_t index)
-    {
-        std::vector<SkippedEntry> passed =
-            mSkipped.PassOver(mNextIndex, index, [this](size_t at) { return detail::SourcePathOf(mList[at]); });
-        mNextIndex = index;
-        mSliceLeft = 0;
-        return passed;
     }
 
     void reportSkipped(const std::vector<SkippedEntry>& skipped)
     {
         for (const SkippedEntry& entry : skipped) {
-            notifyObserver([&](SenderObserver& observer) { observer.OnEntrySkipped(entry.path, entry.reason); });
+            mObserver.Notify([&](SenderObserver& observer) { observer.OnEntrySkipped(entry.path, entry.reason); });
         }
     }
 
     TransferSummary summaryLocked() const
     {
         TransferSummary summary = mSummary;
-        summary.skipped = mSkipped.InListOrder();
+        summary.skipped = mList.Skipped();
         return summary;
     }
 
-    template <typename Call>
-    void notifyObserver(Call&& call)
+    // What must hold between public calls, whatever the threads do: the
+    // list is offered exactly in the phases after Offer, never more is
+    // announced than offered, and an ended session paces nothing.
+    void checkInvariants() const
     {
-        if (mOptions.observer == nullptr) {
-            return;
-        }
-        std::lock_guard<std::recursive_mutex> lock(mObserverMutex);
-        if (mObserverFinished) {
-            return;  // a data hand-off that lost the race with finish(): OnFinished stays the last call
-        }
-        call(*mOptions.observer);
-    }
-
-    std::deque<Upload>::iterator uploadLocked(uint32_t transferId)
-    {
-        return std::find_if(mUploads.begin(), mUploads.end(),
-                            [transferId](const Upload& upload) { return upload.transferId == transferId; });
-    }
-
-    // The upload whose worker runs now, if any.
-    Upload* streamingLocked()
-    {
-        return !mUploads.empty() && mUploads.front().started ? &mUploads.front() : nullptr;
-    }
-
-    // The worker pauses whenever it has handed out a window of chunks
-    // (window 0: once, before the first chunk). It is released as soon as
-    // the receiver has written all but the last window, so the receiver
-    // always has data queued while the acknowledgement travels, and at most
-    // two windows are ever unwritten. True when a release became due.
-    bool evaluateReleaseLocked(Upload& upload)
-    {
-        if (!upload.started || upload.releasePending) {
-            return false;
-        }
-        const uint64_t window = mOptions.ackWindow;
-        const bool atWaitPoint = window == 0 ? upload.chunksSeen == 0 && upload.ackSeen
-                                             : upload.chunksSeen > 0 && upload.chunksSeen % window == 0 &&
-                                                   upload.chunksAcked + window >= upload.chunksSeen;
-        if (!atWaitPoint || upload.releaseAt == static_cast<int64_t>(upload.chunksSeen)) {
-            return false;  // released at this point already
-        }
-        upload.releasePending = true;
-        upload.releaseAt = static_cast<int64_t>(upload.chunksSeen);
-        return true;
-    }
-
-    // A due release goes out at once from the calling thread when no
-    // bandwidth delay can hold NotifyUpload up (true: the caller calls it
-    // once unlocked); with flow control on, the pump sends it. Either way
-    // the pump repeats it until the worker moves on.
-    bool releaseDueLocked(Upload& upload)
-    {
-        if (!evaluateReleaseLocked(upload)) {
-            return false;
-        }
-        if (mFlowControl) {
-            kickPumpLocked();
-            return false;
-        }
-        upload.lastNudge = Clock::now();
-        return true;
-    }
-
-    // Whether a worker seen to be stalled may be let go: the window rule
-    // above, applied wherever it stopped (its count can be skewed by the
-    // previous file's worker, which resets the shared count when it ends).
-    bool mayReleaseLocked(const Upload& upload) const
-    {
-        const uint64_t window = mOptions.ackWindow;
-        return window == 0 || upload.chunksAcked + window >= upload.chunksSeen;
-    }
-
-    // Ends the session when a quiet file's source no longer matches what
-    // was announced: cut short (its worker has ended), or gone before its
-    // worker could open it. A file removed after it was opened is still
-    // read to its end, so that case waits.
-    void failIfSourceChanged(const Upload& upload)
-    {
-        struct stat status {};
-        std::string change;
-        if (::stat(upload.sourcePath.c_str(), &status) != 0) {
-            const int error = errno;
-            std::lock_guard<std::mutex> gate(mWorkerReads->Gate());
-            if (mWorkerReads->ChunksReadLocked() == 0 && upload.fileSize > 0) {
-                change = error == ENOENT ? "no longer exists" : "cannot be read: " + SystemErrorText(error);
-            }
-        } else if (static_cast<uint64_t>(status.st_size) != upload.fileSize) {
-            change = "changed while it was read (" + std::to_string(upload.fileSize) + " bytes announced, " +
-                     std::to_string(status.st_size) + " now)";
-        }
-        if (!change.empty()) {
-            finish(Outcome::kFailed, upload.sourcePath, upload.sourcePath + ": " + change);
-        }
-    }
-
-    // The only caller of NotifyUpload. The decisions above go by the data
-    // seen, which trails the worker; a release repeated after the worker
-    // has already moved on would free it from a later wait. So the window
-    // rule is checked again against the chunks the worker has really read,
-    // and the worker cannot read on until the release has been sent.
-    void releaseWorker()
-    {
-        std::lock_guard<std::mutex> gate(mWorkerReads->Gate());
+#ifndef NDEBUG
+        bool ended = false;
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            const Upload* upload = mFinished ? nullptr : streamingLocked();
-            if (upload == nullptr) {
-                return;
+            const SenderState state = mState.Current();
+            const bool beforeOffer = state == SenderState::kCreated || state == SenderState::kListRequested;
+            if (beforeOffer && (mList.Size() != 0 || mSummary.entriesTotal != 0)) {
+                HOST_LOG_E << "sender session: entries before the offer in " << detail::SenderStateName(state);
+                std::abort();
             }
-            const uint64_t window = mOptions.ackWindow;
-            const bool allowed = window == 0 ? upload->ackSeen
-                                             : upload->chunksAcked + window >= mWorkerReads->ChunksReadLocked();
-            if (!allowed) {
-                return;
+            if (mList.NextIndex() > mList.Size() || mList.SliceLeft() > detail::OfferedList::kSliceSize) {
+                HOST_LOG_E << "sender session: entry " << mList.NextIndex() << " announced of " << mList.Size();
+                std::abort();
             }
+            ended = mState.Finished();
         }
-        mManager->NotifyUpload();
-    }
-
-    void kickPumpLocked()
-    {
-        mPumpKicked = true;
-        mPumpWake.notify_one();
-    }
-
-    // Starts the oldest accepted file if nothing streams, and the ones after
-    // it that end inside their start (0-byte files). Called on the delivery
-    // and pump threads (`mayWait`), and from the data hand-off on the main
-    // looper, which only tries the engine lock (its holder may be joining
-    // that looper) and leaves the start to the pump when it is busy. The
-    // hand-off holds no engine lock, so ProcessFileUploadData (task lock,
-    // thread start) is safe there; a 0-byte file's empty piece comes back
-    // into onSendFileData inside it, and that nested call starts nothing.
-    void startUploads(bool mayWait)
-    {
-        if (mStartingOn.load() == std::this_thread::get_id()) {
-            return;  // nested: the loop below goes on with the next file
+        if (ended && !mPacer->Idle()) {
+            HOST_LOG_E << "sender session: files still paced after the end";
+            std::abort();
         }
-        std::unique_lock<std::mutex> engine(mEngineMutex, std::defer_lock);
-        if (mayWait) {
-            engine.lock();
-        } else if (!engine.try_lock()) {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mStartDue = true;
-            kickPumpLocked();
-            return;
-        }
-        mStartingOn = std::this_thread::get_id();
-        while (true) {
-            uint32_t transferId = 0;
-            {
-                std::lock_guard<std::mutex> lock(mMutex);
-                if (mFinished || mUploads.empty() || !mUploads.front().accepted || mUploads.front().started) {
-                    break;
-                }
-                Upload& upload = mUploads.front();
-                upload.started = true;
-                upload.lastChunk = Clock::now();
-                transferId = upload.transferId;
-                if (mPumpNapping) {
-                    kickPumpLocked();  // watch this transfer at the short cadence
-                }
-                if (evaluateReleaseLocked(upload)) {
-                    kickPumpLocked();
-                }
-            }
-            mWorkerReads->Reset();  // the previous worker has read all it will
-            mManager->ProcessFileUploadData(transferId);
-        }
-        mStartingOn = std::thread::id();
-    }
-
-    // The only caller of NotifyUpload, and the thread that stops the engine
-    // once the session is over (Cancel may come from an observer callback
-    // that runs inside an engine call). It also starts a file whose
-    // predecessor finished streaming. A due release is repeated until the
-    // worker hands out its next chunk (a NotifyUpload that beats the worker
-    // into its wait is lost); a transfer that has gone quiet although it
-    // may be released is nudged now and then.
-    void pumpAcknowledgements()
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        while (!mStopPump) {
-            mPumpKicked = false;
-            if (mEngineStopDue && !mEngineStopped) {
-                mEngineStopped = true;
-                lock.unlock();
-                {
-                    std::lock_guard<std::mutex> engine(mEngineMutex);
-                    mManager->Cancel();
-                }
-                lock.lock();
-                continue;
-            }
-            if (mStartDue) {
-                mStartDue = false;
-                lock.unlock();
-                startUploads(true);
-                lock.lock();
-                continue;
-            }
-            bool nudge = false;
-            std::optional<Upload> check;
-            Clock::duration sleepFor = kPumpIdleSleep;
-            Upload* upload = mFinished ? nullptr : streamingLocked();
-            if (upload != nullptr) {
-                const auto now = Clock::now();
-                const bool quiet = now - upload->lastChunk >= mOptions.idleNudgeAfter &&
-                                   now - upload->lastNudge >= mOptions.idleNudgeAfter;
-                sleepFor = mOptions.idleNudgeAfter;
-                if (upload->releasePending) {
-                    nudge = now - upload->lastNudge >= mOptions.renotifyInterval;
-                    sleepFor = mOptions.renotifyInterval;
-                } else if (quiet && mayReleaseLocked(*upload)) {
-                    nudge = true;
-                }
-                if (nudge) {
-                    upload->lastNudge = now;
-                }
-                if (now - upload->lastChunk >= kSourceCheckAfter && now - upload->lastSourceCheck >= kSourceCheckAfter &&
-                    mayReleaseLocked(*upload)) {
-                    upload->lastSourceCheck = now;
-                    check = *upload;
-                }
-            }
-            if (nudge) {
-                lock.unlock();
-                releaseWorker();
-                lock.lock();
-            }
-            if (check) {
-                lock.unlock();
-                failIfSourceChanged(*check);
-                lock.lock();
-                continue;
-            }
-            if (!mPumpKicked && !mStopPump) {
-                mPumpNapping = sleepFor == kPumpIdleSleep;
-                mPumpWake.wait_for(lock, sleepFor);
-                mPumpNapping = false;
-            }
-        }
+#endif
     }
 
     SenderOptions mOptions;
-    const bool mFlowControl;  // the engine may sleep inside NotifyUpload (bandwidth delay)
     std::unique_ptr<ITransport> mTransport;
     std::unique_ptr<IFileTransferManager> mManager;
-    detail::ReadCountingRateLimiter* mWorkerReads = nullptr;  // owned by mManager
-
     // Serialises the engine operations the endpoint's threads make (all but
-    // NotifyUpload): the engine's lists are not guarded against concurrent
-    // host calls. Inside a listener callback it is only ever tried.
+    // NotifyUpload). Inside a listener callback it is only ever tried.
     std::mutex mEngineMutex;
-    // Recursive: an observer may call Cancel() from a callback, and the
-    // OnFailure/OnFinished that Cancel reports then come on the same thread.
-    std::recursive_mutex mObserverMutex;
-    bool mObserverFinished = false;  // guarded by mObserverMutex
+    detail::ObserverRelay<SenderObserver> mObserver;
+    std::unique_ptr<detail::UploadPacer> mPacer;
 
-    mutable std::mutex mMutex;  // guards everything below
+    mutable std::mutex mMutex;  // the session lock: guards everything below
     std::condition_variable mChanged;
-    std::condition_variable mPumpWake;
-    std::vector<FileDescription> mList;
-    bool mOffered = false;
-    bool mListRequested = false;
-    bool mListSent = false;
-    std::string mListJson;
-    size_t mSliceLeft = 0;  // entries of the engine's current slice not yet announced
-    size_t mNextIndex = 0;
-    std::string mExpectedName;
-    std::deque<Upload> mUploads;  // announced files not yet all handed off, in list order
-    std::map<uint32_t, AnnouncedSource> mSourceByTransfer;
-    detail::SkippedEntries mSkipped;  // entries the receiver will not take
-    bool mFinished = false;
-    bool mStopPump = false;
-    bool mPumpKicked = false;  // something for the pump arrived since it last looked
-    bool mPumpNapping = false; // the pump sleeps the long, nothing-streams interval
-    bool mStartDue = false;    // the next accepted file may start streaming
-    std::atomic<std::thread::id> mStartingOn{};  // the thread inside startUploads, if any
-    bool mEngineStopDue = false;  // the session is over: the pump stops the engine
-    bool mEngineStopped = false;
+    detail::SenderSessionState mState;
+    detail::OfferedList mList;
     TransferSummary mSummary;
-    std::thread mPump;
 };
-
 SenderEndpoint::SenderEndpoint(std::unique_ptr<ITransport> transport, SenderOptions options)
     : mImpl(std::make_unique<Impl>(std::move(transport), std::move(options)))
 {
