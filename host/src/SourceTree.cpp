@@ -1,3 +1,21 @@
+// Why the sender builds its upload list itself, and how it matches the
+// engine:
+//
+// - List: the engine's enumeration (getTotalSize) skips hidden entries and
+//   never lists directories, and ValidateFileList leaves top-level
+//   directories as entries with their files in `expanded`. To copy like
+//   `cp -r` (hidden files and empty directories included) the list is
+//   built here, directories before their children: for each entry
+//   sourceDir = the copied root's parent, filePath = the relative
+//   sub-directory ("" at the top), fileName = the last component,
+//   attribute 0x10 (directory) or 0x80 (file), fileSize (a directory: the
+//   sum beneath it) and mode = the permission bits from stat (the engine's
+//   enumeration leaves mode 0). Symbolic links are followed; anything that
+//   is neither a file nor a directory is refused.
+// - Names: UploadFiles announces destFilePath + "/" + destFileName (or
+//   destFileName alone), so every entry gets destFilePath = filePath and
+//   destFileName = fileName: the announced name is then the request name
+//   the receiver's engine matches its records and marker tasks against.
 #include "SourceTree.h"
 
 #include <dirent.h>
