@@ -22,7 +22,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "SourceTree.h"
+#include "UploadList.h"
 
 namespace orin::xfer::host::detail {
 

@@ -30,7 +30,7 @@
 #include "HostLog.h"
 #include "ReadCountingRateLimiter.h"
 #include "SessionText.h"
-#include "SourceTree.h"
+#include "UploadList.h"
 #include "xferfm/host/ThreadLooperFactory.h"
 #include "xferfm/host/TokenBucketRateLimiter.h"
 
@@ -76,9 +76,9 @@ SenderEndpoint::Impl::~Impl()
     mManager.reset();  // the listener (this) outlives the engine
 }
 
-bool SenderEndpoint::Impl::Offer(const std::vector<std::string>& paths, std::string& error)
+bool SenderEndpoint::Impl::Offer(const SourcePlan& plan, std::string& error)
 {
-    const bool offered = offer(paths, error);
+    const bool offered = offer(plan, error);
     checkInvariants();
     return offered;
 }
@@ -111,12 +111,9 @@ TransferSummary SenderEndpoint::Impl::Summary() const
     return summaryLocked();
 }
 
-bool SenderEndpoint::Impl::offer(const std::vector<std::string>& paths, std::string& error)
+bool SenderEndpoint::Impl::offer(const SourcePlan& plan, std::string& error)
 {
-    std::vector<FileDescription> list;
-    if (!detail::BuildUploadList(paths, list, error)) {
-        return false;
-    }
+    std::vector<FileDescription> list = detail::UploadListOf(plan);
     std::lock_guard<std::mutex> engine(mEngineMutex);
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -249,7 +246,18 @@ SenderEndpoint::~SenderEndpoint() = default;
 
 bool SenderEndpoint::Offer(const std::vector<std::string>& paths, std::string& error)
 {
-    return mImpl->Offer(paths, error);
+    SourcePlan plan;
+    SourceProblem problem;
+    if (!PlanSources(paths, plan, problem)) {
+        error = DescribeSourceProblem(problem);
+        return false;
+    }
+    return mImpl->Offer(plan, error);
+}
+
+bool SenderEndpoint::Offer(const SourcePlan& plan, std::string& error)
+{
+    return mImpl->Offer(plan, error);
 }
 
 bool SenderEndpoint::WaitFinished(std::chrono::milliseconds timeout)

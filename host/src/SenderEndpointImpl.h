@@ -32,7 +32,7 @@ public:
     Impl(std::unique_ptr<ITransport> transport, SenderOptions options);
     ~Impl() override;
 
-    bool Offer(const std::vector<std::string>& paths, std::string& error);
+    bool Offer(const SourcePlan& plan, std::string& error);
     bool WaitFinished(std::chrono::milliseconds timeout);
     bool Finished() const;
     void Cancel();
@@ -52,7 +52,7 @@ public:
 private:
     enum class Outcome { kCompleted, kFailed, kCancelled };
 
-    bool offer(const std::vector<std::string>& paths, std::string& error);
+    bool offer(const SourcePlan& plan, std::string& error);
 
     void handle(FileListRequest&);
     void handle(NextFileRequest& request);

@@ -3,7 +3,7 @@
 //
 // - Names: UploadFiles announces destFilePath + "/" + destFileName (or
 //   destFileName alone), and every entry of the list has destFilePath =
-//   filePath and destFileName = fileName (SourceTree.cpp), so the announced
+//   filePath and destFileName = fileName (UploadList.cpp), so the announced
 //   name is the request name; onSendFileStart checks it against the name
 //   the receiver asked for.
 // - Transfer ids: this engine draws odd ids (3, 5, ...); they travel as

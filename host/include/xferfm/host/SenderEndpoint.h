@@ -1,7 +1,8 @@
 // The sending end of a copy: offers local files and streams them through
 // its own engine to a ReceiverEndpoint at the other end of a transport.
 //
-// Usage: construct with a transport end, Offer(paths), then WaitFinished
+// Usage: construct with a transport end, Offer(paths) (or Offer(plan)),
+// then WaitFinished
 // (or watch the observer's OnFinished) and read Summary(). One endpoint
 // serves one session (one offered list); Offer succeeds at most once.
 //
@@ -39,6 +40,7 @@
 #include <string>
 #include <vector>
 
+#include "xferfm/host/SourcePlan.h"
 #include "xferfm/host/TransferObserver.h"
 #include "xferfm/host/Transport.h"
 
@@ -72,6 +74,10 @@ public:
     // list was offered already or the session has ended; nothing is
     // offered then.
     bool Offer(const std::vector<std::string>& paths, std::string& error);
+    // Offers a plan made by PlanSources (for example one a tool has shown
+    // or hashed already), so the sources are walked once. False with
+    // `error` when a list was offered already or the session has ended.
+    bool Offer(const SourcePlan& plan, std::string& error);
 
     // True once the session has ended (completed, failed or cancelled);
     // false when `timeout` passed first.
