@@ -2,9 +2,9 @@
 // its own engine to a ReceiverEndpoint at the other end of a transport.
 //
 // Usage: construct with a transport end, Offer(paths) (or Offer(plan)),
-// then WaitFinished
-// (or watch the observer's OnFinished) and read Summary(). One endpoint
-// serves one session (one offered list); Offer succeeds at most once.
+// then WaitFinished (or watch the observer's OnFinished) and read
+// Summary(). One endpoint serves one session (one offered list); Offer
+// succeeds at most once.
 //
 // What is copied: like `cp -r`, files and directories with their contents,
 // hidden entries and empty directories included, symbolic links followed.
@@ -14,9 +14,9 @@
 //
 // THREADING CONTRACT
 // - Public operations may be called from any thread, concurrently.
-// - Offer describes the paths on the calling thread (it walks the trees
-//   and blocks for that long); WaitFinished blocks up to its timeout; the
-//   others return at once.
+// - Offer(paths) walks the sources on the calling thread and blocks for
+//   that long; WaitFinished blocks up to its timeout; the others return
+//   at once.
 // - The endpoint runs threads of its own: the transport's delivery thread,
 //   the engine's threads and a pacing thread. Observer callbacks come on
 //   those threads, one at a time (never two at once), and none comes after
