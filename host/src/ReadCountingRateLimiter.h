@@ -4,10 +4,10 @@
 // admits everything at once, so the engine never delays.
 //
 // The count is the only view of where the worker really is: its data
-// reaches the endpoint later, through the engine's main looper. A release
-// that the worker could mistake for a later window's must be decided
-// against this count, under Gate(), which Consume also takes, so the worker
-// cannot read on while a release is being decided and sent.
+// reaches the endpoint later, through the engine's main looper. The upload
+// pacer (UploadPacer) decides a release that the worker could mistake for
+// a later window's against this count, under Gate(), which Consume also
+// takes, so the worker cannot read on while a release is decided and sent.
 //
 // Threading: Consume, Acquire and GetBandwidth run on the upload worker;
 // SetBandwidth on the engine's caller; Reset and Gate on any thread.

@@ -1,166 +1,98 @@
+// The tool's sources come from the host kit's one walk (PlanSources), made
+// as strict as a copy needs: every file opened once, every SOURCE looked up
+// as written. Paths are shown as the user wrote them ("dir/" stays "dir/",
+// its files "dir//name"), and each problem becomes the ToolError it maps to.
 #include "SourcePlan.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <set>
 #include <utility>
 
 #include "ToolError.h"
+#include "xferfm/host/SourcePlan.h"
 
 namespace xferfm::cli {
 namespace {
 
-using FileIdentity = std::pair<dev_t, ino_t>;
+namespace host = orin::xfer::host;
 
-[[noreturn]] void unreadable(const std::string& path, const std::string& reason)
+// `walked` (a path under the root, as the kit walked it) as the user wrote
+// the root.
+std::string asWritten(const host::SourcePlan& plan, size_t rootIndex, const std::string& walked)
 {
-    throw ToolError(ExitCode::kSourceUnreadable, "cannot read '" + path + "': " + reason);
+    if (rootIndex >= plan.roots.size()) {
+        return walked;
+    }
+    const host::SourceRoot& root = plan.roots[rootIndex];
+    if (root.path.empty() || walked.compare(0, root.path.size(), root.path) != 0) {
+        return walked;  // the root itself, looked up as written
+    }
+    return root.given + walked.substr(root.path.size());
 }
 
-// stat that follows links, telling a broken link from a missing path.
-struct stat statFollowing(const std::string& path, bool topLevel)
+[[noreturn]] void throwProblem(const host::SourcePlan& plan, const host::SourceProblem& problem)
 {
-    struct stat status {};
-    if (::stat(path.c_str(), &status) == 0) {
-        return status;
+    const std::string given = problem.root < plan.roots.size() ? plan.roots[problem.root].given : problem.path;
+    const std::string path = asWritten(plan, problem.root, problem.path);
+    const auto unreadable = [&path](const std::string& reason) {
+        return ToolError(ExitCode::kSourceUnreadable, "cannot read '" + path + "': " + reason);
+    };
+    switch (problem.kind) {
+    case host::SourceProblemKind::kEmptyPath:
+        throw ToolError(ExitCode::kSourceMissing, "cannot copy '" + given + "': " + systemErrorText(ENOENT));
+    case host::SourceProblemKind::kMissing:
+        throw ToolError(ExitCode::kSourceMissing, "cannot copy '" + path + "': " + systemErrorText(problem.error));
+    case host::SourceProblemKind::kNoName:
+        throw ToolError(ExitCode::kUsage, "cannot copy '" + given + "': it has no name to copy it under");
+    case host::SourceProblemKind::kDuplicateName:
+        throw ToolError(ExitCode::kUsage,
+                        "cannot copy '" + given + "': another SOURCE is also named '" + problem.name + "'");
+    case host::SourceProblemKind::kBrokenLink:
+        throw unreadable("broken symbolic link");
+    case host::SourceProblemKind::kVanished:
+        throw unreadable("it vanished while being listed");
+    case host::SourceProblemKind::kNotFileOrDirectory:
+        throw unreadable("not a regular file or directory");
+    case host::SourceProblemKind::kLinkLoop:
+        throw unreadable("it links back into its own parent directories");
+    case host::SourceProblemKind::kUnreadable:
+        break;
     }
-    const int error = errno;
-    struct stat linkStatus {};
-    if (error == ENOENT && ::lstat(path.c_str(), &linkStatus) == 0 && S_ISLNK(linkStatus.st_mode)) {
-        unreadable(path, "broken symbolic link");
-    }
-    if (error == ENOENT && topLevel) {
-        throw ToolError(ExitCode::kSourceMissing, "cannot copy '" + path + "': " + systemErrorText(error));
-    }
-    if (error == ENOENT) {
-        unreadable(path, "it vanished while being listed");
-    }
-    unreadable(path, systemErrorText(error));
+    throw unreadable(systemErrorText(problem.error));
 }
-
-void checkReadable(const std::string& path)
-{
-    const int descriptor = ::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
-    if (descriptor < 0) {
-        unreadable(path, systemErrorText(errno));
-    }
-    ::close(descriptor);
-}
-
-class Walker {
-public:
-    explicit Walker(SourcePlan& plan) : mPlan(plan) {}
-
-    void add(const std::string& sourcePath, const std::string& relativePath, const struct stat& status)
-    {
-        SourceEntry entry;
-        entry.sourcePath = sourcePath;
-        entry.relativePath = relativePath;
-        entry.mode = status.st_mode & 07777;
-        entry.modified = status.st_mtim;
-        if (S_ISDIR(status.st_mode)) {
-            entry.isDirectory = true;
-            mPlan.entries.push_back(std::move(entry));
-            ++mPlan.directoryCount;
-            walkDirectory(sourcePath, relativePath, status);
-        } else if (S_ISREG(status.st_mode)) {
-            checkReadable(sourcePath);
-            entry.size = static_cast<uint64_t>(status.st_size);
-            mPlan.totalBytes += entry.size;
-            ++mPlan.fileCount;
-            mPlan.entries.push_back(std::move(entry));
-        } else {
-            unreadable(sourcePath, "not a regular file or directory");
-        }
-    }
-
-private:
-    void walkDirectory(const std::string& path, const std::string& relativePath, const struct stat& status)
-    {
-        const FileIdentity identity{status.st_dev, status.st_ino};
-        mAncestors.insert(identity);
-        for (const std::string& name : sortedNames(path)) {
-            const std::string childPath = path + "/" + name;
-            const struct stat childStatus = statFollowing(childPath, false);
-            if (S_ISDIR(childStatus.st_mode) && mAncestors.count({childStatus.st_dev, childStatus.st_ino}) > 0) {
-                unreadable(childPath, "it links back into its own parent directories");
-            }
-            add(childPath, relativePath + "/" + name, childStatus);
-        }
-        mAncestors.erase(identity);
-    }
-
-    static std::vector<std::string> sortedNames(const std::string& path)
-    {
-        DIR* directory = ::opendir(path.c_str());
-        if (directory == nullptr) {
-            unreadable(path, systemErrorText(errno));
-        }
-        std::vector<std::string> names;
-        errno = 0;
-        while (const dirent* entry = ::readdir(directory)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") {
-                names.push_back(name);
-            }
-        }
-        const int error = errno;
-        ::closedir(directory);
-        if (error != 0) {
-            unreadable(path, systemErrorText(error));
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    SourcePlan& mPlan;
-    std::set<FileIdentity> mAncestors;
-};
 
 }  // namespace
 
 std::string topLevelName(const std::string& source)
 {
-    std::string trimmed = source;
-    while (trimmed.size() > 1 && trimmed.back() == '/') {
-        trimmed.pop_back();
-    }
-    std::string name = trimmed.substr(trimmed.find_last_of('/') + 1);
-    if (name.empty() || name == "." || name == "..") {
-        char resolved[PATH_MAX];
-        if (::realpath(trimmed.c_str(), resolved) != nullptr) {
-            const std::string real = resolved;
-            name = real.substr(real.find_last_of('/') + 1);
-        }
-    }
-    return name;
+    return host::TopLevelName(source);
 }
 
 SourcePlan planSources(const std::vector<std::string>& sources)
 {
-    SourcePlan plan;
-    Walker walker(plan);
-    std::set<std::string> seenNames;
-    for (const std::string& source : sources) {
-        const struct stat status = statFollowing(source, true);
-        const std::string name = topLevelName(source);
-        if (name.empty()) {
-            throw ToolError(ExitCode::kUsage, "cannot copy '" + source + "': it has no name to copy it under");
-        }
-        if (!seenNames.insert(name).second) {
-            throw ToolError(ExitCode::kUsage,
-                            "cannot copy '" + source + "': another SOURCE is also named '" + name + "'");
-        }
-        plan.topLevelNames.push_back(name);
-        walker.add(source, name, status);
+    host::PlanOptions options;
+    options.openEveryFile = true;
+    options.pathsAsWritten = true;
+    host::SourcePlan walked;
+    host::SourceProblem problem;
+    if (!host::PlanSources(sources, walked, problem, options)) {
+        throwProblem(walked, problem);
     }
+    SourcePlan plan;
+    plan.entries.reserve(walked.entries.size());
+    for (const host::SourceEntry& from : walked.entries) {
+        SourceEntry entry;
+        entry.sourcePath = asWritten(walked, from.root, from.sourcePath);
+        entry.relativePath = from.relativePath;
+        entry.isDirectory = from.isDirectory;
+        entry.size = from.isDirectory ? 0 : from.size;
+        entry.mode = static_cast<mode_t>(from.mode);
+        entry.modified = from.modified;
+        plan.entries.push_back(std::move(entry));
+    }
+    plan.topLevelNames = std::move(walked.topLevelNames);
+    plan.totalBytes = walked.totalBytes;
+    plan.fileCount = walked.fileCount;
+    plan.directoryCount = walked.directoryCount;
     return plan;
 }
 

@@ -3,6 +3,9 @@
 // the copy must reproduce. Symbolic links are followed (a paste copies what
 // a link points to); a link that leads back into its own parent
 // directories cannot be copied and is refused.
+//
+// The walk is the host kit's (xferfm/host/SourcePlan.h); this is the tool's
+// view of it: paths as the user wrote them, problems as ToolErrors.
 #pragma once
 
 #include <sys/types.h>
@@ -33,7 +36,8 @@ struct SourcePlan {
 
 // Walks the sources. Throws ToolError: source missing (the path does not
 // exist), source unreadable (cannot be opened or listed, is a device, FIFO
-// or socket, a broken link or a link back into its parents), usage (two sources with the same name).
+// or socket, a broken link or a link back into its parents), usage (two
+// sources with the same name).
 // Every regular file is opened once here so that an unreadable file is
 // reported before anything is written.
 SourcePlan planSources(const std::vector<std::string>& sources);
