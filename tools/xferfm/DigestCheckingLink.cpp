@@ -25,24 +25,18 @@ std::string failureText(const DigestCheck& check)
 
 DigestCheckingLink::DigestCheckingLink(std::unique_ptr<host::ITransport> inner, Checker checker,
                                        std::shared_ptr<RemoteVerdict> verdict)
-    : mInner(std::move(inner)), mChecker(std::move(checker)), mVerdict(std::move(verdict))
+    : ForwardingTransport(std::move(inner)), mChecker(std::move(checker)), mVerdict(std::move(verdict))
 {
 }
 
-// The inner transport goes first: its deliveries call into this object.
-DigestCheckingLink::~DigestCheckingLink() { mInner.reset(); }
-
-void DigestCheckingLink::Start(host::ITransportHandler& handler)
-{
-    mHandler = &handler;
-    mInner->Start(*this);
-}
+// The inner transport goes first: its deliveries use this object's members.
+DigestCheckingLink::~DigestCheckingLink() { ReleaseInner(); }
 
 bool DigestCheckingLink::Send(host::Message message)
 {
     const auto* goodbye = std::get_if<host::Disconnect>(&message);
     if (goodbye == nullptr || !goodbye->completed) {
-        return mInner->Send(std::move(message));
+        return Inner().Send(std::move(message));
     }
     host::FileDigests expected;
     {
@@ -50,22 +44,20 @@ bool DigestCheckingLink::Send(host::Message message)
         expected = mExpected;
     }
     if (expected.empty()) {
-        return mInner->Send(std::move(message));
+        return Inner().Send(std::move(message));
     }
     const DigestCheck check = mChecker(expected);
     if (check.problems.empty()) {
         const std::string text = kVerifiedPrefix + std::to_string(check.filesCompared) +
                                  " files: SHA-256 of every copy matches its source";
         mVerdict->set(RemoteVerdict::State::kVerified, text);
-        return mInner->Send(host::Disconnect{true, text});
+        return Inner().Send(host::Disconnect{true, text});
     }
     const std::string text = failureText(check);
     mVerdict->set(RemoteVerdict::State::kFailed, text);
-    mInner->Send(host::TransferError{0, 0, text});
-    return mInner->Send(host::Disconnect{false, text});
+    Inner().Send(host::TransferError{0, 0, text});
+    return Inner().Send(host::Disconnect{false, text});
 }
-
-void DigestCheckingLink::Close() { mInner->Close(); }
 
 void DigestCheckingLink::OnMessage(host::Message message)
 {
@@ -74,9 +66,7 @@ void DigestCheckingLink::OnMessage(host::Message message)
         std::lock_guard<std::mutex> lock(mMutex);
         mExpected = std::move(digests);
     }
-    mHandler->OnMessage(std::move(message));
+    Handler().OnMessage(std::move(message));
 }
-
-void DigestCheckingLink::OnTransportClosed(const std::string& reason) { mHandler->OnTransportClosed(reason); }
 
 }  // namespace xferfm::cli

@@ -21,7 +21,7 @@
 
 #include "RemoteVerdict.h"
 #include "xferfm/host/FileListDigests.h"
-#include "xferfm/host/Transport.h"
+#include "xferfm/host/ForwardingTransport.h"
 
 namespace xferfm::cli {
 
@@ -30,7 +30,7 @@ struct DigestCheck {
     std::vector<std::string> problems;  // one per file that differs or is missing
 };
 
-class DigestCheckingLink final : public orin::xfer::host::ITransport, private orin::xfer::host::ITransportHandler {
+class DigestCheckingLink final : public orin::xfer::host::ForwardingTransport {
 public:
     using Checker = std::function<DigestCheck(const orin::xfer::host::FileDigests& expected)>;
 
@@ -40,18 +40,13 @@ public:
     DigestCheckingLink(const DigestCheckingLink&) = delete;
     DigestCheckingLink& operator=(const DigestCheckingLink&) = delete;
 
-    void Start(orin::xfer::host::ITransportHandler& handler) override;
     bool Send(orin::xfer::host::Message message) override;
-    void Close() override;
 
 private:
     void OnMessage(orin::xfer::host::Message message) override;
-    void OnTransportClosed(const std::string& reason) override;
 
-    std::unique_ptr<orin::xfer::host::ITransport> mInner;
     const Checker mChecker;
     const std::shared_ptr<RemoteVerdict> mVerdict;
-    orin::xfer::host::ITransportHandler* mHandler = nullptr;
     std::mutex mMutex;
     orin::xfer::host::FileDigests mExpected;
 };

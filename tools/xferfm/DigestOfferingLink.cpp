@@ -12,21 +12,15 @@ bool startsWith(const std::string& text, const char* prefix) { return text.rfind
 DigestOfferingLink::DigestOfferingLink(std::unique_ptr<host::ITransport> inner, host::FileDigests digests,
                                        std::shared_ptr<RemoteVerdict> verdict,
                                        std::function<void(const std::string&)> onLinkLost)
-    : mInner(std::move(inner)),
+    : ForwardingTransport(std::move(inner)),
       mDigests(std::move(digests)),
       mVerdict(std::move(verdict)),
       mOnLinkLost(std::move(onLinkLost))
 {
 }
 
-// The inner transport goes first: its deliveries call into this object.
-DigestOfferingLink::~DigestOfferingLink() { mInner.reset(); }
-
-void DigestOfferingLink::Start(host::ITransportHandler& handler)
-{
-    mHandler = &handler;
-    mInner->Start(*this);
-}
+// The inner transport goes first: its deliveries use this object's members.
+DigestOfferingLink::~DigestOfferingLink() { ReleaseInner(); }
 
 bool DigestOfferingLink::Send(host::Message message)
 {
@@ -35,10 +29,8 @@ bool DigestOfferingLink::Send(host::Message message)
         // A list this end cannot read goes as it is; the receiver judges it.
         host::AddFileDigests(list->json, mDigests, error);
     }
-    return mInner->Send(std::move(message));
+    return Inner().Send(std::move(message));
 }
-
-void DigestOfferingLink::Close() { mInner->Close(); }
 
 void DigestOfferingLink::OnMessage(host::Message message)
 {
@@ -54,7 +46,7 @@ void DigestOfferingLink::OnMessage(host::Message message)
             mVerdict->set(RemoteVerdict::State::kFailed, error->message);
         }
     }
-    mHandler->OnMessage(std::move(message));
+    Handler().OnMessage(std::move(message));
 }
 
 void DigestOfferingLink::OnTransportClosed(const std::string& reason)
@@ -62,7 +54,7 @@ void DigestOfferingLink::OnTransportClosed(const std::string& reason)
     if (mOnLinkLost && !mGoodbyeReceived) {
         mOnLinkLost(reason);
     }
-    mHandler->OnTransportClosed(reason);
+    Handler().OnTransportClosed(reason);
 }
 
 }  // namespace xferfm::cli

@@ -15,11 +15,11 @@
 
 #include "RemoteVerdict.h"
 #include "xferfm/host/FileListDigests.h"
-#include "xferfm/host/Transport.h"
+#include "xferfm/host/ForwardingTransport.h"
 
 namespace xferfm::cli {
 
-class DigestOfferingLink final : public orin::xfer::host::ITransport, private orin::xfer::host::ITransportHandler {
+class DigestOfferingLink final : public orin::xfer::host::ForwardingTransport {
 public:
     // `onLinkLost` runs on the delivery thread, before the endpoint hears
     // of the loss.
@@ -30,19 +30,15 @@ public:
     DigestOfferingLink(const DigestOfferingLink&) = delete;
     DigestOfferingLink& operator=(const DigestOfferingLink&) = delete;
 
-    void Start(orin::xfer::host::ITransportHandler& handler) override;
     bool Send(orin::xfer::host::Message message) override;
-    void Close() override;
 
 private:
     void OnMessage(orin::xfer::host::Message message) override;
     void OnTransportClosed(const std::string& reason) override;
 
-    std::unique_ptr<orin::xfer::host::ITransport> mInner;
     const orin::xfer::host::FileDigests mDigests;
     const std::shared_ptr<RemoteVerdict> mVerdict;
     const std::function<void(const std::string&)> mOnLinkLost;
-    orin::xfer::host::ITransportHandler* mHandler = nullptr;
     bool mGoodbyeReceived = false;  // delivery thread only
 };
 
