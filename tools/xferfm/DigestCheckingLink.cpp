@@ -8,17 +8,19 @@ namespace host = orin::xfer::host;
 // At most this many differing files are named; the count says the rest.
 constexpr size_t kProblemsNamed = 5;
 
-std::string failureText(const DigestCheck& check)
+host::VerifyVerdict verdictOf(const DigestCheck& check)
 {
-    std::string text = kVerifyFailedPrefix + std::to_string(check.problems.size()) + " of " +
-                       std::to_string(check.filesCompared) + " files differ from their source: ";
+    host::VerifyVerdict verdict;
+    verdict.matched = check.problems.empty();
+    verdict.filesCompared = check.filesCompared;
+    verdict.filesDiffering = check.problems.size();
     for (size_t index = 0; index < check.problems.size() && index < kProblemsNamed; ++index) {
-        text += (index ? "; " : "") + check.problems[index];
+        verdict.details += (index ? "; " : "") + check.problems[index];
     }
     if (check.problems.size() > kProblemsNamed) {
-        text += "; ...";
+        verdict.details += "; ...";
     }
-    return text;
+    return verdict;
 }
 
 }  // namespace
@@ -46,17 +48,12 @@ bool DigestCheckingLink::Send(host::Message message)
     if (expected.empty()) {
         return Inner().Send(std::move(message));
     }
-    const DigestCheck check = mChecker(expected);
-    if (check.problems.empty()) {
-        const std::string text = kVerifiedPrefix + std::to_string(check.filesCompared) +
-                                 " files: SHA-256 of every copy matches its source";
-        mVerdict->set(RemoteVerdict::State::kVerified, text);
-        return Inner().Send(host::Disconnect{true, text});
+    const host::VerifyVerdict verdict = verdictOf(mChecker(expected));
+    mVerdict->set(verdict.matched ? RemoteVerdict::State::kVerified : RemoteVerdict::State::kFailed, verdict.Text());
+    if (!verdict.matched) {
+        Inner().Send(host::VerdictError(verdict));
     }
-    const std::string text = failureText(check);
-    mVerdict->set(RemoteVerdict::State::kFailed, text);
-    Inner().Send(host::TransferError{0, 0, text});
-    return Inner().Send(host::Disconnect{false, text});
+    return Inner().Send(host::VerdictDisconnect(verdict));
 }
 
 void DigestCheckingLink::OnMessage(host::Message message)

@@ -1,13 +1,9 @@
 #include "DigestOfferingLink.h"
 
+#include <optional>
+
 namespace xferfm::cli {
-namespace {
-
 namespace host = orin::xfer::host;
-
-bool startsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
-
-}  // namespace
 
 DigestOfferingLink::DigestOfferingLink(std::unique_ptr<host::ITransport> inner, host::FileDigests digests,
                                        std::shared_ptr<RemoteVerdict> verdict,
@@ -36,13 +32,12 @@ void DigestOfferingLink::OnMessage(host::Message message)
 {
     if (const auto* goodbye = std::get_if<host::Disconnect>(&message)) {
         mGoodbyeReceived = true;
-        if (goodbye->completed && startsWith(goodbye->reason, kVerifiedPrefix)) {
-            mVerdict->set(RemoteVerdict::State::kVerified, goodbye->reason);
-        } else if (startsWith(goodbye->reason, kVerifyFailedPrefix)) {
-            mVerdict->set(RemoteVerdict::State::kFailed, goodbye->reason);
+        if (const std::optional<host::VerifyVerdict> verdict = host::VerdictOf(*goodbye)) {
+            mVerdict->set(verdict->matched ? RemoteVerdict::State::kVerified : RemoteVerdict::State::kFailed,
+                          goodbye->reason);
         }
     } else if (const auto* error = std::get_if<host::TransferError>(&message)) {
-        if (startsWith(error->message, kVerifyFailedPrefix)) {
+        if (host::VerdictOf(*error)) {
             mVerdict->set(RemoteVerdict::State::kFailed, error->message);
         }
     }

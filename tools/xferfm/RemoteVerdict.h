@@ -1,7 +1,7 @@
 // The outcome of `send --verify` as the two ends of a network copy agree on
-// it. The receiver sends it in the words below, in its closing Disconnect
-// (and a TransferError first when files differ), so that the sender can
-// tell a verification failure from any other.
+// it. The receiver sends it as a VerifyVerdict in its closing Disconnect
+// (and a TransferError first when files differ: TransportMessages.h), so
+// that the sender can tell a verification failure from any other.
 //
 // Threading: a RemoteVerdict is filled on a link's delivery thread and read
 // by the command's thread; every access takes its mutex.
@@ -11,11 +11,6 @@
 #include <string>
 
 namespace xferfm::cli {
-
-// "verified 3 files: SHA-256 of every copy matches its source"
-constexpr const char* kVerifiedPrefix = "verified ";
-// "verify failed: 1 of 3 files differ: ..."
-constexpr const char* kVerifyFailedPrefix = "verify failed: ";
 
 class RemoteVerdict {
 public:

@@ -133,8 +133,7 @@ int runServe(const ServeOptions& options, ToolContext& context)
             }
         }
         ++sessions;
-        const std::string busy = "xferfm serve is busy with another sender (session " + std::to_string(sessions) +
-                                 "); try again when it is done";
+        const std::string busy = host::BusyDisconnect("xferfm serve", sessions).reason;
         WaitingRoom room(listener, std::move(waiting), kWaitingPatience, busy, [&context](const std::string& peer) {
             context.console.writeLine("xferfm serve: turned away " + peer + ": busy with another sender");
         });
