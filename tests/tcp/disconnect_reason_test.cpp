@@ -73,7 +73,8 @@ TEST(DisconnectReasonTest, AFailedVerdictTravelsTypedInTheErrorAndTheGoodbye)
     verdict.filesCompared = 4;
     verdict.filesDiffering = 1;
     verdict.details = "'d/f.txt' has sha256 00, its source 11";
-    EXPECT_EQ(verdict.Text(), "verify failed: 1 of 4 files differ from their source: 'd/f.txt' has sha256 00, its source 11");
+    EXPECT_EQ(verdict.Text(),
+              "verify failed: 1 of 4 files differ from their source: 'd/f.txt' has sha256 00, its source 11");
 
     const Disconnect goodbye = std::get<Disconnect>(OverTheWire(VerdictDisconnect(verdict)));
     EXPECT_FALSE(goodbye.completed);

@@ -8,26 +8,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <deque>
 #include <iostream>
-#include <thread>
 
-#include "ServeSession.h"
-#include "WaitingRoom.h"
+#include "ServeReport.h"
 #include "ToolError.h"
 #include "TreeRemoval.h"
+#include "xferfm/host/NetworkReceiver.h"
+#include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/TcpListener.h"
 
 namespace xferfm::cli {
 namespace {
 
 namespace host = orin::xfer::host;
-
-constexpr std::chrono::milliseconds kAcceptWait{200};
-// A sender that connects during a session waits this long for its turn:
-// enough for back-to-back senders, well inside its link's 10 s silence
-// timeout, after which it is told the server is busy.
-constexpr std::chrono::milliseconds kWaitingPatience{4000};
 
 // DEST_DIR as an absolute path, or ToolError when it cannot receive.
 std::string usableDestination(const std::string& destinationDir)
@@ -70,17 +63,37 @@ void writePortFile(const std::string& path, uint16_t port)
     }
 }
 
-int exitCodeOf(ServeSessionResult::Outcome outcome)
-{
-    switch (outcome) {
-    case ServeSessionResult::Outcome::kOk: return toInt(ExitCode::kOk);
-    case ServeSessionResult::Outcome::kVerifyFailed: return toInt(ExitCode::kVerifyMismatch);
-    case ServeSessionResult::Outcome::kInterrupted: return toInt(ExitCode::kInterrupted);
-    case ServeSessionResult::Outcome::kRefused: return toInt(ExitCode::kNamesRefused);
-    case ServeSessionResult::Outcome::kFailed: break;
+// Prints what the kit's receiver reports, as it happens.
+class ServePrinter final : public host::NetworkReceiverObserver {
+public:
+    ServePrinter(ToolContext& context, std::chrono::milliseconds listTimeout)
+        : mContext(context), mListTimeout(listTimeout)
+    {
     }
-    return toInt(ExitCode::kTransferFailed);
-}
+
+    void OnEntryRefused(unsigned number, const std::string& peer, const host::RefusedEntry& entry) override
+    {
+        mContext.console.writeLine(host::PrintableText(sessionPrefix(number, peer) + "not copied: " + entry.reason));
+    }
+    void OnSessionEnded(const host::ReceivedSession& session) override
+    {
+        std::cout << sessionLine(session, mListTimeout) << std::endl;
+        mExitCode = exitCodeOf(session);
+    }
+    void OnTurnedAway(const std::string& peer) override
+    {
+        mContext.console.writeLine("xferfm serve: turned away " + peer + ": busy with another sender");
+    }
+    void OnAcceptFailed(const std::string& error) override { mContext.console.writeLine("xferfm serve: " + error); }
+
+    // The exit code of the last session (Run's thread only).
+    int lastExitCode() const { return mExitCode; }
+
+private:
+    ToolContext& mContext;
+    const std::chrono::milliseconds mListTimeout;
+    int mExitCode = toInt(ExitCode::kInterrupted);
+};
 
 }  // namespace
 
@@ -102,51 +115,25 @@ int runServe(const ServeOptions& options, ToolContext& context)
         writePortFile(options.portFile, listener.Port());
     }
 
-    ActiveCache activeCache;
+    host::NetworkReceiverOptions receiverOptions;
+    receiverOptions.destinationDir = destination;
+    receiverOptions.maxSessions = options.once ? 1 : 0;
+    ServePrinter printer(context, receiverOptions.listTimeout);
+    host::NetworkReceiver receiver(listener, receiverOptions, printer);
     ScopedSignalHooks hooks(
-        context.signals, [] {},  // the session loop polls interrupted() and cancels
-        [&activeCache] {
-            std::lock_guard<std::mutex> lock(activeCache.mutex);
-            if (!activeCache.path.empty()) {
-                removeTree(activeCache.path);
+        context.signals, [&receiver] { receiver.Stop(); },
+        [&receiver] {
+            const std::string cache = receiver.ActiveCacheDirectory();
+            if (!cache.empty()) {
+                removeTree(cache);
             }
         });
-
-    unsigned sessions = 0;
-    std::deque<WaitingSender> waiting;  // connected while the last session ran
-    while (!context.signals.interrupted()) {
-        host::TcpSocket connection;
-        if (!waiting.empty()) {
-            connection = std::move(waiting.front().connection);
-            waiting.pop_front();
-        } else {
-            const auto accepted = listener.Accept(kAcceptWait, connection, error);
-            if (accepted == host::TcpListener::AcceptResult::kTimedOut) {
-                continue;
-            }
-            if (accepted == host::TcpListener::AcceptResult::kFailed) {
-                // Out of descriptors and the like: say so, then try again
-                // rather than leave the senders that will come later.
-                context.console.writeLine("xferfm serve: " + error);
-                std::this_thread::sleep_for(kAcceptWait);
-                continue;
-            }
-        }
-        ++sessions;
-        const std::string busy = host::BusyDisconnect("xferfm serve", sessions).reason;
-        WaitingRoom room(listener, std::move(waiting), kWaitingPatience, busy, [&context](const std::string& peer) {
-            context.console.writeLine("xferfm serve: turned away " + peer + ": busy with another sender");
-        });
-        const ServeSessionResult result =
-            runServeSession(std::move(connection), destination, sessions, context, activeCache);
-        waiting = room.Leave();
-        std::cout << result.line << std::endl;
-        if (options.once) {
-            for (const WaitingSender& sender : waiting) {
-                WaitingRoom::TurnAway(sender.connection, "xferfm serve has finished its one session");
-            }
-            return exitCodeOf(result.outcome);
-        }
+    if (context.signals.interrupted()) {  // Ctrl-C came before the hook was in place
+        receiver.Stop();
+    }
+    receiver.Run();
+    if (options.once) {
+        return printer.lastExitCode();
     }
     return toInt(ExitCode::kInterrupted);
 }

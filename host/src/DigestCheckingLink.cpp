@@ -1,16 +1,14 @@
 #include "DigestCheckingLink.h"
 
-namespace xferfm::cli {
+namespace orin::xfer::host {
 namespace {
-
-namespace host = orin::xfer::host;
 
 // At most this many differing files are named; the count says the rest.
 constexpr size_t kProblemsNamed = 5;
 
-host::VerifyVerdict verdictOf(const DigestCheck& check)
+VerifyVerdict VerdictOfCheck(const DigestCheck& check)
 {
-    host::VerifyVerdict verdict;
+    VerifyVerdict verdict;
     verdict.matched = check.problems.empty();
     verdict.filesCompared = check.filesCompared;
     verdict.filesDiffering = check.problems.size();
@@ -25,22 +23,22 @@ host::VerifyVerdict verdictOf(const DigestCheck& check)
 
 }  // namespace
 
-DigestCheckingLink::DigestCheckingLink(std::unique_ptr<host::ITransport> inner, Checker checker,
-                                       std::shared_ptr<RemoteVerdict> verdict)
-    : ForwardingTransport(std::move(inner)), mChecker(std::move(checker)), mVerdict(std::move(verdict))
+DigestCheckingLink::DigestCheckingLink(std::unique_ptr<ITransport> inner, Checker checker,
+                                       std::function<void(const VerifyVerdict&)> onVerdict)
+    : ForwardingTransport(std::move(inner)), mChecker(std::move(checker)), mOnVerdict(std::move(onVerdict))
 {
 }
 
 // The inner transport goes first: its deliveries use this object's members.
 DigestCheckingLink::~DigestCheckingLink() { ReleaseInner(); }
 
-bool DigestCheckingLink::Send(host::Message message)
+bool DigestCheckingLink::Send(Message message)
 {
-    const auto* goodbye = std::get_if<host::Disconnect>(&message);
+    const auto* goodbye = std::get_if<Disconnect>(&message);
     if (goodbye == nullptr || !goodbye->completed) {
         return Inner().Send(std::move(message));
     }
-    host::FileDigests expected;
+    FileDigests expected;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         expected = mExpected;
@@ -48,22 +46,24 @@ bool DigestCheckingLink::Send(host::Message message)
     if (expected.empty()) {
         return Inner().Send(std::move(message));
     }
-    const host::VerifyVerdict verdict = verdictOf(mChecker(expected));
-    mVerdict->set(verdict.matched ? RemoteVerdict::State::kVerified : RemoteVerdict::State::kFailed, verdict.Text());
-    if (!verdict.matched) {
-        Inner().Send(host::VerdictError(verdict));
+    const VerifyVerdict verdict = VerdictOfCheck(mChecker(expected));
+    if (mOnVerdict) {
+        mOnVerdict(verdict);
     }
-    return Inner().Send(host::VerdictDisconnect(verdict));
+    if (!verdict.matched) {
+        Inner().Send(VerdictError(verdict));
+    }
+    return Inner().Send(VerdictDisconnect(verdict));
 }
 
-void DigestCheckingLink::OnMessage(host::Message message)
+void DigestCheckingLink::OnMessage(Message message)
 {
-    if (const auto* list = std::get_if<host::FileListMessage>(&message)) {
-        host::FileDigests digests = host::FileDigestsOf(list->json);
+    if (const auto* list = std::get_if<FileListMessage>(&message)) {
+        FileDigests digests = FileDigestsOf(list->json);
         std::lock_guard<std::mutex> lock(mMutex);
         mExpected = std::move(digests);
     }
     Handler().OnMessage(std::move(message));
 }
 
-}  // namespace xferfm::cli
+}  // namespace orin::xfer::host
