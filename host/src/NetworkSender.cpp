@@ -12,8 +12,17 @@ namespace orin::xfer::host {
 
 NetworkSender::NetworkSender(NetworkSenderOptions options) : mOptions(std::move(options)) {}
 
-// The endpoint's destructor cancels and tears the link down.
-NetworkSender::~NetworkSender() = default;
+// The endpoint goes first, without the lock (its link's last deliveries
+// take it): its destructor cancels and tears the link down, after which
+// nothing calls into the members below.
+NetworkSender::~NetworkSender()
+{
+    std::unique_ptr<SenderEndpoint> endpoint;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        endpoint = std::move(mEndpoint);
+    }
+}
 
 const char* NetworkSender::StateName(State state)
 {

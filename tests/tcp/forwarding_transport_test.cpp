@@ -53,10 +53,10 @@ struct WrappedLink {
 
 TEST(ForwardingTransportTest, AWrapperThatOverridesNothingPassesEverythingThroughBothWays)
 {
+    RecordingHandler peerHandler;  // outlive the transports that call them
+    RecordingHandler wrappedHandler;
     std::unique_ptr<PlainWrapper> wrapper;
     WrappedLink link = WrappedLink::Make(wrapper);
-    RecordingHandler peerHandler;
-    RecordingHandler wrappedHandler;
     link.peer->Start(peerHandler);
     wrapper->Start(wrappedHandler);
 
@@ -73,10 +73,10 @@ TEST(ForwardingTransportTest, AWrapperThatOverridesNothingPassesEverythingThroug
 
 TEST(ForwardingTransportTest, AWrapperChangesOnlyWhatItOverrides)
 {
+    RecordingHandler peerHandler;  // outlive the transports that call them
+    RecordingHandler wrappedHandler;
     std::unique_ptr<RenamingWrapper> wrapper;
     WrappedLink link = WrappedLink::Make(wrapper);
-    RecordingHandler peerHandler;
-    RecordingHandler wrappedHandler;
     link.peer->Start(peerHandler);
     wrapper->Start(wrappedHandler);
 
@@ -90,10 +90,10 @@ TEST(ForwardingTransportTest, AWrapperChangesOnlyWhatItOverrides)
 
 TEST(ForwardingTransportTest, DataReachesTheWrapperAsAnOrdinaryMessage)
 {
+    RecordingHandler peerHandler;  // outlive the transports that call them
+    RecordingHandler wrappedHandler;
     std::unique_ptr<RenamingWrapper> wrapper;
     WrappedLink link = WrappedLink::Make(wrapper);
-    RecordingHandler peerHandler;
-    RecordingHandler wrappedHandler;
     link.peer->Start(peerHandler);
     wrapper->Start(wrappedHandler);
 
@@ -106,10 +106,10 @@ TEST(ForwardingTransportTest, DataReachesTheWrapperAsAnOrdinaryMessage)
 
 TEST(ForwardingTransportTest, CloseReachesThePeerAndEndsTheDeliveries)
 {
+    RecordingHandler peerHandler;  // outlive the transports that call them
+    RecordingHandler wrappedHandler;
     std::unique_ptr<PlainWrapper> wrapper;
     WrappedLink link = WrappedLink::Make(wrapper);
-    RecordingHandler peerHandler;
-    RecordingHandler wrappedHandler;
     link.peer->Start(peerHandler);
     wrapper->Start(wrappedHandler);
 

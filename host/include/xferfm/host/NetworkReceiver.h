@@ -24,11 +24,12 @@
 //    hook, say), also before Run or after it returned. Stop cancels the
 //    session in progress (its outcome: kCancelled); senders still waiting
 //    are then dropped without a word.
-// 3. Observer calls are never concurrent with each other for one session,
-//    but come from several threads: OnSessionStarted, OnSessionEnded and
-//    OnAcceptFailed from Run's thread, OnEntryRefused from the session's
-//    delivery thread, OnTurnedAway from the thread that watches the
-//    waiting senders. They must be quick and must not call Run.
+// 3. Observer calls come from three threads and may overlap:
+//    OnSessionStarted, OnSessionEnded and OnAcceptFailed from Run's thread;
+//    OnEntryRefused from the session's delivery thread (all of a session's
+//    refusals before its first file is asked for, and before its
+//    OnSessionEnded); OnTurnedAway from the thread that watches the
+//    waiting senders. They must be quick; they may call Stop, never Run.
 // 4. Lifetime: the listener and the observer must outlive the receiver;
 //    destroy the receiver only after Run has returned.
 #pragma once

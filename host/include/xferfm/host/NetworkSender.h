@@ -18,8 +18,9 @@
 //
 // THREADING CONTRACT
 // 1. Connect and Offer are called once each, in that order, by one host
-//    thread; Connect blocks up to `connectTimeout`. WaitFinished blocks up
-//    to its timeout.
+//    thread, Offer only after Connect returned true; Connect blocks up to
+//    `connectTimeout`, Offer while the sources are listed. WaitFinished
+//    blocks up to its timeout.
 // 2. Cancel, Finished, WaitFinished and Result may be called from any
 //    thread (Cancel also from a signal hook or an endpoint observer
 //    callback); Cancel is idempotent.
