@@ -237,5 +237,21 @@ TEST(NetworkSessionTest, StopCancelsTheSessionInProgress)
     EXPECT_EQ(ReasonOf(*goodbye), DisconnectReason::kCancelled);
 }
 
+TEST(NetworkSessionTest, ASenderThatOffersNoListInTimeEndsItsSessionAsAListTimeOut)
+{
+    TempDir scratch;
+    WriteText(scratch / "dest/.keep", "");
+    NetworkReceiverOptions options;
+    options.listTimeout = 300ms;
+    ServingReceiver receiver(scratch / "dest", options);
+
+    RawClient silent(receiver.Address().port);
+    ASSERT_TRUE(silent.SendHello());
+    ASSERT_TRUE(receiver.WaitForSessions(1));
+    const ReceivedSession session = receiver.Log().Sessions().front();
+    EXPECT_EQ(session.outcome, ReceivedSession::Outcome::kListTimeout) << session.failure;
+    EXPECT_FALSE(session.summary.completed);
+}
+
 }  // namespace
 }  // namespace xferfm::tcptest
