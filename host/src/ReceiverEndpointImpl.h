@@ -26,7 +26,6 @@
 #include "ReceiverSessionState.h"
 #include "ReceiverSlotTable.h"
 #include "RequestGate.h"
-#include "SessionText.h"
 #include "xferfm/host/JobCountingLooperFactory.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 

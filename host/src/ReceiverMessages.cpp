@@ -248,7 +248,7 @@ void ReceiverEndpoint::Impl::receiveData(uint32_t senderId, const uint8_t* bytes
 
 void ReceiverEndpoint::Impl::handle(Disconnect& goodbye)
 {
-    if (goodbye.reason == kCancelledReason) {
+    if (ReasonOf(goodbye) == DisconnectReason::kCancelled) {
         {
             std::lock_guard<std::mutex> lock(mMutex);
             mState.NotePeerCancelled();

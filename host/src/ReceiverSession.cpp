@@ -313,7 +313,7 @@ void ReceiverEndpoint::Impl::conclude(bool ok)
     if (ok) {
         mTransport->Send(Disconnect{true, ""});
     } else if (cancelRequested && !failedHere) {
-        mTransport->Send(Disconnect{false, kCancelledReason});
+        mTransport->Send(CancelledDisconnect());
     } else {
         if (!fromPeer) {
             mTransport->Send(TransferError{taskId, senderId, failureMessage});

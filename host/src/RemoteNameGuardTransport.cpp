@@ -9,7 +9,7 @@ RemoteNameGuardTransport::RemoteNameGuardTransport(std::unique_ptr<ITransport> i
                                                    FileListLimits listLimits,
                                                    std::function<void(const std::string&)> onRefused,
                                                    std::function<void(const RefusedEntry&)> onEntryRefused)
-    : mInner(std::move(inner)),
+    : ForwardingTransport(std::move(inner)),
       mDestinationRoot(std::move(destinationRoot)),
       mListLimits(listLimits),
       mOnRefused(std::move(onRefused)),
@@ -17,14 +17,8 @@ RemoteNameGuardTransport::RemoteNameGuardTransport(std::unique_ptr<ITransport> i
 {
 }
 
-// The inner transport goes first: its deliveries call into this object.
-RemoteNameGuardTransport::~RemoteNameGuardTransport() { mInner.reset(); }
-
-void RemoteNameGuardTransport::Start(ITransportHandler& handler)
-{
-    mHandler = &handler;
-    mInner->Start(*this);
-}
+// The inner transport goes first: its deliveries use this object's members.
+RemoteNameGuardTransport::~RemoteNameGuardTransport() { ReleaseInner(); }
 
 // The endpoint counts entries in the list it was given; the sender in the
 // list it offered. A request beyond the endpoint's list stays beyond.
@@ -38,10 +32,8 @@ bool RemoteNameGuardTransport::Send(Message message)
                                                    : mOfferedCount + (request->index - kept);
         }
     }
-    return mInner->Send(std::move(message));
+    return ForwardingTransport::Send(std::move(message));
 }
-
-void RemoteNameGuardTransport::Close() { mInner->Close(); }
 
 void RemoteNameGuardTransport::OnMessage(Message message)
 {
@@ -61,13 +53,13 @@ void RemoteNameGuardTransport::OnMessage(Message message)
         mListSeen = true;
         ScreenList(*list);
     }
-    mHandler->OnMessage(std::move(message));
+    Handler().OnMessage(std::move(message));
 }
 
 void RemoteNameGuardTransport::OnTransportClosed(const std::string& reason)
 {
     if (!mRefused) {
-        mHandler->OnTransportClosed(reason);
+        Handler().OnTransportClosed(reason);
     }
 }
 
@@ -87,7 +79,7 @@ void RemoteNameGuardTransport::ScreenList(FileListMessage& list)
         if (mOnEntryRefused) {
             mOnEntryRefused(entry);
         }
-        mInner->Send(EntryRefused{entry.index, entry.reason});
+        Inner().Send(EntryRefused{entry.index, entry.reason});
     }
     list.json = std::move(screened.json);
 }
@@ -98,10 +90,10 @@ void RemoteNameGuardTransport::Refuse(const std::string& refusal)
     if (mOnRefused) {
         mOnRefused(refusal);
     }
-    mInner->Send(TransferError{0, 0, refusal});
-    mInner->Send(Disconnect{false, refusal});
-    mInner->Close();  // from the delivery thread: no further deliveries
-    mHandler->OnTransportClosed(refusal);
+    Inner().Send(TransferError{0, 0, refusal});
+    Inner().Send(Disconnect{false, refusal});
+    Inner().Close();  // from the delivery thread: no further deliveries
+    Handler().OnTransportClosed(refusal);
 }
 
 }  // namespace orin::xfer::host

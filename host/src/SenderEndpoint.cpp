@@ -29,7 +29,6 @@
 
 #include "HostLog.h"
 #include "ReadCountingRateLimiter.h"
-#include "SessionText.h"
 #include "UploadList.h"
 #include "xferfm/host/ThreadLooperFactory.h"
 #include "xferfm/host/TokenBucketRateLimiter.h"
@@ -101,7 +100,7 @@ bool SenderEndpoint::Impl::Finished() const
 // Safe from observer callbacks: the engine is stopped by the pump thread.
 void SenderEndpoint::Impl::Cancel()
 {
-    finish(Outcome::kCancelled, "", kCancelledReason);
+    finish(Outcome::kCancelled, "", CancelledDisconnect().reason);
     checkInvariants();
 }
 
@@ -186,7 +185,7 @@ bool SenderEndpoint::Impl::finish(Outcome outcome, const std::string& path, cons
         if (outcome == Outcome::kFailed) {
             mTransport->Send(TransferError{0, 0, message});
         }
-        mTransport->Send(Disconnect{false, outcome == Outcome::kCancelled ? kCancelledReason : message});
+        mTransport->Send(outcome == Outcome::kCancelled ? CancelledDisconnect() : Disconnect{false, message});
     }
     if (outcome == Outcome::kFailed) {
         mObserver.Notify([&](SenderObserver& observer) { observer.OnFailure(path, message); });

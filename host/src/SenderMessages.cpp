@@ -6,7 +6,6 @@
 
 #include "HostLog.h"
 #include "SenderEndpointImpl.h"
-#include "SessionText.h"
 
 namespace orin::xfer::host {
 
@@ -148,7 +147,7 @@ void SenderEndpoint::Impl::handle(Disconnect& goodbye)
         }
         reportSkipped(passedOver);
         finish(Outcome::kCompleted, "", "", false);
-    } else if (goodbye.reason == kCancelledReason) {
+    } else if (ReasonOf(goodbye) == DisconnectReason::kCancelled) {
         finish(Outcome::kCancelled, "", "the receiver cancelled the copy", false);
     } else {
         finish(Outcome::kFailed, "", "the receiver left: " + goodbye.reason, false);

@@ -18,30 +18,20 @@ const char* InjectedFaultName(InjectedFault fault)
 }
 
 FaultInjectingTransport::FaultInjectingTransport(std::unique_ptr<ITransport> inner, FaultPlan plan)
-    : mInner(std::move(inner)), mPlan(plan)
+    : ForwardingTransport(std::move(inner)), mPlan(plan)
 {
 }
 
+// Once closed from this thread, the inner end calls into this object no more.
 FaultInjectingTransport::~FaultInjectingTransport()
 {
-    mInner->Close();
-}
-
-void FaultInjectingTransport::Start(ITransportHandler& handler)
-{
-    mHandler = &handler;
-    mInner->Start(*this);
+    Inner().Close();
 }
 
 bool FaultInjectingTransport::Send(Message message)
 {
     noteTransfer(message);
-    return mInner->Send(std::move(message));
-}
-
-void FaultInjectingTransport::Close()
-{
-    mInner->Close();
+    return ForwardingTransport::Send(std::move(message));
 }
 
 // Both directions carry the sender's ids: FileStart from the sender,
@@ -64,7 +54,7 @@ void FaultInjectingTransport::OnMessage(Message message)
     }
     noteTransfer(message);
     const uint64_t count = ++mDelivered;
-    mHandler->OnMessage(std::move(message));
+    Handler().OnMessage(std::move(message));
     if (mPlan.fault != InjectedFault::kNone && count == mPlan.afterMessages && !mFired.exchange(true)) {
         fire();
     }
@@ -76,7 +66,7 @@ void FaultInjectingTransport::OnTransportClosed(const std::string& reason)
         return;
     }
     mClosedToHandler = true;
-    mHandler->OnTransportClosed(reason);
+    Handler().OnTransportClosed(reason);
 }
 
 // On the delivery thread, right after the triggering message was handled.
@@ -96,12 +86,12 @@ void FaultInjectingTransport::fire()
     default: break;
     }
     if (mPlan.fault != InjectedFault::kCutLink) {
-        mInner->Send(TransferError{taskId, transferId, "injected failure of transfer " + std::to_string(transferId)});
-        mInner->Send(Disconnect{false, "injected failure"});
+        Inner().Send(TransferError{taskId, transferId, "injected failure of transfer " + std::to_string(transferId)});
+        Inner().Send(Disconnect{false, "injected failure"});
     }
-    mInner->Close();
+    Inner().Close();
     mClosedToHandler = true;
-    mHandler->OnTransportClosed("the link was cut by the test");
+    Handler().OnTransportClosed("the link was cut by the test");
 }
 
 }  // namespace orin::xfer::host::test

@@ -16,7 +16,7 @@
 #include <mutex>
 #include <string>
 
-#include "xferfm/host/Transport.h"
+#include "xferfm/host/ForwardingTransport.h"
 
 namespace orin::xfer::host::test {
 
@@ -35,16 +35,14 @@ struct FaultPlan {
     uint64_t afterMessages = 0;  // fires on arrival of this message from the peer (1 = the first)
 };
 
-class FaultInjectingTransport final : public ITransport, private ITransportHandler {
+class FaultInjectingTransport final : public ForwardingTransport {
 public:
     FaultInjectingTransport(std::unique_ptr<ITransport> inner, FaultPlan plan);
     ~FaultInjectingTransport() override;
     FaultInjectingTransport(const FaultInjectingTransport&) = delete;
     FaultInjectingTransport& operator=(const FaultInjectingTransport&) = delete;
 
-    void Start(ITransportHandler& handler) override;
     bool Send(Message message) override;
-    void Close() override;
 
     bool Fired() const { return mFired.load(); }
     uint64_t MessagesDelivered() const { return mDelivered.load(); }
@@ -55,9 +53,7 @@ private:
     void fire();
     void noteTransfer(const Message& message);
 
-    std::unique_ptr<ITransport> mInner;
     const FaultPlan mPlan;
-    ITransportHandler* mHandler = nullptr;
     std::atomic<bool> mFired{false};
     std::atomic<uint64_t> mDelivered{0};
     bool mClosedToHandler = false;  // delivery thread only

@@ -6,7 +6,7 @@
 #include <optional>
 #include <thread>
 
-#include "Sha256.h"
+#include "xferfm/host/Sha256.h"
 
 namespace xferfm::cli {
 namespace {
@@ -27,7 +27,7 @@ void hashAll(std::vector<HashJob>& jobs, const std::function<bool()>& stopReques
             if (stopRequested && stopRequested()) {
                 return;
             }
-            jobs[index].digest = sha256OfFile(jobs[index].path, jobs[index].error);
+            jobs[index].digest = orin::xfer::host::Sha256OfFile(jobs[index].path, jobs[index].error);
         }
     };
     std::thread helper(work);

@@ -38,7 +38,7 @@
 #include <vector>
 
 #include "xferfm/host/FileList.h"
-#include "xferfm/host/Transport.h"
+#include "xferfm/host/ForwardingTransport.h"
 
 namespace orin::xfer::host {
 
@@ -49,7 +49,7 @@ struct RefusedEntry {
     std::string reason;  // names the entry (quoted) and the rule it broke
 };
 
-class RemoteNameGuardTransport final : public ITransport, private ITransportHandler {
+class RemoteNameGuardTransport final : public ForwardingTransport {
 public:
     // `destinationRoot`: the receiver's destination directory, for the
     // symbolic-link check of each entry's parents.
@@ -61,9 +61,7 @@ public:
     RemoteNameGuardTransport(const RemoteNameGuardTransport&) = delete;
     RemoteNameGuardTransport& operator=(const RemoteNameGuardTransport&) = delete;
 
-    void Start(ITransportHandler& handler) override;
     bool Send(Message message) override;
-    void Close() override;
 
 private:
     void OnMessage(Message message) override;
@@ -74,12 +72,10 @@ private:
     // Ends the session over an announcement with a refused name.
     void Refuse(const std::string& refusal);
 
-    std::unique_ptr<ITransport> mInner;
     const std::string mDestinationRoot;
     const FileListLimits mListLimits;
     const std::function<void(const std::string&)> mOnRefused;
     const std::function<void(const RefusedEntry&)> mOnEntryRefused;
-    ITransportHandler* mHandler = nullptr;
     bool mRefused = false;   // delivery thread only
     bool mListSeen = false;  // delivery thread only
 

@@ -40,6 +40,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -113,7 +114,9 @@ struct EntryRefused {
     std::string reason;  // names the entry and the rule it broke
 };
 
-// Either way: this end leaves the session.
+// Either way: this end leaves the session. Read why with ReasonOf (and
+// VerdictOf after a verification); build the ones with a fixed meaning
+// with the functions below rather than by hand.
 struct Disconnect {
     bool completed = false;  // true after a full copy
     std::string reason;
@@ -136,5 +139,48 @@ inline uint64_t DataBytesOf(const Message& message)
 
 // A short name of the message kind, for logs and errors.
 const char* MessageName(const Message& message);
+
+// Why an end left a session: the typed form of a Disconnect. A Disconnect
+// keeps its wire form (the completed flag and a text), and the kinds with a
+// fixed meaning have fixed texts (docs/protocol.md); this header is the one
+// place that writes and reads them, so no other code compares the texts.
+enum class DisconnectReason {
+    kCompleted,     // the whole list was copied
+    kVerified,      // copied, and every copy matched its source's digest
+    kCancelled,     // a user cancelled the copy at the end that left
+    kBusy,          // the receiver serves another sender; try again later
+    kVerifyFailed,  // copied, but some copies differ from their sources
+    kFailed,        // any other end of the session; the text says why
+};
+
+// A short name of the reason, for logs.
+const char* DisconnectReasonName(DisconnectReason reason);
+
+// The receiving end's verdict on a copy whose list carried digests.
+struct VerifyVerdict {
+    bool matched = false;         // every file compared matched its digest
+    uint64_t filesCompared = 0;
+    uint64_t filesDiffering = 0;  // 0 when matched
+    std::string details;          // names what differs, when not matched
+
+    // The verdict in words, as both ends print it: "verified 3 files: ..."
+    // or "verify failed: 1 of 3 files differ from their source: ...".
+    std::string Text() const;
+};
+
+DisconnectReason ReasonOf(const Disconnect& goodbye);
+// The verdict a Disconnect (kVerified, kVerifyFailed) or a TransferError
+// carries, if any.
+std::optional<VerifyVerdict> VerdictOf(const Disconnect& goodbye);
+std::optional<VerifyVerdict> VerdictOf(const TransferError& error);
+
+// The goodbyes with a fixed meaning. `server` names the busy receiver in
+// the words its user knows it by ("xferfm serve"); `session` numbers the
+// session it is busy with.
+Disconnect CancelledDisconnect();
+Disconnect BusyDisconnect(const std::string& server, unsigned session);
+Disconnect VerdictDisconnect(const VerifyVerdict& verdict);
+// The TransferError that goes ahead of a failed verdict's Disconnect.
+TransferError VerdictError(const VerifyVerdict& verdict);
 
 }  // namespace orin::xfer::host

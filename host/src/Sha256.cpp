@@ -1,4 +1,4 @@
-#include "Sha256.h"
+#include "xferfm/host/Sha256.h"
 
 #include <fcntl.h>
 #include <openssl/evp.h>
@@ -8,9 +8,9 @@
 #include <memory>
 #include <vector>
 
-#include "ToolError.h"
+#include "SystemErrorText.h"
 
-namespace xferfm::cli {
+namespace orin::xfer::host {
 namespace {
 
 struct DigestContextDeleter {
@@ -34,11 +34,11 @@ constexpr size_t kReadSize = 1024 * 1024;
 
 }  // namespace
 
-std::optional<std::string> sha256OfFile(const std::string& path, std::string& error)
+std::optional<std::string> Sha256OfFile(const std::string& path, std::string& error)
 {
     Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.fd < 0) {
-        error = systemErrorText(errno);
+        error = SystemErrorText(errno);
         return std::nullopt;
     }
     ::posix_fadvise(file.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -54,7 +54,7 @@ std::optional<std::string> sha256OfFile(const std::string& path, std::string& er
             if (errno == EINTR) {
                 continue;
             }
-            error = systemErrorText(errno);
+            error = SystemErrorText(errno);
             return std::nullopt;
         }
         if (got == 0) {
@@ -75,4 +75,4 @@ std::optional<std::string> sha256OfFile(const std::string& path, std::string& er
     return hex;
 }
 
-}  // namespace xferfm::cli
+}  // namespace orin::xfer::host

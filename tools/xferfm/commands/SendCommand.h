@@ -1,6 +1,6 @@
 // `xferfm send HOST:PORT SOURCE...`: offers the sources to an `xferfm
 // serve` over TCP and streams every file it asks for through the host
-// kit's SenderEndpoint. With --verify the SHA-256 of every source file goes
+// kit's NetworkSender. With --verify the SHA-256 of every source file goes
 // along in the file list and the receiver checks each copy against it.
 //
 // Threading: runs on the calling thread until the copy has ended; progress
@@ -8,7 +8,7 @@
 // Ctrl-C cancels the copy (the receiver removes the file in flight).
 #pragma once
 
-#include "NetworkCommandLine.h"
+#include "CommandOptions.h"
 #include "ToolContext.h"
 
 namespace xferfm::cli {

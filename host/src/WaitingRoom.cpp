@@ -8,10 +8,9 @@
 
 #include "xferfm/host/FrameCodec.h"
 
-namespace xferfm::cli {
+namespace orin::xfer::host {
 namespace {
 
-namespace host = orin::xfer::host;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kAcceptWait{100};
@@ -35,12 +34,12 @@ void sendAll(int fd, const std::vector<uint8_t>& bytes)
 
 }  // namespace
 
-WaitingRoom::WaitingRoom(host::TcpListener& listener, std::deque<WaitingSender> waiting,
-                         std::chrono::milliseconds patience, std::string busyReason,
+WaitingRoom::WaitingRoom(TcpListener& listener, std::deque<WaitingSender> waiting,
+                         std::chrono::milliseconds patience, Disconnect busy,
                          std::function<void(const std::string&)> onTurnedAway)
     : mListener(listener),
       mPatience(patience),
-      mBusyReason(std::move(busyReason)),
+      mBusy(std::move(busy)),
       mOnTurnedAway(std::move(onTurnedAway)),
       mWaiting(std::move(waiting))
 {
@@ -82,15 +81,15 @@ void WaitingRoom::run()
             }
         }
         for (const WaitingSender& sender : tooLong) {
-            const std::string peer = host::PeerAddressOf(sender.connection.Fd());
-            TurnAway(sender.connection, mBusyReason);
+            const std::string peer = PeerAddressOf(sender.connection.Fd());
+            TurnAway(sender.connection, mBusy);
             if (mOnTurnedAway) {
                 mOnTurnedAway(peer);
             }
         }
-        host::TcpSocket connection;
+        TcpSocket connection;
         std::string error;
-        if (mListener.Accept(kAcceptWait, connection, error) == host::TcpListener::AcceptResult::kAccepted) {
+        if (mListener.Accept(kAcceptWait, connection, error) == TcpListener::AcceptResult::kAccepted) {
             std::lock_guard<std::mutex> lock(mMutex);
             mWaiting.push_back(WaitingSender{std::move(connection), Clock::now()});
         }
@@ -100,13 +99,13 @@ void WaitingRoom::run()
 // Hello, the reason, the end of our stream; then read until the peer hangs
 // up, so that closing with its unread hello does not reset the connection
 // before the reason arrives.
-void WaitingRoom::TurnAway(const host::TcpSocket& connection, const std::string& reason)
+void WaitingRoom::TurnAway(const TcpSocket& connection, const Disconnect& goodbye)
 {
     std::vector<uint8_t> frames;
     std::string unused;
-    const host::FrameEncoder encoder;
+    const FrameEncoder encoder;
     encoder.AppendHello(frames);
-    encoder.Append(host::Disconnect{false, reason}, frames, unused);
+    encoder.Append(goodbye, frames, unused);
     sendAll(connection.Fd(), frames);
     ::shutdown(connection.Fd(), SHUT_WR);
     const auto deadline = Clock::now() + kGoodbyeWait;
@@ -124,4 +123,4 @@ void WaitingRoom::TurnAway(const host::TcpSocket& connection, const std::string&
     }
 }
 
-}  // namespace xferfm::cli
+}  // namespace orin::xfer::host

@@ -9,15 +9,13 @@
 #include <mutex>
 #include <set>
 
-#include "DigestOfferingLink.h"
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
-#include "Sha256.h"
 #include "SourcePlan.h"
 #include "ToolError.h"
+#include "xferfm/host/NetworkSender.h"
 #include "xferfm/host/RemoteNameGuard.h"
-#include "xferfm/host/SenderEndpoint.h"
-#include "xferfm/host/TcpTransport.h"
+#include "xferfm/host/Sha256.h"
 #include "xferfm/host/TransferObserver.h"
 
 namespace xferfm::cli {
@@ -118,7 +116,7 @@ host::FileDigests hashSources(const SourcePlan& plan)
             continue;
         }
         std::string error;
-        const std::optional<std::string> digest = sha256OfFile(entry.sourcePath, error);
+        const std::optional<std::string> digest = host::Sha256OfFile(entry.sourcePath, error);
         if (!digest) {
             throw ToolError(ExitCode::kSourceUnreadable, "cannot read '" + entry.sourcePath + "': " + error);
         }
@@ -147,47 +145,35 @@ int runSend(const SendOptions& options, ToolContext& context)
         throw ToolError(ExitCode::kInterrupted, "interrupted before anything was sent");
     }
 
-    host::HostPort address;
+    host::NetworkSenderOptions senderOptions;
     std::string error;
-    if (!host::ParseHostPort(options.address, address, error)) {
+    if (!host::ParseHostPort(options.address, senderOptions.address, error)) {
         throw ToolError(ExitCode::kUsage, error);
     }
-    host::TcpSocket connection = host::ConnectTcp(address, kConnectTimeout, error);
-    if (!connection.Valid()) {
-        throw ToolError(ExitCode::kTransferFailed, error);
-    }
-
     ProgressTracker tracker;
     tracker.start(plan.totalBytes, plan.fileCount);
     ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
     SendProgress progress(tracker, plan, context.console);
-    auto verdict = std::make_shared<RemoteVerdict>();
-    // The link's own words when it is lost: the endpoint may report the
-    // engine's view of the same event (a transfer failed) before its own.
-    auto linkLoss = std::make_shared<RemoteVerdict>();
+    senderOptions.connectTimeout = kConnectTimeout;
+    senderOptions.digests = digests;
+    senderOptions.endpoint.ackWindow = options.window;
+    senderOptions.endpoint.bandwidthKbps = options.bandwidthKbps;
+    senderOptions.endpoint.flowControl = options.bandwidthKbps != 0;
+    senderOptions.endpoint.observer = &progress;
 
-    host::SenderOptions senderOptions;
-    senderOptions.ackWindow = options.window;
-    senderOptions.bandwidthKbps = options.bandwidthKbps;
-    senderOptions.flowControl = options.bandwidthKbps != 0;
-    senderOptions.observer = &progress;
-    host::TcpTransportOptions linkOptions;
-    linkOptions.threadName = "xfer-send";
-
-    const auto started = Clock::now();
-    host::TransferSummary summary;
+    Clock::time_point started;  // once connected
+    host::SentSession result;
     {
-        auto link = std::make_unique<DigestOfferingLink>(
-            std::make_unique<host::TcpTransport>(std::move(connection), linkOptions), digests, verdict,
-            [linkLoss](const std::string& reason) { linkLoss->set(RemoteVerdict::State::kFailed, reason); });
-        host::SenderEndpoint sender(std::move(link), senderOptions);
-        if (!sender.Offer(options.sources, error)) {
+        host::NetworkSender sender(senderOptions);
+        if (!sender.Connect(error)) {
+            throw ToolError(ExitCode::kTransferFailed, error);
+        }
+        started = Clock::now();
+        const host::NetworkSender::OfferResult offered = sender.Offer(options.sources, error);
+        if (offered != host::NetworkSender::OfferResult::kOffered) {
             context.engineLog.silence();
-            // The receiver may have ended the session before anything was
-            // offered (a busy server): that, not the sources, is the news.
-            if (sender.Finished() && !sender.Summary().error.empty()) {
-                throw ToolError(ExitCode::kTransferFailed,
-                                "send failed: " + host::PrintableText(sender.Summary().error));
+            if (offered == host::NetworkSender::OfferResult::kEndedByReceiver) {
+                throw ToolError(ExitCode::kTransferFailed, "send failed: " + host::PrintableText(error));
             }
             throw ToolError(ExitCode::kSourceUnreadable, "cannot read sources: " + error);
         }
@@ -204,35 +190,36 @@ int runSend(const SendOptions& options, ToolContext& context)
         while (!sender.WaitFinished(std::chrono::seconds(1))) {
         }
         renderer.stop();
-        summary = sender.Summary();
-        if (!summary.completed) {
+        result = sender.Result();
+        if (!result.summary.completed) {
             context.engineLog.silence();  // the failure is ours to report from here on
         }
     }
     const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+    const host::TransferSummary& summary = result.summary;
 
-    if (context.signals.interrupted()) {
+    using Outcome = host::SentSession::Outcome;
+    if (context.signals.interrupted() || result.outcome == Outcome::kCancelled) {
         throw ToolError(ExitCode::kInterrupted, "interrupted; the receiver removes the file that was in flight");
     }
     // What the receiver said is shown with its control bytes escaped.
-    if (verdict->state() == RemoteVerdict::State::kFailed) {
-        throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + host::PrintableText(verdict->text()));
+    if (result.outcome == Outcome::kVerifyFailed) {
+        throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + host::PrintableText(result.verdict->Text()));
     }
-    const bool ranToEnd = summary.completed || summary.partial;
-    if (!ranToEnd && linkLoss->state() == RemoteVerdict::State::kFailed) {
+    if (result.outcome == Outcome::kLinkLost) {
         throw ToolError(ExitCode::kTransferFailed,
-                        "send failed: the link to the receiver was lost: " + host::PrintableText(linkLoss->text()));
+                        "send failed: the link to the receiver was lost: " + host::PrintableText(result.failure));
     }
-    if (!ranToEnd) {
+    if (result.outcome == Outcome::kFailed) {
         const std::string failure = progress.failure();
         throw ToolError(ExitCode::kTransferFailed,
-                        "send failed: " + host::PrintableText(failure.empty() ? summary.error : failure));
+                        "send failed: " + host::PrintableText(failure.empty() ? result.failure : failure));
     }
-    if (verdict->state() == RemoteVerdict::State::kVerified) {
-        std::cout << host::PrintableText(verdict->text()) << "\n";
+    if (result.verdict && result.verdict->matched) {
+        std::cout << host::PrintableText(result.verdict->Text()) << "\n";
     }
     std::cout << summaryLine(summary, options.address, seconds) << std::endl;
-    if (summary.partial) {
+    if (result.outcome == Outcome::kPartial) {
         // Each entry was named on stderr as it was refused; this sums up.
         throw ToolError(ExitCode::kNamesRefused, "not everything was sent: " + host::PrintableText(summary.error));
     }

@@ -1,8 +1,8 @@
-// Senders that connect while `serve` is busy with one: each waits, without
-// a word from the server, for up to `patience` (well inside its link's
-// silence timeout) and becomes the next session if the current one ends
-// by then; one that has waited longer is turned away with a reason it can
-// print ("busy with another sender").
+// Senders that connect while a NetworkReceiver is busy with one: each
+// waits, without a word from the receiver, for up to `patience` (well
+// inside its link's silence timeout) and becomes the next session if the
+// current one ends by then; one that has waited longer is turned away with
+// a goodbye it can print (BusyDisconnect).
 //
 // Threading: a WaitingRoom owns one thread from construction until Leave
 // (or destruction), the only user of the listener meanwhile; `onTurnedAway`
@@ -17,19 +17,20 @@
 #include <thread>
 
 #include "xferfm/host/TcpListener.h"
+#include "xferfm/host/TransportMessages.h"
 
-namespace xferfm::cli {
+namespace orin::xfer::host {
 
 struct WaitingSender {
-    orin::xfer::host::TcpSocket connection;
+    TcpSocket connection;
     std::chrono::steady_clock::time_point since;
 };
 
 class WaitingRoom {
 public:
     // `waiting`: senders still waiting from before, oldest first.
-    WaitingRoom(orin::xfer::host::TcpListener& listener, std::deque<WaitingSender> waiting,
-                std::chrono::milliseconds patience, std::string busyReason,
+    WaitingRoom(TcpListener& listener, std::deque<WaitingSender> waiting,
+                std::chrono::milliseconds patience, Disconnect busy,
                 std::function<void(const std::string& peer)> onTurnedAway);
     ~WaitingRoom();
     WaitingRoom(const WaitingRoom&) = delete;
@@ -38,16 +39,16 @@ public:
     // Stops accepting and hands over who still waits, oldest first.
     std::deque<WaitingSender> Leave();
 
-    // Turns `sender` away now: hello, the reason, end of stream.
-    static void TurnAway(const orin::xfer::host::TcpSocket& connection, const std::string& reason);
+    // Turns `sender` away now: hello, the goodbye, end of stream.
+    static void TurnAway(const TcpSocket& connection, const Disconnect& goodbye);
 
 private:
     void run();
     void stop();
 
-    orin::xfer::host::TcpListener& mListener;
+    TcpListener& mListener;
     const std::chrono::milliseconds mPatience;
-    const std::string mBusyReason;
+    const Disconnect mBusy;
     const std::function<void(const std::string&)> mOnTurnedAway;
     std::mutex mMutex;
     bool mStopping = false;
@@ -55,4 +56,4 @@ private:
     std::thread mThread;
 };
 
-}  // namespace xferfm::cli
+}  // namespace orin::xfer::host

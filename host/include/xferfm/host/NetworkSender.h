@@ -1,0 +1,111 @@
+// Sends a copy over TCP to a NetworkReceiver: the sending side of a
+// network copy, for any host.
+//
+// Usage: construct with options, Connect, Offer the sources, then
+// WaitFinished until it returns true and read Result. With digests in the
+// options (Sha256OfFile of every file, by the name the receiver knows it
+// by) the copy is verified: the digests travel in the file list, the
+// receiver hashes what landed and its verdict comes back typed in Result.
+//
+// The link, innermost first: TcpTransport (frames, liveness) -> a digest
+// offer (adds the digests, reads the verdict, notes a link lost before the
+// receiver's goodbye) -> SenderEndpoint.
+//
+// The session is a state machine, each change logged with its reason:
+//   kIdle -> kConnecting -> kConnected -> kSending -> kEnded
+//   kSending -> kCancelling (Cancel) -> kEnded
+//   kConnecting / kConnected -> kEnded (no connection; nothing to offer)
+//
+// THREADING CONTRACT
+// 1. Connect and Offer are called once each, in that order, by one host
+//    thread, Offer only after Connect returned true; Connect blocks up to
+//    `connectTimeout`, Offer while the sources are listed. WaitFinished
+//    blocks up to its timeout.
+// 2. Cancel, Finished, WaitFinished and Result may be called from any
+//    thread (Cancel also from a signal hook or an endpoint observer
+//    callback); Cancel is idempotent.
+// 3. The endpoint observer in `endpoint.observer` is called as
+//    SenderEndpoint calls it (TransferObserver.h); it must outlive the
+//    NetworkSender.
+// 4. The destructor cancels a session still running and waits until the
+//    endpoint and the link are torn down. Never destroy a NetworkSender
+//    from its observer's callbacks.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "xferfm/host/FileListDigests.h"
+#include "xferfm/host/SenderEndpoint.h"
+#include "xferfm/host/TcpSocket.h"
+#include "xferfm/host/TransportMessages.h"
+
+namespace orin::xfer::host {
+
+struct NetworkSenderOptions {
+    HostPort address;
+    std::chrono::milliseconds connectTimeout{10000};
+    SenderOptions endpoint;
+    FileDigests digests;  // empty: no verification
+};
+
+// How the session ended.
+struct SentSession {
+    enum class Outcome {
+        kCompleted,     // every entry went over
+        kPartial,       // the receiver refused some entries; the rest went over
+        kVerifyFailed,  // the receiver found copies that differ from their sources
+        kCancelled,     // Cancel was called
+        kLinkLost,      // the link broke before the receiver said goodbye
+        kFailed,        // anything else (the receiver ended it, say): `failure` says why
+    };
+    Outcome outcome = Outcome::kFailed;
+    std::string failure;  // kLinkLost, kFailed: why, in the link's or the receiver's words
+    TransferSummary summary;
+    std::optional<VerifyVerdict> verdict;  // the receiver's, when digests went along
+};
+
+class NetworkSender final {
+public:
+    enum class OfferResult {
+        kOffered,
+        kSourcesUnusable,    // `error` names the source and why
+        kEndedByReceiver,    // the receiver ended the session first (busy, say): `error` has its words
+    };
+
+    explicit NetworkSender(NetworkSenderOptions options);
+    ~NetworkSender();
+    NetworkSender(const NetworkSender&) = delete;
+    NetworkSender& operator=(const NetworkSender&) = delete;
+
+    // False with `error` set when the receiver cannot be reached.
+    bool Connect(std::string& error);
+    OfferResult Offer(const std::vector<std::string>& sources, std::string& error);
+
+    bool WaitFinished(std::chrono::milliseconds timeout);
+    bool Finished() const;
+    void Cancel();
+    // Meaningful once Finished.
+    SentSession Result() const;
+
+private:
+    enum class State { kIdle, kConnecting, kConnected, kSending, kCancelling, kEnded };
+    static const char* StateName(State state);
+    void SetState(State next, const std::string& why);  // with mMutex held
+    SenderEndpoint* Endpoint() const;
+
+    const NetworkSenderOptions mOptions;
+    TcpSocket mConnection;  // until Offer hands it to the link
+    mutable std::mutex mMutex;  // guards the members below
+    std::unique_ptr<SenderEndpoint> mEndpoint;  // set by Offer, then fixed until destruction
+    State mState = State::kIdle;
+    bool mCancelRequested = false;  // the cause, kept past kCancelling
+    std::optional<VerifyVerdict> mVerdict;
+    std::optional<std::string> mLinkLost;
+};
+
+}  // namespace orin::xfer::host

@@ -1,0 +1,53 @@
+#include "DigestOfferingLink.h"
+
+#include <optional>
+
+namespace orin::xfer::host {
+
+DigestOfferingLink::DigestOfferingLink(std::unique_ptr<ITransport> inner, FileDigests digests,
+                                       std::function<void(const VerifyVerdict&)> onVerdict,
+                                       std::function<void(const std::string&)> onLinkLost)
+    : ForwardingTransport(std::move(inner)),
+      mDigests(std::move(digests)),
+      mOnVerdict(std::move(onVerdict)),
+      mOnLinkLost(std::move(onLinkLost))
+{
+}
+
+// The inner transport goes first: its deliveries use this object's members.
+DigestOfferingLink::~DigestOfferingLink() { ReleaseInner(); }
+
+bool DigestOfferingLink::Send(Message message)
+{
+    if (auto* list = std::get_if<FileListMessage>(&message); list != nullptr && !mDigests.empty()) {
+        std::string error;
+        // A list this end cannot read goes as it is; the receiver judges it.
+        AddFileDigests(list->json, mDigests, error);
+    }
+    return Inner().Send(std::move(message));
+}
+
+void DigestOfferingLink::OnMessage(Message message)
+{
+    std::optional<VerifyVerdict> verdict;
+    if (const auto* goodbye = std::get_if<Disconnect>(&message)) {
+        mGoodbyeReceived = true;
+        verdict = VerdictOf(*goodbye);
+    } else if (const auto* error = std::get_if<TransferError>(&message)) {
+        verdict = VerdictOf(*error);
+    }
+    if (verdict && mOnVerdict) {
+        mOnVerdict(*verdict);
+    }
+    Handler().OnMessage(std::move(message));
+}
+
+void DigestOfferingLink::OnTransportClosed(const std::string& reason)
+{
+    if (mOnLinkLost && !mGoodbyeReceived) {
+        mOnLinkLost(reason);
+    }
+    Handler().OnTransportClosed(reason);
+}
+
+}  // namespace orin::xfer::host

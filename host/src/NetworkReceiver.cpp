@@ -1,0 +1,85 @@
+// The serve loop: one session at a time, the senders that come meanwhile
+// held in a WaitingRoom, which is the listener's only user while a session
+// runs. Stop only raises a flag: the loop and the session in progress poll
+// it, so no endpoint is ever called from the host's stopping thread.
+#include "xferfm/host/NetworkReceiver.h"
+
+#include <deque>
+#include <thread>
+
+#include "ReceiveSession.h"
+#include "WaitingRoom.h"
+
+namespace orin::xfer::host {
+namespace {
+
+constexpr std::chrono::milliseconds kAcceptWait{200};
+
+}  // namespace
+
+NetworkReceiver::NetworkReceiver(TcpListener& listener, NetworkReceiverOptions options,
+                                 NetworkReceiverObserver& observer)
+    : mListener(listener), mOptions(std::move(options)), mObserver(observer)
+{
+}
+
+void NetworkReceiver::Stop() { mStopRequested = true; }
+
+std::string NetworkReceiver::ActiveCacheDirectory() const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mActiveCache;
+}
+
+void NetworkReceiver::Run()
+{
+    unsigned sessions = 0;
+    std::deque<WaitingSender> waiting;  // connected while the last session ran
+    while (!mStopRequested.load()) {
+        TcpSocket connection;
+        if (!waiting.empty()) {
+            connection = std::move(waiting.front().connection);
+            waiting.pop_front();
+        } else {
+            std::string error;
+            const auto accepted = mListener.Accept(kAcceptWait, connection, error);
+            if (accepted == TcpListener::AcceptResult::kTimedOut) {
+                continue;
+            }
+            if (accepted == TcpListener::AcceptResult::kFailed) {
+                // Out of descriptors and the like: say so, then try again
+                // rather than leave the senders that will come later.
+                mObserver.OnAcceptFailed(error);
+                std::this_thread::sleep_for(kAcceptWait);
+                continue;
+            }
+        }
+        ++sessions;
+        WaitingRoom room(mListener, std::move(waiting), mOptions.waitingPatience,
+                         BusyDisconnect(mOptions.serverName, sessions),
+                         [this](const std::string& peer) { mObserver.OnTurnedAway(peer); });
+        detail::ReceiveSessionSetup setup;
+        setup.number = sessions;
+        setup.options = &mOptions;
+        setup.observer = &mObserver;
+        setup.stopRequested = &mStopRequested;
+        setup.onCacheDirectory = [this](const std::string& cacheDirectory) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mActiveCache = cacheDirectory;
+        };
+        const ReceivedSession session = detail::RunReceiveSession(std::move(connection), setup);
+        waiting = room.Leave();
+        mObserver.OnSessionEnded(session);
+        if (mOptions.maxSessions != 0 && sessions >= mOptions.maxSessions) {
+            const std::string finished = mOptions.serverName + " has finished its " +
+                                         (sessions == 1 ? std::string("one session")
+                                                        : std::to_string(sessions) + " sessions");
+            for (const WaitingSender& sender : waiting) {
+                WaitingRoom::TurnAway(sender.connection, Disconnect{false, finished});
+            }
+            return;
+        }
+    }
+}
+
+}  // namespace orin::xfer::host

@@ -1,0 +1,181 @@
+// The sending session's state is kept under one lock because Cancel may
+// come from any thread while Offer and WaitFinished run on the host's. The
+// endpoint is set once, under that lock, and lives until the destructor;
+// it is called without the lock held (its observer may call Cancel).
+#include "xferfm/host/NetworkSender.h"
+
+#include "DigestOfferingLink.h"
+#include "HostLog.h"
+#include "xferfm/host/TcpTransport.h"
+
+namespace orin::xfer::host {
+
+NetworkSender::NetworkSender(NetworkSenderOptions options) : mOptions(std::move(options)) {}
+
+// The endpoint goes first, without the lock (its link's last deliveries
+// take it): its destructor cancels and tears the link down, after which
+// nothing calls into the members below.
+NetworkSender::~NetworkSender()
+{
+    std::unique_ptr<SenderEndpoint> endpoint;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        endpoint = std::move(mEndpoint);
+    }
+}
+
+const char* NetworkSender::StateName(State state)
+{
+    switch (state) {
+    case State::kIdle: return "idle";
+    case State::kConnecting: return "connecting";
+    case State::kConnected: return "connected";
+    case State::kSending: return "sending";
+    case State::kCancelling: return "cancelling";
+    case State::kEnded: return "ended";
+    }
+    return "?";
+}
+
+void NetworkSender::SetState(State next, const std::string& why)
+{
+    HOST_LOG_D << "send to " << mOptions.address.host << ":" << mOptions.address.port << ": " << StateName(mState)
+               << " -> " << StateName(next) << ": " << why;
+    mState = next;
+}
+
+bool NetworkSender::Connect(std::string& error)
+{
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        SetState(State::kConnecting, "connect");
+    }
+    mConnection = ConnectTcp(mOptions.address, mOptions.connectTimeout, error);
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (!mConnection.Valid()) {
+        SetState(State::kEnded, error);
+        return false;
+    }
+    SetState(State::kConnected, "connected from " + LocalAddressOf(mConnection.Fd()));
+    return true;
+}
+
+NetworkSender::OfferResult NetworkSender::Offer(const std::vector<std::string>& sources, std::string& error)
+{
+    TcpTransportOptions linkOptions;
+    linkOptions.threadName = "xfer-send";
+    auto link = std::make_unique<DigestOfferingLink>(
+        std::make_unique<TcpTransport>(std::move(mConnection), linkOptions), mOptions.digests,
+        [this](const VerifyVerdict& verdict) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (!mVerdict || !verdict.matched) {  // a failure is the last word
+                mVerdict = verdict;
+            }
+        },
+        [this](const std::string& reason) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mLinkLost = reason;
+        });
+    SenderEndpoint* endpoint = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mEndpoint = std::make_unique<SenderEndpoint>(std::move(link), mOptions.endpoint);
+        endpoint = mEndpoint.get();
+    }
+    const bool offered = endpoint->Offer(sources, error);
+    // The receiver may have ended the session before anything was offered
+    // (a busy receiver): that, not the sources, is the news.
+    const std::string receiverEnded = !offered && endpoint->Finished() ? endpoint->Summary().error : "";
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (offered && mCancelRequested) {  // Cancel came before there was an endpoint to tell
+        lock.unlock();
+        endpoint->Cancel();
+        return OfferResult::kOffered;
+    }
+    if (offered) {
+        SetState(State::kSending, std::to_string(sources.size()) + " sources offered");
+        return OfferResult::kOffered;
+    }
+    if (!receiverEnded.empty()) {
+        error = receiverEnded;
+        SetState(State::kEnded, "the receiver ended the session: " + error);
+        return OfferResult::kEndedByReceiver;
+    }
+    SetState(State::kEnded, "the sources cannot be offered: " + error);
+    return OfferResult::kSourcesUnusable;
+}
+
+SenderEndpoint* NetworkSender::Endpoint() const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mEndpoint.get();
+}
+
+bool NetworkSender::WaitFinished(std::chrono::milliseconds timeout)
+{
+    SenderEndpoint* endpoint = Endpoint();
+    if (endpoint == nullptr) {
+        return true;
+    }
+    if (!endpoint->WaitFinished(timeout)) {
+        return false;
+    }
+    const TransferSummary summary = endpoint->Summary();
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mState != State::kEnded) {
+        SetState(State::kEnded, summary.error.empty() ? "the copy is complete" : summary.error);
+    }
+    return true;
+}
+
+bool NetworkSender::Finished() const
+{
+    SenderEndpoint* endpoint = Endpoint();
+    return endpoint == nullptr || endpoint->Finished();
+}
+
+// Also before Offer: the session then ends as soon as it has begun.
+void NetworkSender::Cancel()
+{
+    SenderEndpoint* endpoint = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mCancelRequested = true;
+        if (mState != State::kCancelling && mState != State::kEnded) {
+            SetState(State::kCancelling, "cancelled by the host");
+        }
+        endpoint = mEndpoint.get();
+    }
+    if (endpoint != nullptr) {
+        endpoint->Cancel();
+    }
+}
+
+// The first that applies, in this order, decides the outcome.
+SentSession NetworkSender::Result() const
+{
+    SentSession result;
+    if (SenderEndpoint* endpoint = Endpoint()) {
+        result.summary = endpoint->Summary();
+    }
+    std::lock_guard<std::mutex> lock(mMutex);
+    result.verdict = mVerdict;
+    const bool ranToEnd = result.summary.completed || result.summary.partial;
+    using Outcome = SentSession::Outcome;
+    if (mCancelRequested && !result.summary.completed) {
+        result.outcome = Outcome::kCancelled;
+    } else if (mVerdict && !mVerdict->matched) {
+        result.outcome = Outcome::kVerifyFailed;
+    } else if (!ranToEnd && mLinkLost) {
+        result.outcome = Outcome::kLinkLost;
+        result.failure = *mLinkLost;
+    } else if (!ranToEnd) {
+        result.outcome = Outcome::kFailed;
+        result.failure = result.summary.error;
+    } else {
+        result.outcome = result.summary.partial ? Outcome::kPartial : Outcome::kCompleted;
+    }
+    return result;
+}
+
+}  // namespace orin::xfer::host

@@ -1,0 +1,280 @@
+#include "ReceiveSession.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "DigestCheckingLink.h"
+#include "HostLog.h"
+#include "xferfm/host/ReceiverEndpoint.h"
+#include "xferfm/host/RemoteNameGuardTransport.h"
+#include "xferfm/host/Sha256.h"
+#include "xferfm/host/TcpTransport.h"
+
+namespace orin::xfer::host::detail {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kPollInterval{200};
+
+// What the receiving endpoint reports during one session.
+class SessionObserver final : public ReceiverObserver {
+public:
+    void OnListReceived(size_t, uint64_t) override
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mListReceived = true;
+    }
+    void OnFileCompleted(const std::string& name, const std::string& finalPath) override { Record(name, finalPath); }
+    void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
+    {
+        Record(name, finalPath);
+    }
+    void OnFailure(const std::string&, const std::string& message) override
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mFailure.empty()) {
+            mFailure = message;
+        }
+    }
+
+    bool ListReceived() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mListReceived;
+    }
+    std::string Failure() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mFailure;
+    }
+    std::optional<std::string> FinalPathOf(const std::string& name) const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        const auto found = mFinalPaths.find(name);
+        return found == mFinalPaths.end() ? std::nullopt : std::optional<std::string>(found->second);
+    }
+    // Each top-level name that was taken in the destination, by name.
+    std::vector<std::pair<std::string, std::string>> Renamed() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        std::vector<std::pair<std::string, std::string>> renamed;
+        for (const auto& [name, finalPath] : mFinalPaths) {
+            const std::string landed = finalPath.substr(finalPath.find_last_of('/') + 1);
+            if (name.find('/') == std::string::npos && landed != name) {
+                renamed.emplace_back(name, landed);
+            }
+        }
+        return renamed;
+    }
+
+private:
+    void Record(const std::string& name, const std::string& finalPath)
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mFinalPaths[name] = finalPath;
+    }
+
+    mutable std::mutex mMutex;
+    bool mListReceived = false;
+    std::string mFailure;
+    std::map<std::string, std::string> mFinalPaths;
+};
+
+class ReceiveSession {
+public:
+    enum class State { kStarting, kAwaitingList, kReceiving, kCancelling, kEnded };
+    // Why the session was cancelled, when it was.
+    enum class CancelCause { kNone, kStopped, kListTimeout };
+
+    ReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup)
+        : mSetup(setup), mOptions(*setup.options), mConnection(std::move(connection))
+    {
+        mResult.number = setup.number;
+        mResult.peer = PeerAddressOf(mConnection.Fd());
+    }
+
+    ReceivedSession Run();
+
+private:
+    std::unique_ptr<ITransport> MakeLink();
+    DigestCheck CheckLandedFiles(const FileDigests& expected) const;
+    void Conclude(const std::string& startFailure);
+    void SetState(State next, const std::string& why);
+    static const char* StateName(State state);
+
+    const ReceiveSessionSetup& mSetup;
+    const NetworkReceiverOptions& mOptions;
+    TcpSocket mConnection;
+    State mState = State::kStarting;  // Run's thread only
+    CancelCause mCancelCause = CancelCause::kNone;
+    SessionObserver mEndpointObserver;
+    ReceivedSession mResult;
+
+    std::mutex mMutex;  // guards the three below, written from the link's threads
+    std::optional<VerifyVerdict> mVerdict;
+    std::string mRefusal;  // the guard refused the whole session
+    std::vector<RefusedEntry> mRefused;
+};
+
+const char* ReceiveSession::StateName(State state)
+{
+    switch (state) {
+    case State::kStarting: return "starting";
+    case State::kAwaitingList: return "awaiting-list";
+    case State::kReceiving: return "receiving";
+    case State::kCancelling: return "cancelling";
+    case State::kEnded: return "ended";
+    }
+    return "?";
+}
+
+void ReceiveSession::SetState(State next, const std::string& why)
+{
+    HOST_LOG_D << "session " << mResult.number << " from " << mResult.peer << ": " << StateName(mState) << " -> "
+               << StateName(next) << ": " << why;
+    mState = next;
+}
+
+std::unique_ptr<ITransport> ReceiveSession::MakeLink()
+{
+    TcpTransportOptions linkOptions;
+    linkOptions.threadName = "xfer-serve";
+    auto tcp = std::make_unique<TcpTransport>(std::move(mConnection), linkOptions);
+    auto guarded = std::make_unique<RemoteNameGuardTransport>(
+        std::move(tcp), mOptions.destinationDir, mOptions.listLimits,
+        [this](const std::string& refusal) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mRefusal = refusal;
+        },
+        [this](const RefusedEntry& entry) {
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                mRefused.push_back(entry);
+            }
+            if (mSetup.observer != nullptr) {
+                mSetup.observer->OnEntryRefused(mResult.number, mResult.peer, entry);
+            }
+        });
+    return std::make_unique<DigestCheckingLink>(
+        std::move(guarded), [this](const FileDigests& expected) { return CheckLandedFiles(expected); },
+        [this](const VerifyVerdict& verdict) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mVerdict = verdict;
+        });
+}
+
+// Hashes each landed file named in `expected` and names every mismatch.
+DigestCheck ReceiveSession::CheckLandedFiles(const FileDigests& expected) const
+{
+    DigestCheck check;
+    for (const auto& [name, digest] : expected) {
+        ++check.filesCompared;
+        const std::optional<std::string> landed = mEndpointObserver.FinalPathOf(name);
+        if (!landed) {
+            check.problems.push_back("'" + name + "' did not arrive");
+            continue;
+        }
+        std::string error;
+        const std::optional<std::string> actual = Sha256OfFile(*landed, error);
+        if (!actual) {
+            check.problems.push_back("'" + *landed + "' cannot be read: " + error);
+        } else if (*actual != digest) {
+            check.problems.push_back("'" + *landed + "' has sha256 " + *actual + ", its source " + digest);
+        }
+    }
+    return check;
+}
+
+ReceivedSession ReceiveSession::Run()
+{
+    if (mSetup.observer != nullptr) {
+        mSetup.observer->OnSessionStarted(mResult.number, mResult.peer);
+    }
+    ReceiverOptions options;
+    options.destinationDir = mOptions.destinationDir;
+    options.listLimits = mOptions.listLimits;
+    options.observer = &mEndpointObserver;
+
+    const auto started = Clock::now();
+    std::string startFailure;
+    {
+        ReceiverEndpoint receiver(MakeLink(), options);
+        std::string error;
+        if (receiver.Start(error)) {
+            mSetup.onCacheDirectory(receiver.CacheDirectory());
+            SetState(State::kAwaitingList, "receiving into " + receiver.CacheDirectory());
+        } else {
+            // A link that broke at once ends the endpoint before it starts;
+            // its summary then holds the link's reason.
+            const std::string failure = receiver.Finished() ? receiver.Summary().error : "";
+            startFailure = failure.empty() ? "cannot receive into " + mOptions.destinationDir + ": " + error : failure;
+        }
+        while (startFailure.empty() && !receiver.WaitFinished(kPollInterval)) {
+            if (mState == State::kAwaitingList && mEndpointObserver.ListReceived()) {
+                SetState(State::kReceiving, "the list was accepted");
+            }
+            // A stop outranks a list time-out already under way.
+            if (mSetup.stopRequested->load() && mCancelCause != CancelCause::kStopped) {
+                mCancelCause = CancelCause::kStopped;
+                if (mState != State::kCancelling) {
+                    SetState(State::kCancelling, "the host stops receiving");
+                }
+                receiver.Cancel();
+            } else if (mState == State::kAwaitingList && Clock::now() - started > mOptions.listTimeout) {
+                mCancelCause = CancelCause::kListTimeout;
+                SetState(State::kCancelling, "no file list within the time-out");
+                receiver.Cancel();
+            }
+        }
+        mResult.summary = receiver.Summary();
+        // Leaving the scope closes the link and removes the cache directory.
+    }
+    mSetup.onCacheDirectory("");
+    mResult.duration = Clock::now() - started;
+    Conclude(startFailure);
+    SetState(State::kEnded, startFailure.empty() ? mResult.summary.error : startFailure);
+    return std::move(mResult);
+}
+
+// The first that applies, in this order, decides the outcome.
+void ReceiveSession::Conclude(const std::string& startFailure)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mResult.verdict = mVerdict;
+    mResult.refused = mRefused;
+    mResult.renamed = mEndpointObserver.Renamed();
+    using Outcome = ReceivedSession::Outcome;
+    if (!mRefusal.empty()) {
+        mResult.outcome = Outcome::kFailed;
+        mResult.failure = mRefusal;
+    } else if (!startFailure.empty()) {
+        mResult.outcome = Outcome::kFailed;
+        mResult.failure = startFailure;
+    } else if (mVerdict && !mVerdict->matched) {
+        mResult.outcome = Outcome::kVerifyFailed;
+    } else if (mCancelCause == CancelCause::kStopped) {
+        mResult.outcome = Outcome::kCancelled;
+    } else if (mCancelCause == CancelCause::kListTimeout) {
+        mResult.outcome = Outcome::kListTimeout;
+    } else if (!mResult.summary.completed) {
+        const std::string failure = mEndpointObserver.Failure();
+        mResult.outcome = Outcome::kFailed;
+        mResult.failure = failure.empty() ? mResult.summary.error : failure;
+    } else {
+        mResult.outcome = mRefused.empty() ? Outcome::kOk : Outcome::kRefused;
+    }
+}
+
+}  // namespace
+
+ReceivedSession RunReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup)
+{
+    ReceiveSession session(std::move(connection), setup);
+    return session.Run();
+}
+
+}  // namespace orin::xfer::host::detail

@@ -1,0 +1,35 @@
+// One session of a NetworkReceiver: a sender connected, its copy is
+// received through the link stack described in NetworkReceiver.h, and the
+// outcome is summed up in a ReceivedSession.
+//
+// The session is a state machine, each change logged with its reason:
+//   kStarting -> kAwaitingList -> kReceiving -> kEnded
+//   kAwaitingList / kReceiving -> kCancelling (host stop, list time-out) -> kEnded
+//   kStarting -> kEnded (the endpoint could not start)
+//
+// THREADING CONTRACT: Run blocks the calling thread until the session has
+// ended and everything it started is torn down; the endpoint and the link
+// run their own threads meanwhile and are gone when Run returns.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <string>
+
+#include "xferfm/host/NetworkReceiver.h"
+#include "xferfm/host/TcpSocket.h"
+
+namespace orin::xfer::host::detail {
+
+struct ReceiveSessionSetup {
+    unsigned number = 0;
+    const NetworkReceiverOptions* options = nullptr;
+    NetworkReceiverObserver* observer = nullptr;
+    const std::atomic<bool>* stopRequested = nullptr;
+    // Told the cache directory once the endpoint has one, and "" at the end.
+    std::function<void(const std::string& cacheDirectory)> onCacheDirectory;
+};
+
+ReceivedSession RunReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup);
+
+}  // namespace orin::xfer::host::detail

@@ -1,0 +1,141 @@
+#include "ServeCommand.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+
+#include "ServeReport.h"
+#include "ToolError.h"
+#include "TreeRemoval.h"
+#include "xferfm/host/NetworkReceiver.h"
+#include "xferfm/host/RemoteNameGuard.h"
+#include "xferfm/host/TcpListener.h"
+
+namespace xferfm::cli {
+namespace {
+
+namespace host = orin::xfer::host;
+
+// DEST_DIR as an absolute path, or ToolError when it cannot receive.
+std::string usableDestination(const std::string& destinationDir)
+{
+    struct stat status {};
+    char resolved[PATH_MAX];
+    int error = 0;
+    if (::stat(destinationDir.c_str(), &status) != 0) {
+        error = errno;
+    } else if (!S_ISDIR(status.st_mode)) {
+        error = ENOTDIR;
+    } else if (::access(destinationDir.c_str(), W_OK | X_OK) != 0) {
+        error = errno;
+    } else if (::realpath(destinationDir.c_str(), resolved) == nullptr) {
+        error = errno;
+    }
+    if (error != 0) {
+        throw ToolError(ExitCode::kDestinationUnusable,
+                        "cannot receive into '" + destinationDir + "': " + systemErrorText(error));
+    }
+    return resolved;
+}
+
+// Written whole or not at all, so a reader never sees half a number.
+void writePortFile(const std::string& path, uint16_t port)
+{
+    const std::string partial = path + ".partial";
+    {
+        std::ofstream out(partial, std::ios::trunc);
+        out << port << "\n";
+        if (!out) {
+            throw ToolError(ExitCode::kTransferFailed, "cannot write the port file '" + path + "'");
+        }
+    }
+    if (std::rename(partial.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        std::remove(partial.c_str());
+        throw ToolError(ExitCode::kTransferFailed,
+                        "cannot write the port file '" + path + "': " + systemErrorText(error));
+    }
+}
+
+// Prints what the kit's receiver reports, as it happens.
+class ServePrinter final : public host::NetworkReceiverObserver {
+public:
+    ServePrinter(ToolContext& context, std::chrono::milliseconds listTimeout)
+        : mContext(context), mListTimeout(listTimeout)
+    {
+    }
+
+    void OnEntryRefused(unsigned number, const std::string& peer, const host::RefusedEntry& entry) override
+    {
+        mContext.console.writeLine(host::PrintableText(sessionPrefix(number, peer) + "not copied: " + entry.reason));
+    }
+    void OnSessionEnded(const host::ReceivedSession& session) override
+    {
+        std::cout << sessionLine(session, mListTimeout) << std::endl;
+        mExitCode = exitCodeOf(session);
+    }
+    void OnTurnedAway(const std::string& peer) override
+    {
+        mContext.console.writeLine("xferfm serve: turned away " + peer + ": busy with another sender");
+    }
+    void OnAcceptFailed(const std::string& error) override { mContext.console.writeLine("xferfm serve: " + error); }
+
+    // The exit code of the last session (Run's thread only).
+    int lastExitCode() const { return mExitCode; }
+
+private:
+    ToolContext& mContext;
+    const std::chrono::milliseconds mListTimeout;
+    int mExitCode = toInt(ExitCode::kInterrupted);
+};
+
+}  // namespace
+
+int runServe(const ServeOptions& options, ToolContext& context)
+{
+    const std::string destination = usableDestination(options.destinationDir);
+    host::HostPort address;
+    std::string error;
+    if (!host::ParseHostPort(options.listen, address, error)) {
+        throw ToolError(ExitCode::kUsage, error);
+    }
+    host::TcpListener listener(address, error);
+    if (!listener.Valid()) {
+        throw ToolError(ExitCode::kTransferFailed, error);
+    }
+    std::cout << "xferfm serve: listening on " << listener.Address() << ", receiving into " << destination
+              << std::endl;
+    if (!options.portFile.empty()) {
+        writePortFile(options.portFile, listener.Port());
+    }
+
+    host::NetworkReceiverOptions receiverOptions;
+    receiverOptions.destinationDir = destination;
+    receiverOptions.maxSessions = options.once ? 1 : 0;
+    ServePrinter printer(context, receiverOptions.listTimeout);
+    host::NetworkReceiver receiver(listener, receiverOptions, printer);
+    ScopedSignalHooks hooks(
+        context.signals, [&receiver] { receiver.Stop(); },
+        [&receiver] {
+            const std::string cache = receiver.ActiveCacheDirectory();
+            if (!cache.empty()) {
+                removeTree(cache);
+            }
+        });
+    if (context.signals.interrupted()) {  // Ctrl-C came before the hook was in place
+        receiver.Stop();
+    }
+    receiver.Run();
+    if (options.once) {
+        return printer.lastExitCode();
+    }
+    return toInt(ExitCode::kInterrupted);
+}
+
+}  // namespace xferfm::cli
