@@ -141,7 +141,9 @@ void xferfm_listener_destroy(xferfm_listener* listener);
  * bytes are on their way, anything else when the channel is broken (the
  * link then closes). `close` (may be NULL) is called once when the kit
  * closes the link: the host should then end its channel. No keepalive
- * frames are sent: a channel that needs them provides its own. */
+ * frames are sent: a channel that needs them provides its own. The
+ * callbacks (and `user`) must stay valid until the endpoint that took the
+ * link is destroyed, or the link handle when no endpoint took it. */
 typedef struct xferfm_link_callbacks {
     void* user;
     int (*send)(void* user, const uint8_t* bytes, size_t size);

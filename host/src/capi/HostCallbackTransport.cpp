@@ -83,13 +83,15 @@ bool HostLinkChannel::Send(const Message& message)
         HOST_LOG_W << "host link: " << MessageName(message) << " not sent: " << error;
         return false;
     }
+    // Checked under the send lock, so a Send that comes after Close never
+    // reaches the host.
+    std::lock_guard<std::mutex> send(mSendMutex);
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (mState != State::kOpen) {
             return false;
         }
     }
-    std::lock_guard<std::mutex> send(mSendMutex);
     return SendBytes(frame);
 }
 
