@@ -14,6 +14,9 @@
  *   xferfm_receiver_wait(receiver, XFERFM_WAIT_FOREVER);
  *   xferfm_receiver_summary(receiver, &summary);
  *   xferfm_receiver_destroy(receiver); xferfm_sender_destroy(sender);
+ * Checking the landed files against digests of their sources is not part
+ * of this interface (the endpoints do not offer it; the command-line tool
+ * adds it on top of them).
  * One endpoint serves one session (one offered list). Destination entries
  * land like `cp -r SOURCE... DEST_DIR`; an existing top-level name is never
  * overwritten (the entry gets a "name(1)" name instead).
