@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 #include "HostTestSupport.h"
 #include "TestSupport.h"
@@ -232,6 +233,52 @@ TEST_F(CApiErrors, CancelIsAllowedFromInsideACallback)
     ASSERT_EQ(xferfm_receiver_wait(receiver, 20000), XFERFM_OK);
     ASSERT_EQ(xferfm_sender_wait(sender, 20000), XFERFM_OK);
     EXPECT_EQ(SummaryOf(receiver).outcome, XFERFM_CANCELLED);
+    xferfm_receiver_destroy(receiver);
+    xferfm_sender_destroy(sender);
+    xferfm_link_destroy(a);
+    xferfm_link_destroy(b);
+}
+
+TEST_F(CApiErrors, AScreenedNameIsSkippedOnBothSidesAndTheRestIsCopied)
+{
+    test::WriteFile(dir.Join("src/bad\x01name"), {'x'});
+    xferfm_link *a = nullptr, *b = nullptr;
+    ASSERT_EQ(xferfm_link_pair(&a, &b), XFERFM_OK);
+    struct Skips {
+        std::mutex mutex;
+        std::vector<std::string> names;
+    } senderSkips, receiverSkips;
+    xferfm_callbacks senderCallbacks{};
+    senderCallbacks.user = &senderSkips;
+    senderCallbacks.on_entry_skipped = [](void* user, const char* name, const char*) {
+        auto* skips = static_cast<Skips*>(user);
+        std::lock_guard<std::mutex> lock(skips->mutex);
+        skips->names.emplace_back(name);
+    };
+    xferfm_callbacks receiverCallbacks = senderCallbacks;
+    receiverCallbacks.user = &receiverSkips;
+    xferfm_receiver* receiver = nullptr;
+    xferfm_sender* sender = nullptr;
+    ASSERT_EQ(xferfm_receiver_create(b, dir.Join("dest").c_str(), XFERFM_RECEIVER_SCREEN_NAMES, 0,
+                                     &receiverCallbacks, &receiver),
+              XFERFM_OK);
+    ASSERT_EQ(xferfm_sender_create(a, 0, &senderCallbacks, &sender), XFERFM_OK);
+    const std::string source = dir.Join("src");
+    const char* paths[] = {source.c_str()};
+    ASSERT_EQ(xferfm_sender_offer(sender, paths, 1), XFERFM_OK);
+    ASSERT_EQ(xferfm_receiver_start(receiver), XFERFM_OK);
+    ASSERT_EQ(xferfm_receiver_wait(receiver, 20000), XFERFM_OK);
+    ASSERT_EQ(xferfm_sender_wait(sender, 20000), XFERFM_OK);
+
+    const xferfm_summary sent = SummaryOf(sender);
+    EXPECT_EQ(sent.outcome, XFERFM_PARTIAL);
+    EXPECT_EQ(sent.entries_skipped, 1u);
+    ASSERT_EQ(receiverSkips.names.size(), 1u);
+    EXPECT_EQ(receiverSkips.names[0], "src/bad\x01name");
+    ASSERT_EQ(senderSkips.names.size(), 1u);
+    EXPECT_EQ(senderSkips.names[0], dir.Join("src/bad\x01name"));
+    struct stat info;
+    EXPECT_EQ(stat(dir.Join("dest/src/a.txt").c_str(), &info), 0) << "the rest of the list is copied";
     xferfm_receiver_destroy(receiver);
     xferfm_sender_destroy(sender);
     xferfm_link_destroy(a);
