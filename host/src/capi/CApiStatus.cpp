@@ -62,6 +62,8 @@ extern "C" const char* xferfm_last_error(void)
     return LastErrorText();
 }
 
+// The project's version from the build, until the engine reports one of
+// its own to forward.
 extern "C" const char* xferfm_version(void)
 {
     return XFERFM_HOST_VERSION;
