@@ -1,0 +1,399 @@
+// The sender and receiver functions of the C interface: each handle owns
+// an endpoint and the observer that turns its calls into the host's C
+// callbacks.
+// - The observer is declared before the endpoint in each handle, so it
+//   outlives the endpoint (members are destroyed in reverse order), as the
+//   endpoints require.
+// - Callbacks never let an exception out (a C host cannot throw; the
+//   strings built for them can): a failure there is logged and dropped.
+// - Waiting "forever" is a loop of bounded waits, so a long wait never
+//   depends on the clock arithmetic of a huge timeout.
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CApiBoundary.h"
+#include "HostLog.h"
+#include "xferfm/host/ReceiverEndpoint.h"
+#include "xferfm/host/RemoteNameGuardTransport.h"
+#include "xferfm/host/SenderEndpoint.h"
+#include "xferfm/host/TransferObserver.h"
+
+using namespace orin::xfer::host;
+using namespace orin::xfer::host::capi;
+
+namespace {
+
+void FillSummary(const TransferSummary& summary, bool finished, xferfm_summary& out)
+{
+    out = xferfm_summary{};
+    if (!finished) {
+        out.outcome = XFERFM_RUNNING;
+    } else if (summary.completed) {
+        out.outcome = XFERFM_COMPLETED;
+    } else if (summary.cancelled) {
+        out.outcome = XFERFM_CANCELLED;
+    } else if (summary.partial) {
+        out.outcome = XFERFM_PARTIAL;
+    } else {
+        out.outcome = XFERFM_FAILED;
+    }
+    out.entries_total = summary.entriesTotal;
+    out.files_done = summary.filesDone;
+    out.directories_done = summary.directoriesDone;
+    out.entries_skipped = summary.skipped.size();
+    out.bytes_total = summary.bytesTotal;
+    out.bytes_done = summary.bytesDone;
+    const size_t length = std::min(summary.error.size(), sizeof out.error - 1);
+    std::memcpy(out.error, summary.error.data(), length);
+    out.error[length] = '\0';
+}
+
+template <typename Call>
+void Notify(const char* what, Call&& call) noexcept
+{
+    try {
+        call();
+    } catch (const std::exception& e) {
+        HOST_LOG_W << "C callback " << what << " dropped: " << e.what();
+    } catch (...) {
+        HOST_LOG_W << "C callback " << what << " dropped";
+    }
+}
+
+class CallbackSenderObserver final : public SenderObserver {
+public:
+    explicit CallbackSenderObserver(const xferfm_callbacks& callbacks) : mCallbacks(callbacks) {}
+
+    void OnFileStarted(const std::string& sourcePath, uint64_t fileSize) override
+    {
+        if (mCallbacks.on_file_started != nullptr) {
+            Notify("on_file_started",
+                   [&] { mCallbacks.on_file_started(mCallbacks.user, sourcePath.c_str(), fileSize); });
+        }
+    }
+    void OnBytesSent(uint64_t totalBytesSent) override
+    {
+        if (mCallbacks.on_progress != nullptr) {
+            Notify("on_progress", [&] { mCallbacks.on_progress(mCallbacks.user, "", 0, 0, totalBytesSent, 0); });
+        }
+    }
+    void OnEntrySkipped(const std::string& sourcePath, const std::string& reason) override
+    {
+        if (mCallbacks.on_entry_skipped != nullptr) {
+            Notify("on_entry_skipped",
+                   [&] { mCallbacks.on_entry_skipped(mCallbacks.user, sourcePath.c_str(), reason.c_str()); });
+        }
+    }
+    void OnFailure(const std::string& path, const std::string& message) override
+    {
+        if (mCallbacks.on_failure != nullptr) {
+            Notify("on_failure", [&] { mCallbacks.on_failure(mCallbacks.user, path.c_str(), message.c_str()); });
+        }
+    }
+    void OnFinished(const TransferSummary& summary) override
+    {
+        if (mCallbacks.on_finished != nullptr) {
+            Notify("on_finished", [&] {
+                xferfm_summary out;
+                FillSummary(summary, true, out);
+                mCallbacks.on_finished(mCallbacks.user, &out);
+            });
+        }
+    }
+
+private:
+    const xferfm_callbacks mCallbacks;
+};
+
+class CallbackReceiverObserver final : public ReceiverObserver {
+public:
+    explicit CallbackReceiverObserver(const xferfm_callbacks& callbacks) : mCallbacks(callbacks) {}
+
+    void OnFileStarted(const std::string& name, uint64_t fileSize) override
+    {
+        if (mCallbacks.on_file_started != nullptr) {
+            Notify("on_file_started", [&] { mCallbacks.on_file_started(mCallbacks.user, name.c_str(), fileSize); });
+        }
+    }
+    void OnProgress(const std::string& name, uint64_t fileBytesDone, uint64_t fileSize, uint64_t totalBytesDone,
+                    uint64_t totalBytes) override
+    {
+        if (mCallbacks.on_progress != nullptr) {
+            Notify("on_progress", [&] {
+                mCallbacks.on_progress(mCallbacks.user, name.c_str(), fileBytesDone, fileSize, totalBytesDone,
+                                       totalBytes);
+            });
+        }
+    }
+    void OnFileCompleted(const std::string& name, const std::string& finalPath) override
+    {
+        EntryDone(name, finalPath, 0);
+    }
+    void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
+    {
+        EntryDone(name, finalPath, 1);
+    }
+    void OnFailure(const std::string& path, const std::string& message) override
+    {
+        if (mCallbacks.on_failure != nullptr) {
+            Notify("on_failure", [&] { mCallbacks.on_failure(mCallbacks.user, path.c_str(), message.c_str()); });
+        }
+    }
+    void OnFinished(const TransferSummary& summary) override
+    {
+        if (mCallbacks.on_finished != nullptr) {
+            Notify("on_finished", [&] {
+                xferfm_summary out;
+                FillSummary(summary, true, out);
+                mCallbacks.on_finished(mCallbacks.user, &out);
+            });
+        }
+    }
+    // From the name guard, on the link's delivery thread, before the
+    // endpoint sees the list (so never alongside the calls above).
+    void OnEntryRefused(const RefusedEntry& entry)
+    {
+        if (mCallbacks.on_entry_skipped != nullptr) {
+            Notify("on_entry_skipped",
+                   [&] { mCallbacks.on_entry_skipped(mCallbacks.user, entry.name.c_str(), entry.reason.c_str()); });
+        }
+    }
+
+private:
+    void EntryDone(const std::string& name, const std::string& finalPath, int isDirectory)
+    {
+        if (mCallbacks.on_entry_done != nullptr) {
+            Notify("on_entry_done", [&] {
+                mCallbacks.on_entry_done(mCallbacks.user, name.c_str(), finalPath.c_str(), isDirectory);
+            });
+        }
+    }
+
+    const xferfm_callbacks mCallbacks;
+};
+
+xferfm_callbacks CallbacksOf(const xferfm_callbacks* callbacks)
+{
+    return callbacks != nullptr ? *callbacks : xferfm_callbacks{};
+}
+
+// Waits in bounded steps; XFERFM_WAIT_FOREVER never gives up.
+template <typename Endpoint>
+int WaitFor(Endpoint& endpoint, uint32_t timeoutMs)
+{
+    constexpr std::chrono::milliseconds kStep{60000};
+    if (timeoutMs == XFERFM_WAIT_FOREVER) {
+        while (!endpoint.WaitFinished(kStep)) {
+        }
+        return XFERFM_OK;
+    }
+    return endpoint.WaitFinished(std::chrono::milliseconds(timeoutMs))
+               ? XFERFM_OK
+               : Fail(XFERFM_ERR_TIMEOUT, "the session has not ended yet");
+}
+
+}  // namespace
+
+struct xferfm_sender {
+    std::unique_ptr<CallbackSenderObserver> observer;  // outlives the endpoint
+    std::unique_ptr<SenderEndpoint> endpoint;
+    std::mutex offerMutex;
+    bool offered = false;
+};
+
+struct xferfm_receiver {
+    std::unique_ptr<CallbackReceiverObserver> observer;  // outlives the endpoint
+    std::unique_ptr<ReceiverEndpoint> endpoint;
+    std::mutex startMutex;
+    bool started = false;
+};
+
+extern "C" int xferfm_sender_create(xferfm_link* link, uint32_t bandwidth_kbps, const xferfm_callbacks* callbacks,
+                                    xferfm_sender** out)
+{
+    return Guarded("xferfm_sender_create", [&]() -> int {
+        if (link == nullptr || out == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_create: NULL link or output");
+        }
+        auto sender = std::make_unique<xferfm_sender>();
+        sender->observer = std::make_unique<CallbackSenderObserver>(CallbacksOf(callbacks));
+        std::unique_ptr<ITransport> transport = TakeTransport(*link);
+        if (!transport) {
+            return XFERFM_ERR_BAD_STATE;
+        }
+        SenderOptions options;
+        options.bandwidthKbps = bandwidth_kbps;
+        options.observer = sender->observer.get();
+        sender->endpoint = std::make_unique<SenderEndpoint>(std::move(transport), options);
+        *out = sender.release();
+        return XFERFM_OK;
+    });
+}
+
+extern "C" int xferfm_sender_offer(xferfm_sender* sender, const char* const* paths, size_t count)
+{
+    return Guarded("xferfm_sender_offer", [&]() -> int {
+        if (sender == nullptr || paths == nullptr || count == 0) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_offer: NULL sender, no paths");
+        }
+        std::vector<std::string> list;
+        for (size_t i = 0; i < count; ++i) {
+            if (paths[i] == nullptr) {
+                return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_offer: path " + std::to_string(i) + " is NULL");
+            }
+            list.emplace_back(paths[i]);
+        }
+        std::lock_guard<std::mutex> lock(sender->offerMutex);
+        if (sender->offered) {
+            return Fail(XFERFM_ERR_BAD_STATE, "xferfm_sender_offer: the sender has offered its list already");
+        }
+        std::string error;
+        if (!sender->endpoint->Offer(list, error)) {
+            return Fail(XFERFM_ERR_PATH, error);
+        }
+        sender->offered = true;
+        return XFERFM_OK;
+    });
+}
+
+extern "C" int xferfm_sender_cancel(xferfm_sender* sender)
+{
+    return Guarded("xferfm_sender_cancel", [&]() -> int {
+        if (sender == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_cancel: NULL sender");
+        }
+        sender->endpoint->Cancel();
+        return XFERFM_OK;
+    });
+}
+
+extern "C" int xferfm_sender_wait(xferfm_sender* sender, uint32_t timeout_ms)
+{
+    return Guarded("xferfm_sender_wait", [&]() -> int {
+        if (sender == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_wait: NULL sender");
+        }
+        return WaitFor(*sender->endpoint, timeout_ms);
+    });
+}
+
+extern "C" int xferfm_sender_summary(const xferfm_sender* sender, xferfm_summary* out)
+{
+    return Guarded("xferfm_sender_summary", [&]() -> int {
+        if (sender == nullptr || out == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_summary: NULL sender or output");
+        }
+        const bool finished = sender->endpoint->Finished();
+        FillSummary(sender->endpoint->Summary(), finished, *out);
+        return XFERFM_OK;
+    });
+}
+
+extern "C" void xferfm_sender_destroy(xferfm_sender* sender)
+{
+    try {
+        std::unique_ptr<xferfm_sender> owned(sender);
+    } catch (...) {
+        // Teardown failing leaves nothing the caller could do.
+    }
+}
+
+extern "C" int xferfm_receiver_create(xferfm_link* link, const char* destination_dir, uint32_t flags,
+                                      uint32_t stall_timeout_ms, const xferfm_callbacks* callbacks,
+                                      xferfm_receiver** out)
+{
+    return Guarded("xferfm_receiver_create", [&]() -> int {
+        if (link == nullptr || destination_dir == nullptr || out == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_create: NULL link, destination or output");
+        }
+        if ((flags & ~XFERFM_RECEIVER_SCREEN_NAMES) != 0) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_create: unknown flags");
+        }
+        auto receiver = std::make_unique<xferfm_receiver>();
+        receiver->observer = std::make_unique<CallbackReceiverObserver>(CallbacksOf(callbacks));
+        std::unique_ptr<ITransport> transport = TakeTransport(*link);
+        if (!transport) {
+            return XFERFM_ERR_BAD_STATE;
+        }
+        ReceiverOptions options;
+        options.destinationDir = destination_dir;
+        if (stall_timeout_ms != 0) {
+            options.stallTimeout = std::chrono::milliseconds(stall_timeout_ms);
+        }
+        options.observer = receiver->observer.get();
+        if ((flags & XFERFM_RECEIVER_SCREEN_NAMES) != 0) {
+            CallbackReceiverObserver* observer = receiver->observer.get();
+            transport = std::make_unique<RemoteNameGuardTransport>(
+                std::move(transport), options.destinationDir, options.listLimits, nullptr,
+                [observer](const RefusedEntry& entry) { observer->OnEntryRefused(entry); });
+        }
+        receiver->endpoint = std::make_unique<ReceiverEndpoint>(std::move(transport), options);
+        *out = receiver.release();
+        return XFERFM_OK;
+    });
+}
+
+extern "C" int xferfm_receiver_start(xferfm_receiver* receiver)
+{
+    return Guarded("xferfm_receiver_start", [&]() -> int {
+        if (receiver == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_start: NULL receiver");
+        }
+        std::lock_guard<std::mutex> lock(receiver->startMutex);
+        if (receiver->started) {
+            return Fail(XFERFM_ERR_BAD_STATE, "xferfm_receiver_start: the receiver has started already");
+        }
+        std::string error;
+        if (!receiver->endpoint->Start(error)) {
+            return Fail(XFERFM_ERR_PATH, error);
+        }
+        receiver->started = true;
+        return XFERFM_OK;
+    });
+}
+
+extern "C" int xferfm_receiver_cancel(xferfm_receiver* receiver)
+{
+    return Guarded("xferfm_receiver_cancel", [&]() -> int {
+        if (receiver == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_cancel: NULL receiver");
+        }
+        receiver->endpoint->Cancel();
+        return XFERFM_OK;
+    });
+}
+
+extern "C" int xferfm_receiver_wait(xferfm_receiver* receiver, uint32_t timeout_ms)
+{
+    return Guarded("xferfm_receiver_wait", [&]() -> int {
+        if (receiver == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_wait: NULL receiver");
+        }
+        return WaitFor(*receiver->endpoint, timeout_ms);
+    });
+}
+
+extern "C" int xferfm_receiver_summary(const xferfm_receiver* receiver, xferfm_summary* out)
+{
+    return Guarded("xferfm_receiver_summary", [&]() -> int {
+        if (receiver == nullptr || out == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_summary: NULL receiver or output");
+        }
+        const bool finished = receiver->endpoint->Finished();
+        FillSummary(receiver->endpoint->Summary(), finished, *out);
+        return XFERFM_OK;
+    });
+}
+
+extern "C" void xferfm_receiver_destroy(xferfm_receiver* receiver)
+{
+    try {
+        std::unique_ptr<xferfm_receiver> owned(receiver);
+    } catch (...) {
+        // Teardown failing leaves nothing the caller could do.
+    }
+}
