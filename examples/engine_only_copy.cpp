@@ -172,6 +172,12 @@ struct Glue {
     uint64_t totalSize = 0;
 };
 
+// How the engine names a list entry in requests and in the cache.
+std::string requestNameOf(const FileDescription& file)
+{
+    return file.filePath.empty() ? file.fileName : file.filePath + "/" + file.fileName;
+}
+
 // Download ids must be even; the sender's are odd, so the receiver uses the
 // next number up for the same file.
 uint32_t downloadIdOf(uint32_t uploadId) { return uploadId + 1; }
@@ -238,7 +244,7 @@ public:
     void onRequestFile() override
     {
         mGlue.receiverInbox.Post([this] {
-            const std::string marker = mGlue.cacheDir + "/" + mGlue.offered.front().fileName;
+            const std::string marker = mGlue.cacheDir + "/" + requestNameOf(mGlue.offered.front());
             const auto deadline = std::chrono::steady_clock::now() + 10s;
             while (!std::filesystem::exists(marker)) {
                 if (std::chrono::steady_clock::now() > deadline || mGlue.progress.Failed()) {
@@ -299,7 +305,9 @@ int main(int argc, char** argv)
     const std::string destinationDir = argv[2];
     std::cout << "libxferfm " << VersionString() << " (headers " << XFERFM_VERSION_STRING << ")\n";
 
-    IFileTransferLogger::SetLogger(std::make_shared<WarningsToStderr>());
+    // [snippet install-sink]
+    IFileTransferLogger::SetLogger(std::make_shared<WarningsToStderr>());  // before the first engine
+    // [end snippet]
 
     Glue glue;
     glue.cacheDir = destinationDir + "/.engine-only-cache";
@@ -358,7 +366,7 @@ int main(int argc, char** argv)
 
     glue.ShutDown();
 
-    const std::string cached = glue.cacheDir + "/" + glue.offered.front().fileName;
+    const std::string cached = glue.cacheDir + "/" + requestNameOf(glue.offered.front());
     const std::string landed = destinationDir + "/" + glue.offered.front().fileName;
     std::error_code error;
     if (ok) {

@@ -17,12 +17,16 @@
 #include <memory>
 #include <string>
 
+// [snippet includes]
+// Engine headers by bare name (installed in include/xferfm/), host-kit
+// headers as xferfm/host/... (installed in include/xferfm/host/).
 #include "IFileTransferLogger.h"
 #include "Version.h"
 #include "xferfm/host/InProcessTransport.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/SenderEndpoint.h"
 #include "xferfm/host/StderrLoggerSink.h"
+// [end snippet]
 
 namespace {
 
