@@ -1,5 +1,9 @@
-# Installs the library as a package: headers in include/xferfm, a CMake
-# package config with a version file, and xferfm.pc for pkg-config.
+# Installs the engine and the host kit as one package: engine headers in
+# include/xferfm (included by bare name), host-kit headers in
+# include/xferfm/host (included as "xferfm/host/..."), a CMake package config
+# with a version file (targets xferfm::xferfm and xferfm::host), and
+# xferfm.pc / xferfm-host.pc for pkg-config, which give the same include
+# paths and libraries as the two CMake targets.
 include(CMakePackageConfigHelpers)
 
 set(XFERFM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/xferfm)
@@ -25,5 +29,7 @@ install(FILES
 file(RELATIVE_PATH XFERFM_PC_RELATIVE_PREFIX
   ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" XFERFM_PC_RELATIVE_PREFIX "${XFERFM_PC_RELATIVE_PREFIX}")
-configure_file(${CMAKE_CURRENT_LIST_DIR}/xferfm.pc.in ${CMAKE_CURRENT_BINARY_DIR}/xferfm.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/xferfm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(pc xferfm xferfm-host)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

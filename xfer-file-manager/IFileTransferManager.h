@@ -52,6 +52,10 @@ public:
                                           const std::string& recordTag,
                                           std::multimap<std::string, std::string>& records,
                                           std::string destDir, uint32_t flag) = 0;
+    // `data` stays the caller's: the engine copies the `length` bytes before
+    // returning (the write happens later from that copy) and never writes
+    // through the pointer, so the buffer may be freed or reused at once.
+    // `data` may be null when `length` is 0.
     virtual void ProcessFileDownloadData(uint32_t taskId, uint32_t transferId, uint64_t length,
                                          uint8_t* data) = 0;
     virtual void ProcessFileUploadData(uint32_t transferId) = 0;
@@ -66,8 +70,23 @@ public:
     virtual void ClearTask() = 0;
     virtual void SetBandwidth(uint32_t kbps) = 0;
     virtual void SetSystemType(const std::string& type) = 0;
+    // Checks that every entry of `list` exists and sets its attribute and
+    // fileSize (a directory: the sum of the files beneath it); `totalSize`
+    // is the sum for the list. `hasDirectory` is only ever set to true, so
+    // initialise it. For each directory entry, one description per regular
+    // file beneath it (hidden names skipped, sub-directories not listed) is
+    // appended to `expanded`, which is not cleared first. False as soon as a
+    // path is missing or a directory cannot be read. destFileName and
+    // destFilePath are left to the host, which must set them before
+    // TriggerLocalCopy: the file announcement names destFilePath/destFileName.
     virtual bool ValidateFileList(std::vector<FileDescription>& list, size_t& totalSize, bool& hasDirectory,
                                   std::vector<FileDescription>& expanded) = 0;
+    // Fills sourceDir, filePath and fileName from a local path (clears only
+    // filePath and fileName). A directory: sourceDir its parent, fileName its
+    // last component. A file: with `root` empty, sourceDir its directory;
+    // under a copied directory `root`, sourceDir is `root` and filePath the
+    // part between root and the name ("photos/2024"). A path without a
+    // separator leaves fileName empty.
     virtual void ParseFilePath(const std::string& path, FileDescription& desc, const std::string& root) = 0;
     virtual void RenameDuplicatedFilePath(std::vector<FileDescription>& files) = 0;
 };
