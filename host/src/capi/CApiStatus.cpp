@@ -4,11 +4,9 @@
 #include <string>
 
 #include "CApiBoundary.h"
+#include "Version.h"
 #include "xferfm/host/CallbackLoggerSink.h"
 
-#ifndef XFERFM_HOST_VERSION
-#error "XFERFM_HOST_VERSION must be defined by the build"
-#endif
 
 namespace orin::xfer::host::capi {
 
@@ -62,11 +60,10 @@ extern "C" const char* xferfm_last_error(void)
     return LastErrorText();
 }
 
-// The project's version from the build, until the engine reports one of
-// its own to forward.
+// The version of the engine library actually loaded.
 extern "C" const char* xferfm_version(void)
 {
-    return XFERFM_HOST_VERSION;
+    return orin::xfer::VersionString();
 }
 
 extern "C" int xferfm_set_log_callback(xferfm_log_fn log, void* user)
