@@ -196,6 +196,53 @@ int WaitFor(Endpoint& endpoint, uint32_t timeoutMs)
                : Fail(XFERFM_ERR_TIMEOUT, "the session has not ended yet");
 }
 
+// The calls a sender and a receiver handle share, for either kind.
+template <typename Handle>
+int CancelHandle(const char* function, Handle* handle)
+{
+    return Guarded(function, [&]() -> int {
+        if (handle == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, std::string(function) + ": NULL handle");
+        }
+        handle->endpoint->Cancel();
+        return XFERFM_OK;
+    });
+}
+
+template <typename Handle>
+int WaitHandle(const char* function, Handle* handle, uint32_t timeoutMs)
+{
+    return Guarded(function, [&]() -> int {
+        if (handle == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, std::string(function) + ": NULL handle");
+        }
+        return WaitFor(*handle->endpoint, timeoutMs);
+    });
+}
+
+template <typename Handle>
+int SummaryOfHandle(const char* function, const Handle* handle, xferfm_summary* out)
+{
+    return Guarded(function, [&]() -> int {
+        if (handle == nullptr || out == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, std::string(function) + ": NULL handle or output");
+        }
+        const bool finished = handle->endpoint->Finished();
+        FillSummary(handle->endpoint->Summary(), finished, *out);
+        return XFERFM_OK;
+    });
+}
+
+template <typename Handle>
+void DestroyHandle(Handle* handle)
+{
+    try {
+        std::unique_ptr<Handle> owned(handle);
+    } catch (...) {
+        // Teardown failing leaves nothing the caller could do.
+    }
+}
+
 }  // namespace
 
 struct xferfm_sender {
@@ -262,44 +309,22 @@ extern "C" int xferfm_sender_offer(xferfm_sender* sender, const char* const* pat
 
 extern "C" int xferfm_sender_cancel(xferfm_sender* sender)
 {
-    return Guarded("xferfm_sender_cancel", [&]() -> int {
-        if (sender == nullptr) {
-            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_cancel: NULL sender");
-        }
-        sender->endpoint->Cancel();
-        return XFERFM_OK;
-    });
+    return CancelHandle("xferfm_sender_cancel", sender);
 }
 
 extern "C" int xferfm_sender_wait(xferfm_sender* sender, uint32_t timeout_ms)
 {
-    return Guarded("xferfm_sender_wait", [&]() -> int {
-        if (sender == nullptr) {
-            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_wait: NULL sender");
-        }
-        return WaitFor(*sender->endpoint, timeout_ms);
-    });
+    return WaitHandle("xferfm_sender_wait", sender, timeout_ms);
 }
 
 extern "C" int xferfm_sender_summary(const xferfm_sender* sender, xferfm_summary* out)
 {
-    return Guarded("xferfm_sender_summary", [&]() -> int {
-        if (sender == nullptr || out == nullptr) {
-            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_sender_summary: NULL sender or output");
-        }
-        const bool finished = sender->endpoint->Finished();
-        FillSummary(sender->endpoint->Summary(), finished, *out);
-        return XFERFM_OK;
-    });
+    return SummaryOfHandle("xferfm_sender_summary", sender, out);
 }
 
 extern "C" void xferfm_sender_destroy(xferfm_sender* sender)
 {
-    try {
-        std::unique_ptr<xferfm_sender> owned(sender);
-    } catch (...) {
-        // Teardown failing leaves nothing the caller could do.
-    }
+    DestroyHandle(sender);
 }
 
 extern "C" int xferfm_receiver_create(xferfm_link* link, const char* destination_dir, uint32_t flags,
@@ -358,42 +383,20 @@ extern "C" int xferfm_receiver_start(xferfm_receiver* receiver)
 
 extern "C" int xferfm_receiver_cancel(xferfm_receiver* receiver)
 {
-    return Guarded("xferfm_receiver_cancel", [&]() -> int {
-        if (receiver == nullptr) {
-            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_cancel: NULL receiver");
-        }
-        receiver->endpoint->Cancel();
-        return XFERFM_OK;
-    });
+    return CancelHandle("xferfm_receiver_cancel", receiver);
 }
 
 extern "C" int xferfm_receiver_wait(xferfm_receiver* receiver, uint32_t timeout_ms)
 {
-    return Guarded("xferfm_receiver_wait", [&]() -> int {
-        if (receiver == nullptr) {
-            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_wait: NULL receiver");
-        }
-        return WaitFor(*receiver->endpoint, timeout_ms);
-    });
+    return WaitHandle("xferfm_receiver_wait", receiver, timeout_ms);
 }
 
 extern "C" int xferfm_receiver_summary(const xferfm_receiver* receiver, xferfm_summary* out)
 {
-    return Guarded("xferfm_receiver_summary", [&]() -> int {
-        if (receiver == nullptr || out == nullptr) {
-            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_receiver_summary: NULL receiver or output");
-        }
-        const bool finished = receiver->endpoint->Finished();
-        FillSummary(receiver->endpoint->Summary(), finished, *out);
-        return XFERFM_OK;
-    });
+    return SummaryOfHandle("xferfm_receiver_summary", receiver, out);
 }
 
 extern "C" void xferfm_receiver_destroy(xferfm_receiver* receiver)
 {
-    try {
-        std::unique_ptr<xferfm_receiver> owned(receiver);
-    } catch (...) {
-        // Teardown failing leaves nothing the caller could do.
-    }
+    DestroyHandle(receiver);
 }
