@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "ExitCode.h"
 #include "ServeProcess.h"
 
 namespace xferfm::tcptest {
@@ -62,7 +63,7 @@ TEST_F(DisconnectTest, SenderKilledMidFileIsReportedAndServeGoesOn)
     // Ready for the next sender.
     WriteText(scratch / "next/n.txt", "next sender");
     const auto next = RunSend(scratch, "send-next", {serve.Address(), scratch / "next"});
-    EXPECT_EQ(next->ExitCode(), 0) << next->Describe();
+    EXPECT_EQ(next->ExitCode(), toInt(cli::ExitCode::kOk)) << next->Describe();
     const auto after = serve.WaitForSessions(2, 10s);
     ASSERT_EQ(after.size(), 2u) << serve.Process().Describe();
     EXPECT_NE(after[1].find("session 2 from 127.0.0.1:"), std::string::npos) << after[1];
@@ -82,7 +83,7 @@ TEST_F(DisconnectTest, ReceiverKilledMidFileFailsTheSenderClearly)
     const auto killed = Clock::now();
     ASSERT_TRUE(sender.WaitExit(10s)) << sender.Describe();
     EXPECT_LT(Clock::now() - killed, 5s);
-    EXPECT_EQ(sender.ExitCode(), 1) << sender.Describe();
+    EXPECT_EQ(sender.ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << sender.Describe();
     EXPECT_NE(sender.Stderr().find("xferfm: send failed: the link to the receiver was lost: "), std::string::npos)
         << sender.Describe();
 }

@@ -12,6 +12,7 @@
 #include <iterator>
 #include <map>
 
+#include "ExitCode.h"
 #include "ServeProcess.h"
 
 namespace xferfm::tcptest {
@@ -164,7 +165,7 @@ protected:
     {
         WriteText(scratch / "good/g.txt", "good");
         const auto send = RunSend(scratch, "good-send", {serve->Address(), scratch / "good"});
-        EXPECT_EQ(send->ExitCode(), 0) << send->Describe() << serve->Process().Describe();
+        EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kOk)) << send->Describe() << serve->Process().Describe();
         EXPECT_NE(NextSessionLine().find(": ok: received 1 files"), std::string::npos);
         EXPECT_EQ(TreeDifference(scratch / "good", dest + "/good"), "");
     }

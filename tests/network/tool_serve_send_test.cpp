@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "ExitCode.h"
 #include "ServeProcess.h"
 #include "xferfm/host/TcpListener.h"
 
@@ -41,13 +42,13 @@ TEST(ServeSendTest, TreeArrivesByteForByteAndVerified)
 
     const auto send = RunSend(scratch, "send", {"--verify", serve.Address(), source});
     ASSERT_TRUE(send->Exited()) << send->Describe();
-    EXPECT_EQ(send->ExitCode(), 0) << send->Describe();
+    EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kOk)) << send->Describe();
     EXPECT_NE(send->Stdout().find("verified 7 files: SHA-256 of every copy matches its source"), std::string::npos)
         << send->Describe();
     EXPECT_NE(send->Stdout().find("sent 7 files"), std::string::npos) << send->Describe();
 
     ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
-    EXPECT_EQ(serve.Process().ExitCode(), 0) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kOk)) << serve.Process().Describe();
     const auto sessions = LinesWith(serve.Process().Stdout(), "session 1 from 127.0.0.1:");
     ASSERT_EQ(sessions.size(), 1u) << serve.Process().Describe();
     EXPECT_NE(sessions[0].find(": ok: received 7 files and 5 directories"), std::string::npos) << sessions[0];
@@ -71,7 +72,7 @@ TEST(ServeSendTest, OneSenderAfterAnotherWithRenameOnClash)
         const auto send = RunSend(scratch, "send" + std::to_string(round),
                                   {serve.Address(), scratch / "one", scratch / "report.pdf"});
         ASSERT_TRUE(send->Exited()) << send->Describe();
-        EXPECT_EQ(send->ExitCode(), 0) << send->Describe();
+        EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kOk)) << send->Describe();
     }
     const auto sessions = serve.WaitForSessions(2, 10s);
     ASSERT_EQ(sessions.size(), 2u) << serve.Process().Describe();
@@ -85,7 +86,7 @@ TEST(ServeSendTest, OneSenderAfterAnotherWithRenameOnClash)
 
     serve.Process().Signal(SIGTERM);
     ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
-    EXPECT_EQ(serve.Process().ExitCode(), 130);
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kInterrupted));
 }
 
 TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
@@ -105,7 +106,7 @@ TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
 
     const auto second = RunSend(scratch, "second", {serve.Address(), scratch / "quick"}, 20s);
     ASSERT_TRUE(second->Exited()) << second->Describe();
-    EXPECT_EQ(second->ExitCode(), 1) << second->Describe();
+    EXPECT_EQ(second->ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << second->Describe();
     EXPECT_NE(second->Stderr().find("xferfm serve is busy with another sender (session 1); try again when it is done"),
               std::string::npos)
         << second->Describe();
@@ -113,14 +114,14 @@ TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
 
     first.Signal(SIGINT);  // a cancelled sender: its session ends, the next one may come
     ASSERT_TRUE(first.WaitExit(20s)) << first.Describe();
-    EXPECT_EQ(first.ExitCode(), 130) << first.Describe();
+    EXPECT_EQ(first.ExitCode(), toInt(cli::ExitCode::kInterrupted)) << first.Describe();
     const auto sessions = serve.WaitForSessions(1, 10s);
     ASSERT_EQ(sessions.size(), 1u) << serve.Process().Describe();
     EXPECT_NE(sessions[0].find(": failed: "), std::string::npos) << sessions[0];
     EXPECT_FALSE(fs::exists(dest + "/slow/big.bin"));
 
     const auto third = RunSend(scratch, "third", {serve.Address(), scratch / "quick"});
-    EXPECT_EQ(third->ExitCode(), 0) << third->Describe() << serve.Process().Describe();
+    EXPECT_EQ(third->ExitCode(), toInt(cli::ExitCode::kOk)) << third->Describe() << serve.Process().Describe();
     EXPECT_EQ(TreeDifference(scratch / "quick", dest + "/quick"), "");
 }
 
@@ -150,7 +151,7 @@ TEST(ServeSendTest, AnEntryTheReceiverRefusesIsNamedAndTheRestArrives)
     ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
 
     const std::string rule = "refused remote name \"tree/sub/b.bin\": " + dest + "/tree/sub is a symbolic link";
-    EXPECT_EQ(send->ExitCode(), 7) << send->Describe();
+    EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kNamesRefused)) << send->Describe();
     EXPECT_NE(send->Stderr().find("xferfm: not sent: " + source + "/tree/sub/b.bin: " + rule), std::string::npos)
         << send->Describe();
     EXPECT_NE(send->Stderr().find("xferfm: not everything was sent: the receiver refused 1 entry of 5"),
@@ -159,7 +160,7 @@ TEST(ServeSendTest, AnEntryTheReceiverRefusesIsNamedAndTheRestArrives)
     EXPECT_NE(send->Stdout().find("verified 2 files"), std::string::npos) << send->Describe();
     EXPECT_NE(send->Stdout().find("sent 2 files"), std::string::npos) << send->Describe();
 
-    EXPECT_EQ(serve.Process().ExitCode(), 7) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kNamesRefused)) << serve.Process().Describe();
     EXPECT_NE(serve.Process().Stderr().find(": not copied: " + rule), std::string::npos) << serve.Process().Describe();
     const auto sessions = LinesWith(serve.Process().Stdout(), "session 1 from 127.0.0.1:");
     ASSERT_EQ(sessions.size(), 1u) << serve.Process().Describe();
@@ -188,7 +189,7 @@ TEST(ServeSendTest, SendToNobodyFailsClearly)
     }
     const auto send = RunSend(scratch, "send", {"127.0.0.1:" + std::to_string(port), scratch / "a.txt"});
     ASSERT_TRUE(send->Exited());
-    EXPECT_EQ(send->ExitCode(), 1) << send->Describe();
+    EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << send->Describe();
     EXPECT_NE(send->Stderr().find("cannot connect to 127.0.0.1:" + std::to_string(port)), std::string::npos)
         << send->Describe();
 }
@@ -197,16 +198,16 @@ TEST(ServeSendTest, BadArgumentsAreUsageErrors)
 {
     TempDir scratch;
     const auto badAddress = RunSend(scratch, "bad-address", {"no-port-here", scratch.Path()});
-    EXPECT_EQ(badAddress->ExitCode(), 2) << badAddress->Describe();
+    EXPECT_EQ(badAddress->ExitCode(), toInt(cli::ExitCode::kUsage)) << badAddress->Describe();
 
     ChildProcess missingDest(ToolPath(), {"serve", "--once", scratch / "missing"}, scratch / "serve-missing");
     ASSERT_TRUE(missingDest.WaitExit(10s));
-    EXPECT_EQ(missingDest.ExitCode(), 5) << missingDest.Describe();
+    EXPECT_EQ(missingDest.ExitCode(), toInt(cli::ExitCode::kDestinationUnusable)) << missingDest.Describe();
     EXPECT_NE(missingDest.Stderr().find("cannot receive into"), std::string::npos) << missingDest.Describe();
 
     const auto missingSource =
         RunSend(scratch, "missing-source", {"127.0.0.1:1", scratch / "does-not-exist"});
-    EXPECT_EQ(missingSource->ExitCode(), 3) << missingSource->Describe();
+    EXPECT_EQ(missingSource->ExitCode(), toInt(cli::ExitCode::kSourceMissing)) << missingSource->Describe();
 }
 
 }  // namespace

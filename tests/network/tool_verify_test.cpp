@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "ExitCode.h"
 #include "ServeProcess.h"
 #include "xferfm/host/FileListDigests.h"
 #include "xferfm/host/TcpListener.h"
@@ -75,7 +76,7 @@ TEST(VerifyTest, ReceiverSaysVerifiedWhenTheDigestMatches)
     EXPECT_TRUE(goodbye->completed);
     EXPECT_EQ(goodbye->reason, "verified 1 files: SHA-256 of every copy matches its source");
     ASSERT_TRUE(serve.Process().WaitExit(10s));
-    EXPECT_EQ(serve.Process().ExitCode(), 0) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kOk)) << serve.Process().Describe();
 }
 
 TEST(VerifyTest, ReceiverSaysVerifyFailedWhenTheDigestDiffers)
@@ -97,7 +98,7 @@ TEST(VerifyTest, ReceiverSaysVerifyFailedWhenTheDigestDiffers)
     EXPECT_FALSE(goodbye->completed);
 
     ASSERT_TRUE(serve.Process().WaitExit(10s));
-    EXPECT_EQ(serve.Process().ExitCode(), 6) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kVerifyMismatch)) << serve.Process().Describe();
     EXPECT_NE(serve.Process().Stdout().find(": failed: verify failed: 1 of 1 files differ"), std::string::npos)
         << serve.Process().Describe();
     EXPECT_TRUE(fs::exists(scratch / "dest/f.txt")) << "the copy stays for the user to look at, as with copy --verify";
@@ -134,7 +135,7 @@ TEST(VerifyTest, SenderOffersDigestsAndExitsSixWhenTheReceiverDisagrees)
     receiver.FinishSending();
 
     ASSERT_TRUE(send.WaitExit(10s)) << send.Describe();
-    EXPECT_EQ(send.ExitCode(), 6) << send.Describe();
+    EXPECT_EQ(send.ExitCode(), toInt(cli::ExitCode::kVerifyMismatch)) << send.Describe();
     EXPECT_NE(send.Stderr().find("xferfm: the receiver's " + verdict), std::string::npos) << send.Describe();
 }
 

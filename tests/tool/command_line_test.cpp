@@ -1,6 +1,7 @@
 // --help, --version, usage errors and the demo command.
 #include <gtest/gtest.h>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeCompare.h"
@@ -14,13 +15,11 @@ namespace {
 
 using orin::xfer::test::TempDir;
 
-constexpr int kUsage = 2;
-
 TEST(CommandLine, VersionIsTheProjectVersion)
 {
     const ToolResult result = runTool({"--version"});
 
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     EXPECT_EQ(result.out, std::string("xferfm ") + XFERFM_EXPECTED_VERSION + "\n");
 }
 
@@ -28,7 +27,7 @@ TEST(CommandLine, HelpListsTheCommandsAndTheExitCodes)
 {
     const ToolResult result = runTool({"--help"});
 
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     for (const char* expected : {"copy", "demo", "--version", "Exit codes", "130"}) {
         EXPECT_NE(result.out.find(expected), std::string::npos) << expected << " missing from:\n" << result.out;
     }
@@ -38,7 +37,7 @@ TEST(CommandLine, CopyHelpDescribesEveryOption)
 {
     const ToolResult result = runTool({"copy", "--help"});
 
-    EXPECT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     for (const char* expected : {"--bandwidth", "--window", "--verify", "--log-level", "--no-progress",
                                  "DEST_DIR", "Exit codes"}) {
         EXPECT_NE(result.out.find(expected), std::string::npos) << expected << " missing from:\n" << result.out;
@@ -59,7 +58,7 @@ TEST(CommandLine, UsageErrorsExitWithTwo)
     };
     for (const auto& args : mistakes) {
         const ToolResult result = runTool(args);
-        EXPECT_EQ(result.exitCode, kUsage) << ::testing::PrintToString(args) << "\n" << describe(result);
+        EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kUsage)) << ::testing::PrintToString(args) << "\n" << describe(result);
         EXPECT_FALSE(result.err.empty()) << ::testing::PrintToString(args);
     }
 }
@@ -72,7 +71,7 @@ TEST(CommandLine, DemoCopiesItsSampleTreeAndCleansUp)
 
     const ToolResult result = runTool({"demo", "--no-progress"}, options);
 
-    ASSERT_EQ(result.exitCode, 0) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     for (const char* expected : {"notes(1).txt", "empty album", "exactly one chunk.bin", "März — Zürich",
                                  "verified", "copied "}) {
         EXPECT_NE(result.out.find(expected), std::string::npos) << expected << " missing from:\n" << result.out;

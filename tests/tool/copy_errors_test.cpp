@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeCompare.h"
@@ -16,10 +17,6 @@ namespace xferfm::tooltest {
 namespace {
 
 using orin::xfer::test::TempDir;
-
-constexpr int kSourceMissing = 3;
-constexpr int kSourceUnreadable = 4;
-constexpr int kDestinationUnusable = 5;
 
 size_t countLines(const std::string& text)
 {
@@ -61,7 +58,7 @@ TEST_F(CopyErrors, MissingSourceIsNamedAndNothingIsCopied)
 
     const ToolResult result = copy({source + "/fine.txt", missing}, destination);
 
-    EXPECT_EQ(result.exitCode, kSourceMissing) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceMissing)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(missing), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("No such file or directory"), std::string::npos) << result.err;
@@ -75,7 +72,7 @@ TEST_F(CopyErrors, MissingDestinationIsNamed)
 
     const ToolResult result = copy({source + "/fine.txt"}, missing);
 
-    EXPECT_EQ(result.exitCode, kDestinationUnusable) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kDestinationUnusable)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(missing), std::string::npos) << result.err;
     EXPECT_FALSE(exists(missing));
@@ -88,7 +85,7 @@ TEST_F(CopyErrors, DestinationThatIsAFileIsRefused)
 
     const ToolResult result = copy({source + "/fine.txt"}, file);
 
-    EXPECT_EQ(result.exitCode, kDestinationUnusable) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kDestinationUnusable)) << describe(result);
     EXPECT_NE(result.err.find(file), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("Not a directory"), std::string::npos) << result.err;
     EXPECT_EQ(readTextFile(file), "not a directory\n");
@@ -110,7 +107,7 @@ TEST_F(CopyErrors, UnwritableDestinationIsNamed)
     if (immutable) {
         EXPECT_EQ(std::system(("chattr -i '" + locked + "'").c_str()), 0);
     }
-    EXPECT_EQ(result.exitCode, kDestinationUnusable) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kDestinationUnusable)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(locked), std::string::npos) << result.err;
     EXPECT_TRUE(namesIn(locked).empty());
@@ -125,7 +122,7 @@ TEST_F(CopyErrors, FifoInsideATreeIsUnreadableAndNamed)
 
     const ToolResult result = copy({source + "/tree"}, destination);
 
-    EXPECT_EQ(result.exitCode, kSourceUnreadable) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(fifo), std::string::npos) << result.err;
     expectDestinationUntouched();
@@ -139,7 +136,7 @@ TEST_F(CopyErrors, BrokenSymbolicLinkIsUnreadableAndNamed)
 
     const ToolResult result = copy({source + "/tree"}, destination);
 
-    EXPECT_EQ(result.exitCode, kSourceUnreadable) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_NE(result.err.find(link), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("broken symbolic link"), std::string::npos) << result.err;
     expectDestinationUntouched();
@@ -154,7 +151,7 @@ TEST_F(CopyErrors, LinkBackIntoItsOwnParentsIsRefused)
 
     const ToolResult result = copy({source + "/tree"}, destination);
 
-    EXPECT_EQ(result.exitCode, kSourceUnreadable) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_NE(result.err.find(link), std::string::npos) << result.err;
     expectDestinationUntouched();
 }
@@ -169,7 +166,7 @@ TEST_F(CopyErrors, FileWithoutReadPermissionIsNamed)
 
     const ToolResult result = copy({source + "/fine.txt", closed}, destination);
 
-    EXPECT_EQ(result.exitCode, kSourceUnreadable) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_NE(result.err.find(closed), std::string::npos) << result.err;
     expectDestinationUntouched();
 }
@@ -194,7 +191,7 @@ TEST_F(CopyErrors, FileRemovedDuringTheCopyIsNamedAndNothingHalfWrittenRemains)
     const ToolResult result =
         runTool({"copy", "--no-progress", "--bandwidth", "16000", source + "/tree", destination}, options);
 
-    EXPECT_EQ(result.exitCode, kSourceUnreadable) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_NE(result.err.find(doomed), std::string::npos) << result.err;
     // What arrived before the failure may stay, but only whole files.
     EXPECT_FALSE(exists(destination + "/tree/b-removed.txt"));

@@ -4,6 +4,7 @@
 // "(1).bashrc") and at the end of a directory's name.
 #include <gtest/gtest.h>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeCompare.h"
@@ -46,8 +47,8 @@ TEST_F(NameClash, ExistingFileKeepsItsContentAndTheCopyGetsACounter)
     const ToolResult first = copy({"report.pdf"});
     const ToolResult second = copy({"report.pdf"});
 
-    ASSERT_EQ(first.exitCode, 0) << describe(first);
-    ASSERT_EQ(second.exitCode, 0) << describe(second);
+    ASSERT_EQ(first.exitCode, toInt(cli::ExitCode::kOk)) << describe(first);
+    ASSERT_EQ(second.exitCode, toInt(cli::ExitCode::kOk)) << describe(second);
     EXPECT_EQ(readTextFile(destination + "/report.pdf"), "old report\n");
     EXPECT_EQ(readTextFile(destination + "/report(1).pdf"), "new report\n");
     EXPECT_EQ(readTextFile(destination + "/report(2).pdf"), "new report\n");
@@ -64,7 +65,7 @@ TEST_F(NameClash, ExistingDirectoryIsLeftAloneAndTheCopyGetsACounter)
 
     const ToolResult result = copy({"photos"});
 
-    ASSERT_EQ(result.exitCode, 0) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     EXPECT_EQ(namesIn(destination + "/photos"), std::vector<std::string>{"a.jpg"});
     EXPECT_EQ(readTextFile(destination + "/photos/a.jpg"), "old a\n");
     const std::vector<std::string> differences = treeDifferences(source + "/photos", destination + "/photos(1)");
@@ -82,7 +83,7 @@ TEST_F(NameClash, CounterGoesBeforeTheFirstDot)
 
     const ToolResult result = copy({"archive.tar.gz", ".bashrc", "README"});
 
-    ASSERT_EQ(result.exitCode, 0) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     EXPECT_EQ(readTextFile(destination + "/archive(2).tar.gz"), "archive\n");
     EXPECT_EQ(readTextFile(destination + "/(1).bashrc"), "rc\n");
     EXPECT_EQ(readTextFile(destination + "/README(1)"), "readme\n");
@@ -99,7 +100,7 @@ TEST_F(NameClash, TwoSourcesWithTheSameNameAreRefused)
 
     const ToolResult result = copy({"a/same.txt", "b/same.txt"});
 
-    EXPECT_EQ(result.exitCode, 2) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kUsage)) << describe(result);
     EXPECT_NE(result.err.find("same.txt"), std::string::npos) << result.err;
     EXPECT_TRUE(namesIn(destination).empty());
 }

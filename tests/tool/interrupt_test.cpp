@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeCompare.h"
@@ -15,8 +16,6 @@ namespace xferfm::tooltest {
 namespace {
 
 using orin::xfer::test::TempDir;
-
-constexpr int kInterrupted = 130;
 
 class Interrupt : public ::testing::Test {
 protected:
@@ -75,7 +74,7 @@ TEST_F(Interrupt, CtrlCCancelsCleanly)
 {
     const ToolResult result = copyAndInterrupt({SIGINT}, std::chrono::milliseconds(0));
 
-    EXPECT_EQ(result.exitCode, kInterrupted) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kInterrupted)) << describe(result);
     EXPECT_LT(result.seconds, 5.0) << "a cancel must not wait for the rest of the transfer";
     EXPECT_NE(result.err.find("interrupted"), std::string::npos) << result.err;
     expectNothingHalfWritten();
@@ -85,7 +84,7 @@ TEST_F(Interrupt, SigtermCancelsCleanly)
 {
     const ToolResult result = copyAndInterrupt({SIGTERM}, std::chrono::milliseconds(0));
 
-    EXPECT_EQ(result.exitCode, kInterrupted) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kInterrupted)) << describe(result);
     expectNothingHalfWritten();
 }
 
@@ -93,7 +92,7 @@ TEST_F(Interrupt, SecondCtrlCQuitsAtOnceAndStillRemovesTheCache)
 {
     const ToolResult result = copyAndInterrupt({SIGINT, SIGINT}, std::chrono::milliseconds(1));
 
-    EXPECT_EQ(result.exitCode, kInterrupted) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kInterrupted)) << describe(result);
     expectNothingHalfWritten();
 }
 

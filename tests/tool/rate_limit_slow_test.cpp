@@ -3,6 +3,7 @@
 // checked; a busy machine may take longer.
 #include <gtest/gtest.h>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeCompare.h"
@@ -24,7 +25,7 @@ TEST(RateLimit, FiftyMebibytesAtEightyMegabitsTakesAtLeastTheLimitedTime)
 
     const ToolResult result = runTool({"copy", "--no-progress", "--bandwidth", "80000", source, destination});
 
-    ASSERT_EQ(result.exitCode, 0) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     const double limitedSeconds = static_cast<double>(kBytes) * 8.0 / kBitsPerSecond;
     EXPECT_GE(result.seconds / limitedSeconds, 0.95)
         << "took " << result.seconds << " s; the limit implies " << limitedSeconds << " s";
