@@ -9,12 +9,14 @@
 #include <filesystem>
 #include <fstream>
 
+#include "TempDir.h"
 #include "xferfm/host/RemoteNameGuard.h"
 
 namespace xferfm::tcptest {
 namespace {
 
 using namespace orin::xfer::host;
+using orin::xfer::test::TempDir;
 namespace fs = std::filesystem;
 
 std::string Refusal(const std::string& name)
@@ -151,17 +153,15 @@ class DestinationParentsTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/xferfm-guard-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        mRoot = pattern;
+        mRoot = mScratch.Path();
         mDest = mRoot + "/dest";
         mOutside = mRoot + "/outside";
         fs::create_directories(mDest + "/real/deeper");
         fs::create_directories(mOutside);
         std::ofstream(mDest + "/plain.txt") << "x";
     }
-    void TearDown() override { fs::remove_all(mRoot); }
 
+    TempDir mScratch;
     std::string mRoot;
     std::string mDest;
     std::string mOutside;

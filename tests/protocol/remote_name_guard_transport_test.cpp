@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "LinkTestSupport.h"
+#include "TempDir.h"
 #include "xferfm/host/FileList.h"
 #include "xferfm/host/FileListDigests.h"
 #include "xferfm/host/InProcessTransport.h"
@@ -21,6 +22,7 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+using orin::xfer::test::TempDir;
 
 std::string Entry(const std::string& filePath, const std::string& fileName, bool directory)
 {
@@ -41,9 +43,7 @@ class RemoteNameGuardTransportTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/xferfm-guard-link-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root = pattern;
+        root = scratch.Path();
         auto ends = InProcessTransport::CreatePair();
         senderEnd = std::move(ends.first);
         guard = std::make_unique<RemoteNameGuardTransport>(
@@ -63,7 +63,6 @@ protected:
     {
         guard.reset();
         senderEnd.reset();
-        fs::remove_all(root);
     }
 
     // Sends `json` and waits until the endpoint's side has the screened
@@ -116,6 +115,7 @@ protected:
         return refusedEntries;
     }
 
+    TempDir scratch;
     std::string root;
     std::unique_ptr<InProcessTransport> senderEnd;
     std::unique_ptr<RemoteNameGuardTransport> guard;

@@ -20,6 +20,7 @@
 #include "IFileTransferLogger.h"
 #include "IFileTransferManager.h"
 #include "OrinFileTransferManager.h"
+#include "TempDir.h"
 
 namespace orin::xfer::test {
 
@@ -255,20 +256,6 @@ struct ManagerFixture {
     RecordingListener listener;
     RecordingRateLimiter* limiter = nullptr;  // owned by the manager
     std::unique_ptr<OrinFileTransferManager> manager;
-};
-
-// A fresh directory under /tmp, removed with everything in it on destruction.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& Path() const { return mPath; }
-    std::string Join(const std::string& relative) const { return mPath + "/" + relative; }
-
-private:
-    std::string mPath;
 };
 
 std::vector<uint8_t> PatternBytes(size_t size, uint32_t seed = 1);

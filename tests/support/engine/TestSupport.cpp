@@ -558,30 +558,6 @@ ManagerFixture::~ManagerFixture()
     manager.reset();
 }
 
-TempDir::TempDir()
-{
-    char pattern[] = "/tmp/xferfm-test-XXXXXX";
-    const char* made = mkdtemp(pattern);
-    if (!made) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    mPath = made;
-}
-
-TempDir::~TempDir()
-{
-    std::error_code ignored;
-    // Make everything writable again first, in case a test locked it down.
-    for (auto it = std::filesystem::recursive_directory_iterator(mPath, ignored);
-         it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
-        if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
-            std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
-                                         std::filesystem::perm_options::add, ignored);
-        }
-    }
-    std::filesystem::remove_all(mPath, ignored);
-}
-
 std::vector<uint8_t> PatternBytes(size_t size, uint32_t seed)
 {
     std::vector<uint8_t> bytes(size);

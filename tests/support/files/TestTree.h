@@ -1,6 +1,4 @@
-// Scratch directories and file trees for the two-process tests: a
-// temporary directory removed with its object, deterministic file
-// contents, byte-for-byte tree comparison and a fingerprint that changes
+// File trees for the two-process tests: deterministic file contents, byte-for-byte tree comparison and a fingerprint that changes
 // when anything in a tree does.
 //
 // THREADING CONTRACT: plain functions and a move-free RAII owner; one
@@ -11,20 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "TempDir.h"
+
 namespace xferfm::tcptest {
 
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& Path() const { return mPath; }
-    std::string operator/(const std::string& name) const { return mPath + "/" + name; }
-
-private:
-    std::string mPath;
-};
+using orin::xfer::test::TempDir;
 
 // `size` bytes that depend on `seed` and on the position.
 std::vector<uint8_t> PatternBytes(size_t size, uint32_t seed);

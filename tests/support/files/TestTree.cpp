@@ -31,28 +31,6 @@ uint64_t Fnv1a(const std::string& bytes)
 
 }  // namespace
 
-TempDir::TempDir()
-{
-    char pattern[] = "/tmp/xferfm-tcp-test-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    mPath = pattern;
-}
-
-TempDir::~TempDir()
-{
-    std::error_code ignored;
-    // Copies may carry read-only modes: open them up so removal works.
-    for (auto it = fs::recursive_directory_iterator(mPath, ignored); it != fs::recursive_directory_iterator();
-         it.increment(ignored)) {
-        if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
-            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-        }
-    }
-    fs::remove_all(mPath, ignored);
-}
-
 std::vector<uint8_t> PatternBytes(size_t size, uint32_t seed)
 {
     std::vector<uint8_t> bytes(size);

@@ -23,25 +23,58 @@ std::string ReadWhole(const std::string& path)
     return text.str();
 }
 
+// The test's environment with `extra` entries added or replacing theirs.
+std::vector<std::string> EnvironmentWith(const std::vector<std::string>& extra)
+{
+    auto overridden = [&extra](const std::string& entry) {
+        const std::string name = entry.substr(0, entry.find('=') + 1);
+        for (const std::string& added : extra) {
+            if (added.rfind(name, 0) == 0) {
+                return true;
+            }
+        }
+        return false;
+    };
+    std::vector<std::string> entries;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (!overridden(*entry)) {
+            entries.emplace_back(*entry);
+        }
+    }
+    entries.insert(entries.end(), extra.begin(), extra.end());
+    return entries;
+}
+
+std::vector<char*> PointersTo(std::vector<std::string>& strings)
+{
+    std::vector<char*> pointers;
+    for (std::string& text : strings) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
 }  // namespace
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
-                           const std::string& outputPrefix)
+                           const std::string& outputPrefix, const ChildOptions& options)
     : mOutPath(outputPrefix + ".out"), mErrPath(outputPrefix + ".err")
 {
     std::vector<std::string> all{program};
     all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& arg : all) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
+    const std::vector<char*> argv = PointersTo(all);
+    std::vector<std::string> environment = EnvironmentWith(options.environment);
+    const std::vector<char*> envp = PointersTo(environment);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, mOutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, mErrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!options.workingDir.empty()) {
+        posix_spawn_file_actions_addchdir_np(&actions, options.workingDir.c_str());
+    }
     // The child must not inherit a blocked signal mask from a test thread.
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
@@ -50,7 +83,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     pid_t pid = -1;
-    if (posix_spawn(&pid, program.c_str(), &actions, &attributes, argv.data(), environ) == 0) {
+    if (posix_spawn(&pid, program.c_str(), &actions, &attributes, argv.data(), envp.data()) == 0) {
         mPid = pid;
     }
     posix_spawnattr_destroy(&attributes);

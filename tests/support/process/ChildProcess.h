@@ -1,7 +1,9 @@
 // Runs a program as a child process with its stdout and stderr going to
-// files, for the tests that start `xferfm serve` and `xferfm send`. Every
-// wait has a deadline; a child still running when its ChildProcess is
-// destroyed is killed and reaped.
+// files: the one way tests start another process (`xferfm serve` and
+// `xferfm send`, a sender killed mid-file, the tool run to its end by
+// ToolRunner). Every wait has a deadline; a child still running when its
+// ChildProcess is destroyed is killed and reaped. The child starts with no
+// signal blocked, whatever the mask of the test thread that starts it.
 //
 // THREADING CONTRACT: one ChildProcess belongs to one test thread.
 #pragma once
@@ -14,11 +16,17 @@
 
 namespace xferfm::tcptest {
 
+struct ChildOptions {
+    std::string workingDir;                // empty: the test's own
+    std::vector<std::string> environment;  // "NAME=value" entries added to, or replacing, the test's
+};
+
 class ChildProcess {
 public:
     // Starts `program` with `args`; output goes to `outputPrefix` + ".out"
     // and ".err". Check Started().
-    ChildProcess(const std::string& program, const std::vector<std::string>& args, const std::string& outputPrefix);
+    ChildProcess(const std::string& program, const std::vector<std::string>& args, const std::string& outputPrefix,
+                 const ChildOptions& options = {});
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
