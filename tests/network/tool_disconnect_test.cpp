@@ -28,7 +28,7 @@ protected:
         source = scratch / "src";
         dest = scratch / "dest";
         WriteText(source + "/first.txt", "lands before the big one");
-        WriteFile(source + "/big.bin", PatternBytes(kBigFileBytes, 3));
+        WriteBytes(source + "/big.bin", PatternBytes(kBigFileBytes, 3));
         fs::create_directories(dest);
     }
 
@@ -68,7 +68,7 @@ TEST_F(DisconnectTest, SenderKilledMidFileIsReportedAndServeGoesOn)
     ASSERT_EQ(after.size(), 2u) << serve.Process().Describe();
     EXPECT_NE(after[1].find("session 2 from 127.0.0.1:"), std::string::npos) << after[1];
     EXPECT_NE(after[1].find(": ok: received 1 files"), std::string::npos) << after[1];
-    EXPECT_EQ(TreeDifference(scratch / "next", dest + "/next"), "");
+    EXPECT_EQ(TreeDifference(scratch / "next", dest + "/next", TreeCompare::kBytes), "");
 }
 
 TEST_F(DisconnectTest, ReceiverKilledMidFileFailsTheSenderClearly)

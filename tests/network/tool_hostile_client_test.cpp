@@ -167,7 +167,7 @@ protected:
         const auto send = RunSend(scratch, "good-send", {serve->Address(), scratch / "good"});
         EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kOk)) << send->Describe() << serve->Process().Describe();
         EXPECT_NE(NextSessionLine().find(": ok: received 1 files"), std::string::npos);
-        EXPECT_EQ(TreeDifference(scratch / "good", dest + "/good"), "");
+        EXPECT_EQ(TreeDifference(scratch / "good", dest + "/good", TreeCompare::kBytes), "");
     }
 
     TempDir scratch;

@@ -19,9 +19,9 @@ namespace fs = std::filesystem;
 void MakeSampleTree(const std::string& root)
 {
     WriteText(root + "/readme.txt", "hello over tcp\n");
-    WriteFile(root + "/data/big.bin", PatternBytes(3 * 1024 * 1024 + 123, 7));
-    WriteFile(root + "/data/exact-chunk.bin", PatternBytes(65536, 8));
-    WriteFile(root + "/data/deeper/still/small.bin", PatternBytes(100, 9));
+    WriteBytes(root + "/data/big.bin", PatternBytes(3 * 1024 * 1024 + 123, 7));
+    WriteBytes(root + "/data/exact-chunk.bin", PatternBytes(65536, 8));
+    WriteBytes(root + "/data/deeper/still/small.bin", PatternBytes(100, 9));
     WriteText(root + "/data/.hidden", "secret");
     WriteText(root + "/empty-file", "");
     fs::create_directories(root + "/empty-dir");
@@ -54,7 +54,7 @@ TEST(ServeSendTest, TreeArrivesByteForByteAndVerified)
     EXPECT_NE(sessions[0].find(": ok: received 7 files and 5 directories"), std::string::npos) << sessions[0];
     EXPECT_NE(sessions[0].find("verified 7 files"), std::string::npos) << sessions[0];
 
-    EXPECT_EQ(TreeDifference(source, dest + "/tree"), "");
+    EXPECT_EQ(TreeDifference(source, dest + "/tree", TreeCompare::kBytes), "");
     EXPECT_EQ(NamesIn(dest), std::vector<std::string>{"tree"}) << "no cache directory is left behind";
 }
 
@@ -82,7 +82,7 @@ TEST(ServeSendTest, OneSenderAfterAnotherWithRenameOnClash)
               std::string::npos)
         << sessions[1];
     EXPECT_EQ(NamesIn(dest), (std::vector<std::string>{"one", "one(1)", "report(1).pdf", "report.pdf"}));
-    EXPECT_EQ(TreeDifference(scratch / "one", dest + "/one(1)"), "");
+    EXPECT_EQ(TreeDifference(scratch / "one", dest + "/one(1)", TreeCompare::kBytes), "");
 
     serve.Process().Signal(SIGTERM);
     ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
@@ -94,7 +94,7 @@ TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
     TempDir scratch;
     const std::string dest = scratch / "dest";
     fs::create_directories(dest);
-    WriteFile(scratch / "slow/big.bin", PatternBytes(32u << 20, 5));
+    WriteBytes(scratch / "slow/big.bin", PatternBytes(32u << 20, 5));
     WriteText(scratch / "quick/q.txt", "quick");
 
     ServeProcess serve(scratch, dest);
@@ -122,7 +122,7 @@ TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
 
     const auto third = RunSend(scratch, "third", {serve.Address(), scratch / "quick"});
     EXPECT_EQ(third->ExitCode(), toInt(cli::ExitCode::kOk)) << third->Describe() << serve.Process().Describe();
-    EXPECT_EQ(TreeDifference(scratch / "quick", dest + "/quick"), "");
+    EXPECT_EQ(TreeDifference(scratch / "quick", dest + "/quick", TreeCompare::kBytes), "");
 }
 
 // The receiver refuses one entry (its destination would be reached through
@@ -135,7 +135,7 @@ TEST(ServeSendTest, AnEntryTheReceiverRefusesIsNamedAndTheRestArrives)
     const std::string dest = scratch / "dest";
     const std::string canary = scratch / "canary";
     WriteText(source + "/tree/a.txt", "alpha");
-    WriteFile(source + "/tree/sub/b.bin", PatternBytes(200000, 3));
+    WriteBytes(source + "/tree/sub/b.bin", PatternBytes(200000, 3));
     WriteText(source + "/notes.txt", "notes");
     WriteText(canary + "/keep.txt", "must never change");
     // DEST_DIR already has a "tree" whose "sub" leads out of it.
@@ -170,8 +170,8 @@ TEST(ServeSendTest, AnEntryTheReceiverRefusesIsNamedAndTheRestArrives)
 
     // Everything else arrived ("tree" was taken, so it came as "tree(1)").
     EXPECT_EQ(NamesIn(dest), (std::vector<std::string>{"notes.txt", "tree", "tree(1)"}));
-    EXPECT_EQ(TreeDifference(source + "/notes.txt", dest + "/notes.txt"), "");
-    EXPECT_EQ(TreeDifference(source + "/tree/a.txt", dest + "/tree(1)/a.txt"), "");
+    EXPECT_EQ(TreeDifference(source + "/notes.txt", dest + "/notes.txt", TreeCompare::kBytes), "");
+    EXPECT_EQ(TreeDifference(source + "/tree/a.txt", dest + "/tree(1)/a.txt", TreeCompare::kBytes), "");
     EXPECT_EQ(NamesIn(dest + "/tree(1)/sub"), std::vector<std::string>{});
     EXPECT_EQ(TreeFingerprint(canary), canaryBefore);
 }

@@ -4,6 +4,7 @@
 #include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 #ifndef XFERFM_EXPECTED_VERSION
@@ -13,7 +14,7 @@
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 TEST(CommandLine, VersionIsTheProjectVersion)
 {
@@ -76,7 +77,7 @@ TEST(CommandLine, DemoCopiesItsSampleTreeAndCleansUp)
                                  "verified", "copied "}) {
         EXPECT_NE(result.out.find(expected), std::string::npos) << expected << " missing from:\n" << result.out;
     }
-    EXPECT_TRUE(namesIn(scratch.Path()).empty()) << "demo left " << ::testing::PrintToString(namesIn(scratch.Path()));
+    EXPECT_TRUE(NamesIn(scratch.Path()).empty()) << "demo left " << ::testing::PrintToString(NamesIn(scratch.Path()));
 }
 
 }  // namespace

@@ -11,12 +11,13 @@
 #include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 size_t countLines(const std::string& text)
 {
@@ -44,7 +45,7 @@ protected:
 
     void expectDestinationUntouched()
     {
-        EXPECT_TRUE(namesIn(destination).empty()) << ::testing::PrintToString(namesIn(destination));
+        EXPECT_TRUE(NamesIn(destination).empty()) << ::testing::PrintToString(NamesIn(destination));
     }
 
     TempDir work;
@@ -110,7 +111,7 @@ TEST_F(CopyErrors, UnwritableDestinationIsNamed)
     EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kDestinationUnusable)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(locked), std::string::npos) << result.err;
-    EXPECT_TRUE(namesIn(locked).empty());
+    EXPECT_TRUE(NamesIn(locked).empty());
 }
 
 TEST_F(CopyErrors, FifoInsideATreeIsUnreadableAndNamed)
@@ -181,7 +182,7 @@ TEST_F(CopyErrors, FileRemovedDuringTheCopyIsNamedAndNothingHalfWrittenRemains)
     writeTextFile(doomed, "here at the start\n");
     RunOptions options;
     options.whileRunning = [this, &doomed](pid_t) {
-        if (leftoverCaches(destination).empty()) {
+        if (LeftoverCaches(destination).empty()) {
             return true;  // not started yet
         }
         ::unlink(doomed.c_str());
@@ -195,9 +196,9 @@ TEST_F(CopyErrors, FileRemovedDuringTheCopyIsNamedAndNothingHalfWrittenRemains)
     EXPECT_NE(result.err.find(doomed), std::string::npos) << result.err;
     // What arrived before the failure may stay, but only whole files.
     EXPECT_FALSE(exists(destination + "/tree/b-removed.txt"));
-    EXPECT_TRUE(incompleteCopies(source + "/tree", destination + "/tree").empty())
-        << ::testing::PrintToString(incompleteCopies(source + "/tree", destination + "/tree"));
-    EXPECT_TRUE(leftoverCaches(destination).empty());
+    EXPECT_TRUE(IncompleteCopies(source + "/tree", destination + "/tree").empty())
+        << ::testing::PrintToString(IncompleteCopies(source + "/tree", destination + "/tree"));
+    EXPECT_TRUE(LeftoverCaches(destination).empty());
 }
 
 }  // namespace

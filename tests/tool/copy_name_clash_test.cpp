@@ -7,12 +7,13 @@
 #include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 class NameClash : public ::testing::Test {
 protected:
@@ -66,9 +67,9 @@ TEST_F(NameClash, ExistingDirectoryIsLeftAloneAndTheCopyGetsACounter)
     const ToolResult result = copy({"photos"});
 
     ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
-    EXPECT_EQ(namesIn(destination + "/photos"), std::vector<std::string>{"a.jpg"});
+    EXPECT_EQ(NamesIn(destination + "/photos"), std::vector<std::string>{"a.jpg"});
     EXPECT_EQ(readTextFile(destination + "/photos/a.jpg"), "old a\n");
-    const std::vector<std::string> differences = treeDifferences(source + "/photos", destination + "/photos(1)");
+    const std::vector<std::string> differences = TreeDifferences(source + "/photos", destination + "/photos(1)");
     EXPECT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
 }
 
@@ -88,7 +89,7 @@ TEST_F(NameClash, CounterGoesBeforeTheFirstDot)
     EXPECT_EQ(readTextFile(destination + "/(1).bashrc"), "rc\n");
     EXPECT_EQ(readTextFile(destination + "/README(1)"), "readme\n");
     EXPECT_EQ(readTextFile(destination + "/archive.tar.gz"), "taken\n");
-    EXPECT_TRUE(leftoverCaches(destination).empty());
+    EXPECT_TRUE(LeftoverCaches(destination).empty());
 }
 
 TEST_F(NameClash, TwoSourcesWithTheSameNameAreRefused)
@@ -102,7 +103,7 @@ TEST_F(NameClash, TwoSourcesWithTheSameNameAreRefused)
 
     EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kUsage)) << describe(result);
     EXPECT_NE(result.err.find("same.txt"), std::string::npos) << result.err;
-    EXPECT_TRUE(namesIn(destination).empty());
+    EXPECT_TRUE(NamesIn(destination).empty());
 }
 
 }  // namespace

@@ -8,12 +8,13 @@
 #include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 class CopyTrees : public ::testing::Test {
 protected:
@@ -37,9 +38,9 @@ protected:
     void expectIdentical(const std::string& name)
     {
         const std::vector<std::string> differences =
-            treeDifferences(source + "/" + name, destination + "/" + name);
+            TreeDifferences(source + "/" + name, destination + "/" + name);
         EXPECT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
-        EXPECT_TRUE(leftoverCaches(destination).empty());
+        EXPECT_TRUE(LeftoverCaches(destination).empty());
     }
 
     TempDir work;
@@ -135,7 +136,7 @@ TEST_F(CopyTrees, SeveralSourcesLandSideBySide)
     const ToolResult result = copy({source + "/one.txt", source + "/two/", source + "/four"});
 
     ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
-    EXPECT_EQ(namesIn(destination), (std::vector<std::string>{"four", "one.txt", "two"}));
+    EXPECT_EQ(NamesIn(destination), (std::vector<std::string>{"four", "one.txt", "two"}));
     expectIdentical("one.txt");
     expectIdentical("two");
     expectIdentical("four");

@@ -6,12 +6,13 @@
 #include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 TEST(RateLimit, FiftyMebibytesAtEightyMegabitsTakesAtLeastTheLimitedTime)
 {
@@ -29,7 +30,7 @@ TEST(RateLimit, FiftyMebibytesAtEightyMegabitsTakesAtLeastTheLimitedTime)
     const double limitedSeconds = static_cast<double>(kBytes) * 8.0 / kBitsPerSecond;
     EXPECT_GE(result.seconds / limitedSeconds, 0.95)
         << "took " << result.seconds << " s; the limit implies " << limitedSeconds << " s";
-    EXPECT_TRUE(treeDifferences(source, destination + "/big.bin").empty());
+    EXPECT_TRUE(TreeDifferences(source, destination + "/big.bin").empty());
 }
 
 }  // namespace

@@ -4,13 +4,14 @@
 
 #include "SourcePlan.h"
 #include "TestSupport.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 #include "TreeVerifier.h"
 
 namespace xferfm::cli {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 using tooltest::makeDirectory;
 using tooltest::writePatternFile;
 using tooltest::writeTextFile;

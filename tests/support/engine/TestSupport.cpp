@@ -571,6 +571,10 @@ std::vector<uint8_t> PatternBytes(size_t size, uint32_t seed)
 
 void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes)
 {
+    const std::filesystem::path parent = std::filesystem::path(path).parent_path();
+    if (!parent.empty()) {
+        std::filesystem::create_directories(parent);
+    }
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     if (!out) {

@@ -259,6 +259,7 @@ struct ManagerFixture {
 };
 
 std::vector<uint8_t> PatternBytes(size_t size, uint32_t seed = 1);
+// Writes `bytes` to `path`, making its parent directories first.
 void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 void WriteText(const std::string& path, const std::string& text);
 std::vector<uint8_t> ReadBytes(const std::string& path);

@@ -4,6 +4,7 @@
 
 #include "HostTestSupport.h"
 #include "TestSupport.h"
+#include "TreeCompare.h"
 
 namespace orin::xfer::host::test {
 
@@ -75,7 +76,7 @@ std::string NextCopyProblem(const std::string& sourceRoot, const std::string& de
     if (!copy.receiver->Summary().completed) {
         return "the next copy failed: " + copy.receiver->Summary().error;
     }
-    const std::string difference = CompareTrees(source, destination);
+    const std::string difference = orin::xfer::test::TreeDifference(source, destination);
     return difference.empty() ? std::string() : "the next copy differs: " + difference;
 }
 

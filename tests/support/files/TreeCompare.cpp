@@ -1,20 +1,19 @@
 #include "TreeCompare.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
-#include <stdexcept>
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
-bool sameBytes(const std::string& left, const std::string& right)
+bool SameBytes(const std::string& left, const std::string& right)
 {
     std::ifstream a(left, std::ios::binary);
     std::ifstream b(right, std::ios::binary);
@@ -38,8 +37,14 @@ bool sameBytes(const std::string& left, const std::string& right)
     }
 }
 
-void compareInto(const std::string& expected, const std::string& actual, const std::string& relative,
-                 std::vector<std::string>& differences)
+bool IsDirectoryPath(const std::string& path)
+{
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+void CompareInto(const std::string& expected, const std::string& actual, const std::string& relative,
+                 TreeCompare how, std::vector<std::string>& differences)
 {
     struct stat expectedStatus {};
     struct stat actualStatus {};
@@ -51,40 +56,50 @@ void compareInto(const std::string& expected, const std::string& actual, const s
         differences.push_back(relative + ": missing in copy");
         return;
     }
-    if (S_ISDIR(expectedStatus.st_mode) != S_ISDIR(actualStatus.st_mode)) {
+    if (S_ISDIR(expectedStatus.st_mode) != S_ISDIR(actualStatus.st_mode) ||
+        S_ISREG(expectedStatus.st_mode) != S_ISREG(actualStatus.st_mode)) {
         differences.push_back(relative + ": file/directory mismatch");
         return;
     }
-    if ((expectedStatus.st_mode & 0777) != (actualStatus.st_mode & 0777)) {
+    if (how == TreeCompare::kBytesAndModes && (expectedStatus.st_mode & 07777) != (actualStatus.st_mode & 07777)) {
         std::ostringstream text;
-        text << relative << ": mode " << std::oct << (expectedStatus.st_mode & 0777) << " became "
-             << (actualStatus.st_mode & 0777);
+        text << relative << ": mode " << std::oct << (expectedStatus.st_mode & 07777) << " became "
+             << (actualStatus.st_mode & 07777);
         differences.push_back(text.str());
     }
     if (!S_ISDIR(expectedStatus.st_mode)) {
         if (expectedStatus.st_size != actualStatus.st_size) {
             differences.push_back(relative + ": size " + std::to_string(expectedStatus.st_size) + " became " +
                                   std::to_string(actualStatus.st_size));
-        } else if (!sameBytes(expected, actual)) {
+        } else if (!SameBytes(expected, actual)) {
             differences.push_back(relative + ": bytes differ");
         }
         return;
     }
-    const std::vector<std::string> expectedNames = namesIn(expected);
-    const std::vector<std::string> actualNames = namesIn(actual);
+    const std::vector<std::string> expectedNames = NamesIn(expected);
+    const std::vector<std::string> actualNames = NamesIn(actual);
     for (const std::string& name : actualNames) {
         if (!std::binary_search(expectedNames.begin(), expectedNames.end(), name)) {
             differences.push_back(relative + "/" + name + ": unexpected in copy");
         }
     }
     for (const std::string& name : expectedNames) {
-        compareInto(expected + "/" + name, actual + "/" + name, relative + "/" + name, differences);
+        CompareInto(expected + "/" + name, actual + "/" + name, relative + "/" + name, how, differences);
     }
+}
+
+uint64_t Fnv1a(std::istream& in)
+{
+    uint64_t hash = 1469598103934665603ull;
+    for (auto it = std::istreambuf_iterator<char>(in); it != std::istreambuf_iterator<char>(); ++it) {
+        hash = (hash ^ static_cast<uint8_t>(*it)) * 1099511628211ull;
+    }
+    return hash;
 }
 
 }  // namespace
 
-std::vector<std::string> namesIn(const std::string& directory)
+std::vector<std::string> NamesIn(const std::string& directory)
 {
     std::vector<std::string> names;
     DIR* handle = ::opendir(directory.c_str());
@@ -102,23 +117,87 @@ std::vector<std::string> namesIn(const std::string& directory)
     return names;
 }
 
-std::vector<std::string> incompleteCopies(const std::string& sourceRoot, const std::string& copyRoot)
+std::vector<std::string> TreeDifferences(const std::string& expected, const std::string& actual, TreeCompare how)
+{
+    std::vector<std::string> differences;
+    CompareInto(expected, actual, ".", how, differences);
+    return differences;
+}
+
+std::string TreeDifference(const std::string& expected, const std::string& actual, TreeCompare how)
+{
+    const std::vector<std::string> differences = TreeDifferences(expected, actual, how);
+    return differences.empty() ? "" : differences.front();
+}
+
+std::string TreeFingerprint(const std::string& root, FingerprintTimes times)
+{
+    std::string fingerprint;
+    std::vector<std::string> pending{""};
+    while (!pending.empty()) {
+        const std::string relative = pending.back();
+        pending.pop_back();
+        const std::string path = relative.empty() ? root : root + "/" + relative;
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0) {
+            fingerprint += relative + ":missing\n";
+            continue;
+        }
+        fingerprint += relative + ":" + std::to_string(info.st_mode) + ":" + std::to_string(info.st_size);
+        if (times == FingerprintTimes::kIncluded) {
+            fingerprint += ":" + std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec);
+        }
+        if (S_ISREG(info.st_mode)) {
+            std::ifstream in(path, std::ios::binary);
+            fingerprint += ":" + std::to_string(Fnv1a(in));
+        } else if (S_ISLNK(info.st_mode)) {
+            char target[4096];
+            const ssize_t length = ::readlink(path.c_str(), target, sizeof target);
+            fingerprint += ":-> " + std::string(target, length > 0 ? static_cast<size_t>(length) : 0);
+        }
+        fingerprint += "\n";
+        if (S_ISDIR(info.st_mode)) {
+            for (const std::string& name : NamesIn(path)) {
+                pending.push_back(relative.empty() ? name : relative + "/" + name);
+            }
+        }
+    }
+    return fingerprint;
+}
+
+std::vector<std::string> IncompleteCopies(const std::string& sourceRoot, const std::string& copyRoot)
 {
     std::vector<std::string> incomplete;
-    for (const std::string& name : namesIn(copyRoot)) {
+    for (const std::string& name : NamesIn(copyRoot)) {
         const std::string source = sourceRoot + "/" + name;
         const std::string copy = copyRoot + "/" + name;
-        if (isDirectory(copy)) {
-            const std::vector<std::string> inner = incompleteCopies(source, copy);
+        struct stat status {};
+        if (IsDirectoryPath(copy)) {
+            const std::vector<std::string> inner = IncompleteCopies(source, copy);
             incomplete.insert(incomplete.end(), inner.begin(), inner.end());
-        } else if (isDirectory(source) || !exists(source) || !sameBytes(source, copy)) {
+        } else if (IsDirectoryPath(source) || ::lstat(source.c_str(), &status) != 0 || !SameBytes(source, copy)) {
             incomplete.push_back(copy);
         }
     }
     return incomplete;
 }
 
-uint64_t bytesUnder(const std::string& root)
+std::vector<std::string> LeftoverCaches(const std::string& root)
+{
+    std::vector<std::string> found;
+    for (const std::string& name : NamesIn(root)) {
+        const std::string path = root + "/" + name;
+        if (name.rfind(".xferfm-cache", 0) == 0) {
+            found.push_back(path);
+        } else if (IsDirectoryPath(path)) {
+            const std::vector<std::string> inner = LeftoverCaches(path);
+            found.insert(found.end(), inner.begin(), inner.end());
+        }
+    }
+    return found;
+}
+
+uint64_t BytesUnder(const std::string& root)
 {
     struct stat status {};
     if (::stat(root.c_str(), &status) != 0) {
@@ -128,89 +207,10 @@ uint64_t bytesUnder(const std::string& root)
         return static_cast<uint64_t>(status.st_size);
     }
     uint64_t total = 0;
-    for (const std::string& name : namesIn(root)) {
-        total += bytesUnder(root + "/" + name);
+    for (const std::string& name : NamesIn(root)) {
+        total += BytesUnder(root + "/" + name);
     }
     return total;
 }
 
-std::vector<std::string> treeDifferences(const std::string& expectedRoot, const std::string& actualRoot)
-{
-    std::vector<std::string> differences;
-    compareInto(expectedRoot, actualRoot, ".", differences);
-    return differences;
-}
-
-void writePatternFile(const std::string& path, uint64_t size, uint32_t seed)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    std::vector<char> block(1 << 20);
-    uint32_t state = seed * 2654435761u + 7u;
-    uint64_t left = size;
-    while (left > 0) {
-        for (char& byte : block) {
-            state = state * 1664525u + 1013904223u;
-            byte = static_cast<char>(state >> 24);
-        }
-        const size_t piece = static_cast<size_t>(std::min<uint64_t>(left, block.size()));
-        out.write(block.data(), static_cast<std::streamsize>(piece));
-        left -= piece;
-    }
-    if (!out) {
-        throw std::runtime_error("cannot write " + path);
-    }
-}
-
-void writeTextFile(const std::string& path, const std::string& text, mode_t mode)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.close();
-    if (!out || ::chmod(path.c_str(), mode) != 0) {
-        throw std::runtime_error("cannot write " + path);
-    }
-}
-
-void makeDirectory(const std::string& path, mode_t mode)
-{
-    if (::mkdir(path.c_str(), mode) != 0 || ::chmod(path.c_str(), mode) != 0) {
-        throw std::runtime_error("cannot make " + path);
-    }
-}
-
-std::string readTextFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool exists(const std::string& path)
-{
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0;
-}
-
-bool isDirectory(const std::string& path)
-{
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-std::vector<std::string> leftoverCaches(const std::string& root)
-{
-    std::vector<std::string> found;
-    for (const std::string& name : namesIn(root)) {
-        const std::string path = root + "/" + name;
-        if (name.rfind(".xferfm-cache", 0) == 0) {
-            found.push_back(path);
-        } else if (isDirectory(path)) {
-            const std::vector<std::string> inner = leftoverCaches(path);
-            found.insert(found.end(), inner.begin(), inner.end());
-        }
-    }
-    return found;
-}
-
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -134,37 +134,6 @@ std::vector<std::string> ListTree(const std::string& root)
     return out;
 }
 
-std::string CompareTrees(const std::string& original, const std::string& copy)
-{
-    const auto left = ListTree(original);
-    const auto right = ListTree(copy);
-    if (left != right) {
-        std::string text = "entries differ:";
-        for (const auto& name : left) {
-            if (std::find(right.begin(), right.end(), name) == right.end()) {
-                text += " missing " + name;
-            }
-        }
-        for (const auto& name : right) {
-            if (std::find(left.begin(), left.end(), name) == left.end()) {
-                text += " extra " + name;
-            }
-        }
-        return text;
-    }
-    for (const auto& name : left) {
-        const std::string a = original + "/" + name;
-        const std::string b = copy + "/" + name;
-        if (ModeOf(a) != ModeOf(b)) {
-            return name + ": mode " + std::to_string(ModeOf(a)) + " became " + std::to_string(ModeOf(b));
-        }
-        if (name.back() != '/' && orin::xfer::test::ReadBytes(a) != orin::xfer::test::ReadBytes(b)) {
-            return name + ": contents differ";
-        }
-    }
-    return {};
-}
-
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes, mode_t mode)
 {
     orin::xfer::test::WriteBytes(path, bytes);

@@ -1,5 +1,5 @@
 // Helpers for the host kit's tests: a recording observer, source trees,
-// tree comparison, and counts of this process's threads and descriptors.
+// and counts of this process's threads and descriptors.
 //
 // Threading: the recorder is safe from any thread; readers take snapshots.
 #pragma once
@@ -55,10 +55,6 @@ private:
 
 // Files and directories under `root`, relative, sorted; directories end in "/".
 std::vector<std::string> ListTree(const std::string& root);
-
-// Empty when `copy` holds exactly what `original` holds (names, bytes and
-// permission bits), else a description of the first difference.
-std::string CompareTrees(const std::string& original, const std::string& copy);
 
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes, mode_t mode = 0644);
 void MakeDirectory(const std::string& path, mode_t mode = 0755);

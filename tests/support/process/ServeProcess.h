@@ -14,9 +14,14 @@
 
 #include "ChildProcess.h"
 #include "LinkTestSupport.h"
-#include "TestTree.h"
+#include "TempDir.h"
+#include "TestSupport.h"
+#include "TreeCompare.h"
 
 namespace xferfm::tcptest {
+
+// Scratch trees, pattern files and tree checks come from the shared support.
+using namespace orin::xfer::test;
 
 inline const char* ToolPath() { return XFERFM_TOOL_PATH; }
 

@@ -1,7 +1,7 @@
 // A directory that must never change, beside the destination of hostile
-// copies: its fingerprint covers every entry's name, type and mode, every
-// file's bytes and every symbolic link's target, so a single byte written
-// outside the destination shows.
+// copies: files, a sub-directory and symbolic links, so that
+// TreeFingerprint() of it (times left out) shows a single byte written outside the
+// destination.
 //
 // THREADING CONTRACT: plain functions; call while nothing writes the tree.
 #pragma once
@@ -14,8 +14,5 @@ namespace orin::xfer::host::test {
 // Fills `root` (an existing, empty directory) with files, a sub-directory
 // and symbolic links.
 void MakeCanaryTree(const std::string& root);
-
-// FNV-1a over the tree's listing and contents, without following links.
-uint64_t FingerprintTree(const std::string& root);
 
 }  // namespace orin::xfer::host::test

@@ -2,6 +2,7 @@
 
 #include "HostTestSupport.h"
 #include "TestSupport.h"
+#include "TreeCompare.h"
 
 namespace orin::xfer::host::test {
 
@@ -66,21 +67,13 @@ RandomTree MakeRandomTree(const std::string& parent, std::mt19937_64& rng, bool 
 
 std::string CheckOnlyWholeCopies(const RandomTree& tree, const std::string& destination)
 {
-    for (const std::string& entry : ListTree(destination)) {
-        if (entry.rfind(".xferfm-cache-", 0) == 0) {
-            return "a cache directory was left behind: " + entry;
-        }
-        if (entry.back() == '/') {
-            continue;
-        }
-        const std::string copy = destination + "/" + entry;
-        const std::string original = tree.parent + "/" + entry;
-        if (!orin::xfer::test::PathExists(original)) {
-            return "a file that is not in the source: " + copy;
-        }
-        if (orin::xfer::test::ReadBytes(copy) != orin::xfer::test::ReadBytes(original)) {
-            return "a partial or wrong file under a final name: " + copy;
-        }
+    const std::vector<std::string> caches = orin::xfer::test::LeftoverCaches(destination);
+    if (!caches.empty()) {
+        return "a cache directory was left behind: " + caches.front();
+    }
+    const std::vector<std::string> incomplete = orin::xfer::test::IncompleteCopies(tree.parent, destination);
+    if (!incomplete.empty()) {
+        return "a partial, wrong or foreign file under a final name: " + incomplete.front();
     }
     return {};
 }

@@ -10,6 +10,7 @@
 #include "HostTestSupport.h"
 #include "RandomTree.h"
 #include "TestSupport.h"
+#include "TreeCompare.h"
 #include "xferfm/host/InProcessTransport.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/SenderEndpoint.h"
@@ -312,7 +313,7 @@ std::vector<std::string> StressRun::Execute()
 
     if (received.completed) {
         mResult = RunResult::kCompleted;
-        const std::string difference = CompareTrees(tree.parent, destination);
+        const std::string difference = orin::xfer::test::TreeDifference(tree.parent, destination);
         if (!difference.empty()) {
             problem("completed (" + std::to_string(received.entriesTotal) + " entries, " +
                     std::to_string(received.filesDone) + " files, " + std::to_string(received.directoriesDone) +
