@@ -101,7 +101,7 @@ TEST_F(TcpTransportTest, PeerCloseIsReportedOnceAfterEverythingItSent)
     EXPECT_EQ(serverHandler.MessageCount(), 101u) << "every message sent before Close is delivered first";
     EXPECT_NE(serverHandler.CloseReason().find("closed the connection"), std::string::npos)
         << serverHandler.CloseReason();
-    EXPECT_TRUE(WaitUntil([&] { return !server->Send(EndOfList{}); }, 5s)) << "Send fails once the peer closed";
+    EXPECT_TRUE(waitUntil([&] { return !server->Send(EndOfList{}); }, 5s)) << "Send fails once the peer closed";
 
     std::this_thread::sleep_for(200ms);  // room for a wrong second report
     EXPECT_EQ(serverHandler.ClosedCount(), 1);
@@ -203,7 +203,7 @@ TEST_F(TcpTransportTest, DataSendsWaitWhileTheQueueIsFullButControlSendsDoNot)
 
     // The sender stalls once the queue and the socket buffers are full.
     int previous = -1;
-    ASSERT_TRUE(WaitUntil(
+    ASSERT_TRUE(waitUntil(
         [&] {
             const int now = sent.load();
             const bool stalled = now == previous && now > 0;
@@ -249,7 +249,7 @@ TEST_F(TcpTransportTest, CloseReleasesASenderWaitingForRoom)
     Connect(small, small);
     std::atomic<bool> release{false};
     serverHandler.onMessageHook = [&](const Message&) {
-        WaitUntil([&] { return release.load(); }, 20s);
+        waitUntil([&] { return release.load(); }, 20s);
     };
     StartBoth();
     std::atomic<bool> senderDone{false};
@@ -263,7 +263,7 @@ TEST_F(TcpTransportTest, CloseReleasesASenderWaitingForRoom)
     std::this_thread::sleep_for(300ms);
     EXPECT_FALSE(senderDone.load()) << "the sender should be waiting for room";
     client->Close();
-    EXPECT_TRUE(WaitUntil([&] { return senderDone.load(); }, 5s));
+    EXPECT_TRUE(waitUntil([&] { return senderDone.load(); }, 5s));
     EXPECT_FALSE(lastResult.load());
     sender.join();
     release = true;

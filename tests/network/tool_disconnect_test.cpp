@@ -43,7 +43,7 @@ TEST_F(DisconnectTest, SenderKilledMidFileIsReportedAndServeGoesOn)
     ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
     ChildProcess sender(ToolPath(), {"send", "--no-progress", "--bandwidth", kSlowBandwidthKbps, serve.Address(), source},
                         scratch / "send");
-    ASSERT_TRUE(WaitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 30s)) << sender.Describe();
+    ASSERT_TRUE(waitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 30s)) << sender.Describe();
 
     sender.Signal(SIGKILL);
     const auto killed = Clock::now();
@@ -77,7 +77,7 @@ TEST_F(DisconnectTest, ReceiverKilledMidFileFailsTheSenderClearly)
     ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
     ChildProcess sender(ToolPath(), {"send", "--no-progress", "--bandwidth", kSlowBandwidthKbps, serve.Address(), source},
                         scratch / "send");
-    ASSERT_TRUE(WaitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 30s)) << sender.Describe();
+    ASSERT_TRUE(waitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 30s)) << sender.Describe();
 
     serve.Process().Signal(SIGKILL);
     const auto killed = Clock::now();

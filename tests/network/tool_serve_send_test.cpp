@@ -102,7 +102,7 @@ TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
     // About 1 MB/s, so the first session is surely still running.
     ChildProcess first(ToolPath(), {"send", "--no-progress", "--bandwidth", "8000", serve.Address(), scratch / "slow"},
                        scratch / "first");
-    ASSERT_TRUE(WaitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 30s)) << first.Describe();
+    ASSERT_TRUE(waitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 30s)) << first.Describe();
 
     const auto second = RunSend(scratch, "second", {serve.Address(), scratch / "quick"}, 20s);
     ASSERT_TRUE(second->Exited()) << second->Describe();

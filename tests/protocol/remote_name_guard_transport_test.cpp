@@ -91,7 +91,7 @@ protected:
     std::vector<EntryRefused> RefusalsHeard(size_t count)
     {
         std::vector<EntryRefused> heard;
-        WaitUntil([&] {
+        waitUntil([&] {
             heard.clear();
             for (const Message& message : senderHandler.Messages()) {
                 if (const auto* refused = std::get_if<EntryRefused>(&message)) {

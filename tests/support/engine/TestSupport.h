@@ -21,11 +21,9 @@
 #include "IFileTransferManager.h"
 #include "OrinFileTransferManager.h"
 #include "TempDir.h"
+#include "Wait.h"
 
 namespace orin::xfer::test {
-
-// Polls `done` until it holds or `timeout` passes; true when it held.
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 // ---------------------------------------------------------------------------
 // Logging

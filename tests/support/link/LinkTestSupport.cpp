@@ -82,18 +82,6 @@ namespace xferfm::tcptest {
 
 using Clock = std::chrono::steady_clock;
 
-bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
-{
-    const auto deadline = Clock::now() + timeout;
-    while (!done()) {
-        if (Clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 void RecordingHandler::OnMessage(Message message)
 {
     if (onMessageHook) {
@@ -149,12 +137,12 @@ std::vector<std::thread::id> RecordingHandler::DeliveryThreads() const
 
 bool RecordingHandler::WaitForMessages(size_t count, std::chrono::milliseconds timeout) const
 {
-    return WaitUntil([&] { return MessageCount() >= count; }, timeout);
+    return waitUntil([&] { return MessageCount() >= count; }, timeout);
 }
 
 bool RecordingHandler::WaitForClose(std::chrono::milliseconds timeout) const
 {
-    return WaitUntil([&] { return ClosedCount() > 0; }, timeout);
+    return waitUntil([&] { return ClosedCount() > 0; }, timeout);
 }
 
 SocketPair ConnectLoopbackPair()

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "Wait.h"
 #include "xferfm/host/FrameCodec.h"
 #include "xferfm/host/TcpSocket.h"
 #include "xferfm/host/Transport.h"
@@ -50,8 +51,7 @@ namespace xferfm::tcptest {
 
 using namespace orin::xfer::host;
 
-// Polls `done` every few milliseconds until it holds or `timeout` passes.
-bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+using orin::xfer::test::waitUntil;
 
 class RecordingHandler : public ITransportHandler {
 public:

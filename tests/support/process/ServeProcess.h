@@ -69,7 +69,7 @@ public:
         args.insert(args.end(), extraArgs.begin(), extraArgs.end());
         args.push_back(destination);
         mProcess = std::make_unique<ChildProcess>(ToolPath(), args, scratch / "serve");
-        WaitUntil([this] { return ReadPort() != 0 || mProcess->WaitExit(std::chrono::milliseconds(0)); },
+        waitUntil([this] { return ReadPort() != 0 || mProcess->WaitExit(std::chrono::milliseconds(0)); },
                   std::chrono::seconds(20));
         mPort = ReadPort();
     }
@@ -83,7 +83,7 @@ public:
     std::vector<std::string> WaitForSessions(size_t count, std::chrono::milliseconds timeout)
     {
         std::vector<std::string> sessions;
-        WaitUntil(
+        waitUntil(
             [&] {
                 sessions = LinesWith(mProcess->Stdout(), "session ");
                 return sessions.size() >= count;
