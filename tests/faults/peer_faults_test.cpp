@@ -131,7 +131,7 @@ private:
         return all;
     }
 
-    xferfm::tcptest::ChildProcess mProcess;
+    orin::xfer::test::ChildProcess mProcess;
 };
 
 // A receiver on 127.0.0.1 in this process, for one `xferfm send`.

@@ -10,6 +10,8 @@
 namespace xferfm::tooltest {
 namespace {
 
+using namespace orin::xfer::test;
+
 // The line of `text` that starts (after indentation) with `word`.
 std::string lineStartingWith(const std::string& text, const std::string& word)
 {

@@ -12,9 +12,9 @@ namespace xferfm::cli {
 namespace {
 
 using namespace orin::xfer::test;
-using tooltest::makeDirectory;
-using tooltest::writePatternFile;
-using tooltest::writeTextFile;
+using orin::xfer::test::makeDirectory;
+using orin::xfer::test::writePatternFile;
+using orin::xfer::test::writeTextFile;
 
 class TreeVerifier : public ::testing::Test {
 protected:

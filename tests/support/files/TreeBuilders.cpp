@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 
 void writePatternFile(const std::string& path, uint64_t size, uint32_t seed)
 {
@@ -67,4 +67,4 @@ bool isDirectory(const std::string& path)
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

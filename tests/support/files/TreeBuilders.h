@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 
 // Writes `size` pattern bytes (seeded) to `path`, streaming, any size.
 void writePatternFile(const std::string& path, uint64_t size, uint32_t seed);
@@ -20,4 +20,4 @@ std::string readTextFile(const std::string& path);
 bool exists(const std::string& path);
 bool isDirectory(const std::string& path);
 
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

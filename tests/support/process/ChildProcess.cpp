@@ -12,7 +12,7 @@
 
 extern char** environ;
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 std::string ReadWhole(const std::string& path)
@@ -147,4 +147,4 @@ std::string ChildProcess::Describe() const
     return state + "\n--- stdout:\n" + Stdout() + "--- stderr:\n" + Stderr();
 }
 
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 
 struct ChildOptions {
     std::string workingDir;                // empty: the test's own
@@ -55,4 +55,4 @@ private:
     std::string mErrPath;
 };
 
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -14,7 +14,7 @@
 // A run is a ChildProcess whose output files live in a scratch directory of
 // their own, read back once the child has ended.
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 
 using Clock = std::chrono::steady_clock;
 
@@ -22,9 +22,9 @@ const char* toolPath() { return XFERFM_TOOL_PATH; }
 
 ToolResult runTool(const std::vector<std::string>& args, const RunOptions& options)
 {
-    const orin::xfer::test::TempDir output;
+    const TempDir output;
     const auto started = Clock::now();
-    tcptest::ChildProcess child(toolPath(), args, output.Join("tool"), {options.workingDir, options.environment});
+    ChildProcess child(toolPath(), args, output.Join("tool"), {options.workingDir, options.environment});
     if (!child.Started()) {
         throw std::runtime_error(std::string("cannot start ") + toolPath());
     }
@@ -59,4 +59,4 @@ std::string describe(const ToolResult& result)
     return text + "\nstdout:\n" + result.out + "\nstderr:\n" + result.err;
 }
 
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

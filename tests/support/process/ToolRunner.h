@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 
 // Path of the binary under test, from the build.
 const char* toolPath();
@@ -41,4 +41,4 @@ ToolResult runTool(const std::vector<std::string>& args, const RunOptions& optio
 // "exit 3, stderr: ..." for assertion messages.
 std::string describe(const ToolResult& result);
 
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test
