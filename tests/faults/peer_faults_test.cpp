@@ -3,11 +3,7 @@
 // is built), it is killed with SIGKILL. The receiver must fail with one
 // clear error, keep nothing half-written under a final name, and accept
 // the next sender.
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -17,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ChildProcess.h"
 #include "FaultCopy.h"
 #include "FaultInjectingTransport.h"
 #include "HostTestSupport.h"
@@ -26,8 +23,6 @@
 #include "xferfm/host/SenderEndpoint.h"
 #include "xferfm/host/TcpListener.h"
 #include "xferfm/host/TcpTransport.h"
-
-extern char** environ;
 
 namespace orin::xfer::host::test {
 namespace {
@@ -115,57 +110,28 @@ TEST_F(PeerFaults, ALinkClosedAbruptlyMidFileFailsTheReceiverCleanly)
 class SendProcess {
 public:
     SendProcess(const std::vector<std::string>& args, const std::string& outputPrefix)
+        : mProcess(XFERFM_TOOL_PATH, WithSend(args), outputPrefix)
     {
-        std::vector<std::string> all{XFERFM_TOOL_PATH, "send", "--no-progress"};
-        all.insert(all.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (auto& arg : all) {
-            argv.push_back(arg.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, (outputPrefix + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        posix_spawn_file_actions_addopen(&actions, 2, (outputPrefix + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        if (posix_spawn(&mPid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-            mPid = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
     }
-    ~SendProcess()
-    {
-        if (mPid > 0 && !mReaped) {
-            kill(mPid, SIGKILL);
-            waitpid(mPid, nullptr, 0);
-        }
-    }
-    SendProcess(const SendProcess&) = delete;
-    SendProcess& operator=(const SendProcess&) = delete;
 
-    bool Started() const { return mPid > 0; }
+    bool Started() const { return mProcess.Started(); }
     void Kill()
     {
-        kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-        mReaped = true;
+        mProcess.Signal(SIGKILL);
+        mProcess.WaitExit(kCopyLimit);
     }
     // The exit code once it ended within `timeout`, -1 otherwise.
-    int WaitExit(std::chrono::milliseconds timeout)
-    {
-        int status = 0;
-        const bool ended = waitUntil([&] { return waitpid(mPid, &status, WNOHANG) == mPid; }, timeout);
-        if (!ended) {
-            return -1;
-        }
-        mReaped = true;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
+    int WaitExit(std::chrono::milliseconds timeout) { return mProcess.WaitExit(timeout) ? mProcess.ExitCode() : -1; }
 
 private:
-    pid_t mPid = -1;
-    bool mReaped = false;
+    static std::vector<std::string> WithSend(const std::vector<std::string>& args)
+    {
+        std::vector<std::string> all{"send", "--no-progress"};
+        all.insert(all.end(), args.begin(), args.end());
+        return all;
+    }
+
+    orin::xfer::test::ChildProcess mProcess;
 };
 
 // A receiver on 127.0.0.1 in this process, for one `xferfm send`.

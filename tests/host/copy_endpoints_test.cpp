@@ -10,6 +10,7 @@
 #include "CopySession.h"
 #include "HostTestSupport.h"
 #include "TestSupport.h"
+#include "TreeCompare.h"
 
 namespace orin::xfer::host {
 namespace {
@@ -18,9 +19,9 @@ using orin::xfer::test::PatternBytes;
 using orin::xfer::test::PathExists;
 using orin::xfer::test::ReadBytes;
 using orin::xfer::test::TempDir;
+using orin::xfer::test::TreeDifference;
 using orin::xfer::test::waitUntil;
 using namespace std::chrono_literals;
-using test::CompareTrees;
 using test::CopySession;
 using test::CopySessionOptions;
 using test::ListTree;
@@ -93,7 +94,7 @@ TEST_F(CopyEndpoints, CopiesATreeByteForByteWithModesHiddenAndEmptyEntries)
     EXPECT_TRUE(received.completed) << received.error;
     EXPECT_EQ(received.error, "");
     EXPECT_TRUE(copy.sender->Summary().completed) << copy.sender->Summary().error;
-    EXPECT_EQ(CompareTrees(source, destination + "/project"), "");
+    EXPECT_EQ(TreeDifference(source, destination + "/project"), "");
     EXPECT_EQ(ReadBytes(destination + "/single file.txt"), ReadBytes(single));
     EXPECT_EQ(ModeOf(destination + "/single file.txt"), 0604u);
     EXPECT_EQ(ModeOf(destination + "/project"), 0750u);
@@ -161,7 +162,7 @@ TEST_F(CopyEndpoints, CopiesListsLongerThanTheEnginesSliceInOrder)
     ASSERT_TRUE(copy.WaitBoth(kCopyLimit));
     ASSERT_TRUE(copy.receiver->Summary().completed) << copy.receiver->Summary().error;
     EXPECT_EQ(copy.receiver->Summary().filesDone, 210u);
-    EXPECT_EQ(CompareTrees(source, destination + "/many"), "");
+    EXPECT_EQ(TreeDifference(source, destination + "/many"), "");
 }
 
 class CopyWithWindow : public CopyEndpoints, public ::testing::WithParamInterface<uint32_t> {};

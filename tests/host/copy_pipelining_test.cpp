@@ -12,6 +12,7 @@
 #include "HandPlayedReceiver.h"
 #include "HostTestSupport.h"
 #include "TestSupport.h"
+#include "TreeCompare.h"
 #include "xferfm/host/InProcessTransport.h"
 #include "xferfm/host/SenderEndpoint.h"
 
@@ -21,9 +22,9 @@ namespace {
 using orin::xfer::test::PatternBytes;
 using orin::xfer::test::ReadBytes;
 using orin::xfer::test::TempDir;
+using orin::xfer::test::TreeDifference;
 using orin::xfer::test::waitUntil;
 using namespace std::chrono_literals;
-using test::CompareTrees;
 using test::CopySession;
 using test::CopySessionOptions;
 using test::MakeDirectory;
@@ -67,7 +68,7 @@ TEST(CopyPipelining, ManySmallFilesEmptyFilesAndDirectoriesArriveWhole)
     EXPECT_TRUE(copy.sender->Summary().completed) << copy.sender->Summary().error;
     EXPECT_EQ(copy.receiver->Summary().filesDone, 300u);
     EXPECT_EQ(copy.receiver->Summary().directoriesDone, 11u);
-    EXPECT_EQ(CompareTrees(source, destination + "/tree"), "");
+    EXPECT_EQ(TreeDifference(source, destination + "/tree"), "");
     EXPECT_EQ(copy.observer.Count("completed"), 300u);
     EXPECT_EQ(copy.observer.Count("failure"), 0u);
 }

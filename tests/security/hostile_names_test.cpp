@@ -32,6 +32,7 @@
 #include "HostileSender.h"
 #include "SilentEngineLog.h"
 #include "TestSupport.h"
+#include "TreeCompare.h"
 #include "xferfm/host/InProcessTransport.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuard.h"
@@ -43,6 +44,8 @@ namespace {
 using namespace std::chrono_literals;
 using orin::xfer::test::PathExists;
 using orin::xfer::test::TempDir;
+using orin::xfer::test::FingerprintTimes;
+using orin::xfer::test::TreeFingerprint;
 
 constexpr auto kSessionLimit = 20s;  // a refused or tiny copy ends in milliseconds
 
@@ -102,8 +105,8 @@ protected:
         canary = scratch.Join("canary");
         MakeDirectory(canary);
         MakeCanaryTree(canary);
-        canaryPrint = FingerprintTree(canary);
-        passwdPrint = FingerprintTree("/etc/passwd");
+        canaryPrint = TreeFingerprint(canary, FingerprintTimes::kLeftOut);
+        passwdPrint = TreeFingerprint("/etc/passwd", FingerprintTimes::kLeftOut);
         destination = scratch.Join("dest");
         names = HostileNames(canary, "dest");
     }
@@ -119,10 +122,10 @@ protected:
     // Empty when nothing outside the destination changed.
     std::string containmentProblem() const
     {
-        if (FingerprintTree(canary) != canaryPrint) {
+        if (TreeFingerprint(canary, FingerprintTimes::kLeftOut) != canaryPrint) {
             return "the canary directory beside the destination changed";
         }
-        if (FingerprintTree("/etc/passwd") != passwdPrint) {
+        if (TreeFingerprint("/etc/passwd", FingerprintTimes::kLeftOut) != passwdPrint) {
             return "/etc/passwd changed";
         }
         for (const char* outside : {"/tmp/xferfm-escape", "/x", "/etc/x"}) {
@@ -218,8 +221,8 @@ protected:
     TempDir scratch;
     std::string canary;
     std::string destination;
-    uint64_t canaryPrint = 0;
-    uint64_t passwdPrint = 0;
+    std::string canaryPrint;
+    std::string passwdPrint;
     std::vector<std::string> names;
     Tally tally;
 };

@@ -1,8 +1,10 @@
 // --help, --version, usage errors and the demo command.
 #include <gtest/gtest.h>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 #ifndef XFERFM_EXPECTED_VERSION
@@ -12,13 +14,13 @@
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 TEST(CommandLine, VersionIsTheProjectVersion)
 {
     const ToolResult result = runTool({"--version"});
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     EXPECT_EQ(result.out, std::string("xferfm ") + XFERFM_EXPECTED_VERSION + "\n");
 }
 
@@ -26,7 +28,7 @@ TEST(CommandLine, HelpListsTheCommandsAndTheExitCodes)
 {
     const ToolResult result = runTool({"--help"});
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     for (const char* expected : {"copy", "demo", "--version", "Exit codes", "130"}) {
         EXPECT_NE(result.out.find(expected), std::string::npos) << expected << " missing from:\n" << result.out;
     }
@@ -36,7 +38,7 @@ TEST(CommandLine, CopyHelpDescribesEveryOption)
 {
     const ToolResult result = runTool({"copy", "--help"});
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     for (const char* expected : {"--bandwidth", "--window", "--verify", "--log-level", "--no-progress",
                                  "DEST_DIR", "Exit codes"}) {
         EXPECT_NE(result.out.find(expected), std::string::npos) << expected << " missing from:\n" << result.out;
@@ -57,8 +59,7 @@ TEST(CommandLine, UsageErrorsExitWithTwo)
     };
     for (const auto& args : mistakes) {
         const ToolResult result = runTool(args);
-        EXPECT_EQ(result.exitCode, toInt(ExitCode::kUsage))
-            << ::testing::PrintToString(args) << "\n" << describe(result);
+        EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kUsage)) << ::testing::PrintToString(args) << "\n" << describe(result);
         EXPECT_FALSE(result.err.empty()) << ::testing::PrintToString(args);
     }
 }
@@ -71,12 +72,12 @@ TEST(CommandLine, DemoCopiesItsSampleTreeAndCleansUp)
 
     const ToolResult result = runTool({"demo", "--no-progress"}, options);
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     for (const char* expected : {"notes(1).txt", "empty album", "exactly one chunk.bin", "März — Zürich",
                                  "verified", "copied "}) {
         EXPECT_NE(result.out.find(expected), std::string::npos) << expected << " missing from:\n" << result.out;
     }
-    EXPECT_TRUE(namesIn(scratch.Path()).empty()) << "demo left " << ::testing::PrintToString(namesIn(scratch.Path()));
+    EXPECT_TRUE(NamesIn(scratch.Path()).empty()) << "demo left " << ::testing::PrintToString(NamesIn(scratch.Path()));
 }
 
 }  // namespace

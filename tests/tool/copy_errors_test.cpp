@@ -8,14 +8,16 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 size_t countLines(const std::string& text)
 {
@@ -43,7 +45,7 @@ protected:
 
     void expectDestinationUntouched()
     {
-        EXPECT_TRUE(namesIn(destination).empty()) << ::testing::PrintToString(namesIn(destination));
+        EXPECT_TRUE(NamesIn(destination).empty()) << ::testing::PrintToString(NamesIn(destination));
     }
 
     TempDir work;
@@ -57,7 +59,7 @@ TEST_F(CopyErrors, MissingSourceIsNamedAndNothingIsCopied)
 
     const ToolResult result = copy({source + "/fine.txt", missing}, destination);
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kSourceMissing)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceMissing)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(missing), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("No such file or directory"), std::string::npos) << result.err;
@@ -71,7 +73,7 @@ TEST_F(CopyErrors, MissingDestinationIsNamed)
 
     const ToolResult result = copy({source + "/fine.txt"}, missing);
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kDestinationUnusable)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kDestinationUnusable)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(missing), std::string::npos) << result.err;
     EXPECT_FALSE(exists(missing));
@@ -84,7 +86,7 @@ TEST_F(CopyErrors, DestinationThatIsAFileIsRefused)
 
     const ToolResult result = copy({source + "/fine.txt"}, file);
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kDestinationUnusable)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kDestinationUnusable)) << describe(result);
     EXPECT_NE(result.err.find(file), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("Not a directory"), std::string::npos) << result.err;
     EXPECT_EQ(readTextFile(file), "not a directory\n");
@@ -106,10 +108,10 @@ TEST_F(CopyErrors, UnwritableDestinationIsNamed)
     if (immutable) {
         EXPECT_EQ(std::system(("chattr -i '" + locked + "'").c_str()), 0);
     }
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kDestinationUnusable)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kDestinationUnusable)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(locked), std::string::npos) << result.err;
-    EXPECT_TRUE(namesIn(locked).empty());
+    EXPECT_TRUE(NamesIn(locked).empty());
 }
 
 TEST_F(CopyErrors, FifoInsideATreeIsUnreadableAndNamed)
@@ -121,7 +123,7 @@ TEST_F(CopyErrors, FifoInsideATreeIsUnreadableAndNamed)
 
     const ToolResult result = copy({source + "/tree"}, destination);
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kSourceUnreadable)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_EQ(countLines(result.err), 1u) << result.err;
     EXPECT_NE(result.err.find(fifo), std::string::npos) << result.err;
     expectDestinationUntouched();
@@ -135,7 +137,7 @@ TEST_F(CopyErrors, BrokenSymbolicLinkIsUnreadableAndNamed)
 
     const ToolResult result = copy({source + "/tree"}, destination);
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kSourceUnreadable)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_NE(result.err.find(link), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("broken symbolic link"), std::string::npos) << result.err;
     expectDestinationUntouched();
@@ -150,7 +152,7 @@ TEST_F(CopyErrors, LinkBackIntoItsOwnParentsIsRefused)
 
     const ToolResult result = copy({source + "/tree"}, destination);
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kSourceUnreadable)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_NE(result.err.find(link), std::string::npos) << result.err;
     expectDestinationUntouched();
 }
@@ -165,7 +167,7 @@ TEST_F(CopyErrors, FileWithoutReadPermissionIsNamed)
 
     const ToolResult result = copy({source + "/fine.txt", closed}, destination);
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kSourceUnreadable)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_NE(result.err.find(closed), std::string::npos) << result.err;
     expectDestinationUntouched();
 }
@@ -180,7 +182,7 @@ TEST_F(CopyErrors, FileRemovedDuringTheCopyIsNamedAndNothingHalfWrittenRemains)
     writeTextFile(doomed, "here at the start\n");
     RunOptions options;
     options.whileRunning = [this, &doomed](pid_t) {
-        if (leftoverCaches(destination).empty()) {
+        if (LeftoverCaches(destination).empty()) {
             return true;  // not started yet
         }
         ::unlink(doomed.c_str());
@@ -190,13 +192,13 @@ TEST_F(CopyErrors, FileRemovedDuringTheCopyIsNamedAndNothingHalfWrittenRemains)
     const ToolResult result =
         runTool({"copy", "--no-progress", "--bandwidth", "16000", source + "/tree", destination}, options);
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kSourceUnreadable)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kSourceUnreadable)) << describe(result);
     EXPECT_NE(result.err.find(doomed), std::string::npos) << result.err;
     // What arrived before the failure may stay, but only whole files.
     EXPECT_FALSE(exists(destination + "/tree/b-removed.txt"));
-    EXPECT_TRUE(incompleteCopies(source + "/tree", destination + "/tree").empty())
-        << ::testing::PrintToString(incompleteCopies(source + "/tree", destination + "/tree"));
-    EXPECT_TRUE(leftoverCaches(destination).empty());
+    EXPECT_TRUE(IncompleteCopies(source + "/tree", destination + "/tree").empty())
+        << ::testing::PrintToString(IncompleteCopies(source + "/tree", destination + "/tree"));
+    EXPECT_TRUE(LeftoverCaches(destination).empty());
 }
 
 }  // namespace

@@ -4,14 +4,16 @@
 // "(1).bashrc") and at the end of a directory's name.
 #include <gtest/gtest.h>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 class NameClash : public ::testing::Test {
 protected:
@@ -46,8 +48,8 @@ TEST_F(NameClash, ExistingFileKeepsItsContentAndTheCopyGetsACounter)
     const ToolResult first = copy({"report.pdf"});
     const ToolResult second = copy({"report.pdf"});
 
-    ASSERT_EQ(first.exitCode, toInt(ExitCode::kOk)) << describe(first);
-    ASSERT_EQ(second.exitCode, toInt(ExitCode::kOk)) << describe(second);
+    ASSERT_EQ(first.exitCode, toInt(cli::ExitCode::kOk)) << describe(first);
+    ASSERT_EQ(second.exitCode, toInt(cli::ExitCode::kOk)) << describe(second);
     EXPECT_EQ(readTextFile(destination + "/report.pdf"), "old report\n");
     EXPECT_EQ(readTextFile(destination + "/report(1).pdf"), "new report\n");
     EXPECT_EQ(readTextFile(destination + "/report(2).pdf"), "new report\n");
@@ -64,10 +66,10 @@ TEST_F(NameClash, ExistingDirectoryIsLeftAloneAndTheCopyGetsACounter)
 
     const ToolResult result = copy({"photos"});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
-    EXPECT_EQ(namesIn(destination + "/photos"), std::vector<std::string>{"a.jpg"});
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
+    EXPECT_EQ(NamesIn(destination + "/photos"), std::vector<std::string>{"a.jpg"});
     EXPECT_EQ(readTextFile(destination + "/photos/a.jpg"), "old a\n");
-    const std::vector<std::string> differences = treeDifferences(source + "/photos", destination + "/photos(1)");
+    const std::vector<std::string> differences = TreeDifferences(source + "/photos", destination + "/photos(1)");
     EXPECT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
 }
 
@@ -82,12 +84,12 @@ TEST_F(NameClash, CounterGoesBeforeTheFirstDot)
 
     const ToolResult result = copy({"archive.tar.gz", ".bashrc", "README"});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     EXPECT_EQ(readTextFile(destination + "/archive(2).tar.gz"), "archive\n");
     EXPECT_EQ(readTextFile(destination + "/(1).bashrc"), "rc\n");
     EXPECT_EQ(readTextFile(destination + "/README(1)"), "readme\n");
     EXPECT_EQ(readTextFile(destination + "/archive.tar.gz"), "taken\n");
-    EXPECT_TRUE(leftoverCaches(destination).empty());
+    EXPECT_TRUE(LeftoverCaches(destination).empty());
 }
 
 TEST_F(NameClash, TwoSourcesWithTheSameNameAreRefused)
@@ -99,9 +101,9 @@ TEST_F(NameClash, TwoSourcesWithTheSameNameAreRefused)
 
     const ToolResult result = copy({"a/same.txt", "b/same.txt"});
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kUsage)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kUsage)) << describe(result);
     EXPECT_NE(result.err.find("same.txt"), std::string::npos) << result.err;
-    EXPECT_TRUE(namesIn(destination).empty());
+    EXPECT_TRUE(NamesIn(destination).empty());
 }
 
 }  // namespace

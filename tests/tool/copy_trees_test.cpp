@@ -5,14 +5,16 @@
 
 #include <regex>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 class CopyTrees : public ::testing::Test {
 protected:
@@ -36,9 +38,9 @@ protected:
     void expectIdentical(const std::string& name)
     {
         const std::vector<std::string> differences =
-            treeDifferences(source + "/" + name, destination + "/" + name);
+            TreeDifferences(source + "/" + name, destination + "/" + name);
         EXPECT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
-        EXPECT_TRUE(leftoverCaches(destination).empty());
+        EXPECT_TRUE(LeftoverCaches(destination).empty());
     }
 
     TempDir work;
@@ -62,7 +64,7 @@ TEST_F(CopyTrees, ThousandSmallFilesInFiftyDirectories)
 
     const ToolResult result = copy({tree});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     expectIdentical("many");
     EXPECT_NE(result.out.find("copied 1000 files"), std::string::npos) << result.out;
 }
@@ -77,7 +79,7 @@ TEST_F(CopyTrees, FilesAroundTheChunkSizeAndALargeOne)
 
     const ToolResult result = copy({tree});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     expectIdentical("sizes");
 }
 
@@ -101,7 +103,7 @@ TEST_F(CopyTrees, EmptyDirectoriesHiddenFilesAndPermissionBits)
 
     const ToolResult result = copy({tree});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     expectIdentical("shapes");
 }
 
@@ -119,7 +121,7 @@ TEST_F(CopyTrees, NamesWithSpacesAndNonAsciiCharacters)
 
     const ToolResult result = copy({tree, source + "/émoji 🙂.txt"});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     expectIdentical("Fotos März 2024");
     expectIdentical("émoji 🙂.txt");
 }
@@ -133,8 +135,8 @@ TEST_F(CopyTrees, SeveralSourcesLandSideBySide)
 
     const ToolResult result = copy({source + "/one.txt", source + "/two/", source + "/four"});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
-    EXPECT_EQ(namesIn(destination), (std::vector<std::string>{"four", "one.txt", "two"}));
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
+    EXPECT_EQ(NamesIn(destination), (std::vector<std::string>{"four", "one.txt", "two"}));
     expectIdentical("one.txt");
     expectIdentical("two");
     expectIdentical("four");
@@ -147,7 +149,7 @@ TEST_F(CopyTrees, SummaryLineAndVerification)
 
     const ToolResult result = copy({source + "/a.bin", source + "/b.bin"}, {"--no-progress", "--verify"});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     const std::regex summary(R"((^|\n)copied 2 files \(300000 bytes\) in [0-9]+\.[0-9]+ s, [0-9]+\.[0-9]+ MiB/s\n)");
     EXPECT_TRUE(std::regex_search(result.out, summary)) << result.out;
     EXPECT_NE(result.out.find("verified 2 files"), std::string::npos) << result.out;
@@ -162,7 +164,7 @@ TEST_F(CopyTrees, ProgressGoesToStderrAsPlainLinesWhenNotATerminal)
 
     const ToolResult result = runTool({"copy", source + "/data.bin", destination});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     EXPECT_NE(result.err.find("xferfm: 100% (293.0 KiB of 293.0 KiB, 1/1 files)"), std::string::npos)
         << result.err;
     EXPECT_EQ(result.err.find('\r'), std::string::npos) << "no bar redraws in a pipe";
@@ -178,7 +180,7 @@ TEST_F(CopyTrees, RelativePathsWorkFromTheCurrentDirectory)
 
     const ToolResult result = runTool({"copy", "--no-progress", "source/rel", "destination"}, options);
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     expectIdentical("rel");
 }
 

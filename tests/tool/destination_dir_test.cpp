@@ -7,14 +7,14 @@
 #include "DestinationDir.h"
 #include "TestSupport.h"
 #include "ToolError.h"
-#include "TreeCompare.h"
+#include "TreeBuilders.h"
 
 namespace xferfm::cli {
 namespace {
 
 using orin::xfer::test::TempDir;
-using tooltest::makeDirectory;
-using tooltest::writeTextFile;
+using orin::xfer::test::makeDirectory;
+using orin::xfer::test::writeTextFile;
 
 // The message of the ToolError that `check` throws; fails the test when
 // it throws none or one with another exit code.

@@ -7,14 +7,16 @@
 
 #include <chrono>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 class Interrupt : public ::testing::Test {
 protected:
@@ -40,8 +42,8 @@ protected:
         size_t sent = 0;
         options.whileRunning = [&](pid_t child) {
             if (sent == 0) {
-                const std::vector<std::string> caches = leftoverCaches(destination);
-                if (caches.empty() || bytesUnder(caches.front()) < 1024 * 1024) {
+                const std::vector<std::string> caches = LeftoverCaches(destination);
+                if (caches.empty() || BytesUnder(caches.front()) < 1024 * 1024) {
                     return true;  // the large file is not under way yet
                 }
             }
@@ -57,11 +59,11 @@ protected:
 
     void expectNothingHalfWritten()
     {
-        EXPECT_TRUE(leftoverCaches(destination).empty()) << ::testing::PrintToString(leftoverCaches(destination));
+        EXPECT_TRUE(LeftoverCaches(destination).empty()) << ::testing::PrintToString(LeftoverCaches(destination));
         EXPECT_EQ(readTextFile(destination + "/already here.txt"), "keep me\n");
         EXPECT_FALSE(exists(destination + "/tree/big.bin")) << "the interrupted file must not be in place";
-        EXPECT_TRUE(incompleteCopies(source + "/tree", destination + "/tree").empty())
-            << ::testing::PrintToString(incompleteCopies(source + "/tree", destination + "/tree"));
+        EXPECT_TRUE(IncompleteCopies(source + "/tree", destination + "/tree").empty())
+            << ::testing::PrintToString(IncompleteCopies(source + "/tree", destination + "/tree"));
     }
 
     TempDir work;
@@ -73,7 +75,7 @@ TEST_F(Interrupt, CtrlCCancelsCleanly)
 {
     const ToolResult result = copyAndInterrupt({SIGINT}, std::chrono::milliseconds(0));
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kInterrupted)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kInterrupted)) << describe(result);
     EXPECT_LT(result.seconds, 5.0) << "a cancel must not wait for the rest of the transfer";
     EXPECT_NE(result.err.find("interrupted"), std::string::npos) << result.err;
     expectNothingHalfWritten();
@@ -83,7 +85,7 @@ TEST_F(Interrupt, SigtermCancelsCleanly)
 {
     const ToolResult result = copyAndInterrupt({SIGTERM}, std::chrono::milliseconds(0));
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kInterrupted)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kInterrupted)) << describe(result);
     expectNothingHalfWritten();
 }
 
@@ -91,7 +93,7 @@ TEST_F(Interrupt, SecondCtrlCQuitsAtOnceAndStillRemovesTheCache)
 {
     const ToolResult result = copyAndInterrupt({SIGINT, SIGINT}, std::chrono::milliseconds(1));
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kInterrupted)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kInterrupted)) << describe(result);
     expectNothingHalfWritten();
 }
 

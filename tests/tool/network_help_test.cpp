@@ -4,10 +4,13 @@
 
 #include <string>
 
+#include "ExitCode.h"
 #include "ToolRunner.h"
 
 namespace xferfm::tooltest {
 namespace {
+
+using namespace orin::xfer::test;
 
 // The line of `text` that starts (after indentation) with `word`.
 std::string lineStartingWith(const std::string& text, const std::string& word)
@@ -32,7 +35,7 @@ TEST(NetworkHelp, MainHelpListsServeAndSendWithADescription)
 {
     const ToolResult result = runTool({"--help"});
 
-    EXPECT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     for (const char* command : {"copy", "demo", "serve", "send"}) {
         const std::string line = lineStartingWith(result.out, command);
         EXPECT_FALSE(line.empty()) << command << " is not listed in:\n" << result.out;
@@ -44,12 +47,12 @@ TEST(NetworkHelp, MainHelpListsServeAndSendWithADescription)
 TEST(NetworkHelp, ServeAndSendStillHaveTheirOwnHelp)
 {
     const ToolResult serve = runTool({"serve", "--help"});
-    EXPECT_EQ(serve.exitCode, toInt(ExitCode::kOk)) << describe(serve);
+    EXPECT_EQ(serve.exitCode, toInt(cli::ExitCode::kOk)) << describe(serve);
     for (const char* expected : {"--listen", "--once", "--port-file", "DEST_DIR", "Exit codes"}) {
         EXPECT_NE(serve.out.find(expected), std::string::npos) << expected << " missing from:\n" << serve.out;
     }
     const ToolResult send = runTool({"send", "--help"});
-    EXPECT_EQ(send.exitCode, toInt(ExitCode::kOk)) << describe(send);
+    EXPECT_EQ(send.exitCode, toInt(cli::ExitCode::kOk)) << describe(send);
     for (const char* expected : {"--verify", "--bandwidth", "HOST:PORT", "SOURCE", "Exit codes"}) {
         EXPECT_NE(send.out.find(expected), std::string::npos) << expected << " missing from:\n" << send.out;
     }

@@ -3,14 +3,16 @@
 // checked; a busy machine may take longer.
 #include <gtest/gtest.h>
 
+#include "ExitCode.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 
 namespace xferfm::tooltest {
 namespace {
 
-using orin::xfer::test::TempDir;
+using namespace orin::xfer::test;
 
 TEST(RateLimit, FiftyMebibytesAtEightyMegabitsTakesAtLeastTheLimitedTime)
 {
@@ -24,11 +26,11 @@ TEST(RateLimit, FiftyMebibytesAtEightyMegabitsTakesAtLeastTheLimitedTime)
 
     const ToolResult result = runTool({"copy", "--no-progress", "--bandwidth", "80000", source, destination});
 
-    ASSERT_EQ(result.exitCode, toInt(ExitCode::kOk)) << describe(result);
+    ASSERT_EQ(result.exitCode, toInt(cli::ExitCode::kOk)) << describe(result);
     const double limitedSeconds = static_cast<double>(kBytes) * 8.0 / kBitsPerSecond;
     EXPECT_GE(result.seconds / limitedSeconds, 0.95)
         << "took " << result.seconds << " s; the limit implies " << limitedSeconds << " s";
-    EXPECT_TRUE(treeDifferences(source, destination + "/big.bin").empty());
+    EXPECT_TRUE(TreeDifferences(source, destination + "/big.bin").empty());
 }
 
 }  // namespace

@@ -4,16 +4,17 @@
 
 #include "SourcePlan.h"
 #include "TestSupport.h"
+#include "TreeBuilders.h"
 #include "TreeCompare.h"
 #include "TreeVerifier.h"
 
 namespace xferfm::cli {
 namespace {
 
-using orin::xfer::test::TempDir;
-using tooltest::makeDirectory;
-using tooltest::writePatternFile;
-using tooltest::writeTextFile;
+using namespace orin::xfer::test;
+using orin::xfer::test::makeDirectory;
+using orin::xfer::test::writePatternFile;
+using orin::xfer::test::writeTextFile;
 
 class TreeVerifier : public ::testing::Test {
 protected:
