@@ -4,6 +4,10 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 
 #include "SystemErrorText.h"
@@ -107,6 +111,42 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
     return result;
 }
 
+namespace {
+
+// The engine's stream reports a failed write without its errno. Asking the
+// file system for room for the next bytes, in the same file, gives the
+// reason back ("No space left on device", a quota, an I/O error); 0 when
+// the room is there after all (the probe's blocks are given back). At most
+// 1 MiB is asked for: a full disk refuses the first block already.
+int ReasonForShortFile(const std::string& cached, uint64_t expected)
+{
+    constexpr uint64_t kProbeBytes = 1u << 20;
+    const int fd = ::open(cached.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        return errno == ENOENT ? 0 : errno;
+    }
+    struct stat status {};
+    int error = fstat(fd, &status) != 0 ? errno : 0;
+    const uint64_t got = static_cast<uint64_t>(status.st_size);
+    if (error == 0) {
+        const uint64_t probe = expected > got ? std::min(expected - got, kProbeBytes) : 1;
+        error = posix_fallocate(fd, static_cast<off_t>(got), static_cast<off_t>(probe));
+        if (error == 0) {
+            (void)ftruncate(fd, static_cast<off_t>(got));
+        }
+    }
+    ::close(fd);
+    return error;
+}
+
+}  // namespace
+
+std::string FileLanding::WriteFailureReason(const std::string& requestName, uint64_t expected) const
+{
+    const int reason = ReasonForShortFile(CacheDirectory() + "/" + requestName, expected);
+    return reason != 0 ? SystemErrorText(reason) : std::string();
+}
+
 LandingResult FileLanding::CheckCachedFile(const FileListEntry& entry, uint64_t expected, mode_t& cachedMode) const
 {
     LandingResult result;
@@ -118,9 +158,10 @@ LandingResult FileLanding::CheckCachedFile(const FileListEntry& entry, uint64_t 
         return result;
     }
     const uint64_t got = present ? static_cast<uint64_t>(status.st_size) : 0;
+    const std::string reason = present && got < expected ? WriteFailureReason(entry.RequestName(), expected) : "";
     result.failurePath = FinalParentOf(entry) + "/" + entry.fileName;
-    result.failureMessage = result.failurePath + ": writing failed (" + std::to_string(got) + " of " +
-                            std::to_string(expected) + " bytes reached the disk)";
+    result.failureMessage = result.failurePath + ": writing failed" + (reason.empty() ? "" : ": " + reason) + " (" +
+                            std::to_string(got) + " of " + std::to_string(expected) + " bytes reached the disk)";
     return result;
 }
 

@@ -74,6 +74,10 @@ public:
     // permission bits. A write error the stream only meets when it is
     // closed leaves a short file behind without a report: the size tells.
     LandingResult CheckCachedFile(const FileListEntry& entry, uint64_t expected, mode_t& cachedMode) const;
+    // Why the file with request name `name` could not be written to its
+    // `expected` size in the cache, as the system words it ("No space left
+    // on device"); "" when the file system has room after all. Any thread.
+    std::string WriteFailureReason(const std::string& requestName, uint64_t expected) const;
     // Moves the checked cached file to its final name.
     LandingResult LandFile(const FileListEntry& entry, mode_t cachedMode);
 

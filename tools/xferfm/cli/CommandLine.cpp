@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <iostream>
+
 #include "ExitCode.h"
 #include "xferfm/host/TcpSocket.h"
 
@@ -24,11 +26,70 @@ CLI::Validator hostPortValidator()
         "");  // the options name their type HOST:PORT already
 }
 
+// HOST[:PORT] for `send`: a HOST alone takes the port `serve` listens on
+// by default, so the two ends meet without either naming it.
+CLI::Validator hostDefaultPortTransform()
+{
+    return CLI::Validator(
+        [](std::string& text) {
+            orin::xfer::host::HostPort address;
+            std::string error;
+            if (orin::xfer::host::ParseHostPort(text, address, error)) {
+                return std::string();
+            }
+            const std::string withPort = text + ":" + std::to_string(kDefaultServePort);
+            std::string ignored;
+            if (orin::xfer::host::ParseHostPort(withPort, address, ignored)) {
+                text = withPort;
+                return std::string();
+            }
+            return error;
+        },
+        "");
+}
+
+// The one usage line of each command, shown under a usage error.
+std::string usageLine(const std::string& command)
+{
+    if (command == "copy") {
+        return "xferfm copy [OPTIONS] SOURCE... DEST_DIR";
+    }
+    if (command == "demo") {
+        return "xferfm demo [OPTIONS]";
+    }
+    if (command == "serve") {
+        return "xferfm serve [OPTIONS] DEST_DIR";
+    }
+    if (command == "send") {
+        return "xferfm send [OPTIONS] HOST[:PORT] SOURCE...";
+    }
+    return "xferfm COMMAND [OPTIONS] ARGS...   (COMMAND: copy, demo, serve, send)";
+}
+
+// A usage error as a terminal user expects it: the program (and command)
+// that complains, what is wrong, the usage line and where help is.
+void printUsageError(const CLI::App& app, const CLI::Error& error)
+{
+    std::string command;
+    for (const CLI::App* sub : app.get_subcommands()) {
+        command = sub->get_name();
+    }
+    const std::string program = command.empty() ? "xferfm" : "xferfm " + command;
+    std::string what = error.what();
+    if (command == "copy" && (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr ||
+                              dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)) {
+        what = "needs at least one SOURCE and a DEST_DIR";
+    }
+    std::cerr << program << ": " << what << "\n"
+              << "Usage: " << usageLine(command) << "\n"
+              << "Run '" << program << " --help' for every option.\n";
+}
+
 void addLogLevelOption(CLI::App& command, CommonOptions& options)
 {
     command.add_option("--log-level", options.logLevel,
-                       "Engine log lines at this level and above go to stderr "
-                       "(0 verbose .. 5 fatal, 6 silences them)")
+                       "Show engine log lines at this level and above on stderr "
+                       "(0 verbose .. 5 fatal; 6, the default, shows none)")
         ->check(CLI::Range(0, 6))
         ->capture_default_str();
 }
@@ -111,9 +172,11 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
         "send", "Send SOURCE files and directories to an `xferfm serve` at HOST:PORT, which pastes them into its "
                 "DEST_DIR.");
     addTransferOptions(*send, options, "Have the receiver compare the SHA-256 of every copy with its source's");
-    send->add_option("HOST:PORT", options.address, "Address of the receiving `xferfm serve`")
+    send->add_option("HOST:PORT", options.address,
+                     "Address of the receiving `xferfm serve`; the port defaults to " +
+                         std::to_string(kDefaultServePort) + ", serve's default")
         ->required()
-        ->check(hostPortValidator());
+        ->transform(hostDefaultPortTransform());
     send->add_option("SOURCE", options.sources, "Files and directories to send")->required();
     send->footer(std::string("An entry whose name the receiver refuses is not sent (a line on stderr names it and "
                              "the rule); the rest is, and the exit code is 7.\n\n") +
@@ -142,8 +205,12 @@ ParsedCommandLine parseCommandLine(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        const int code = app.exit(error);
-        parsed.exitCode = code == 0 ? 0 : toInt(ExitCode::kUsage);
+        if (error.get_exit_code() == 0) {  // --help, --version
+            parsed.exitCode = app.exit(error);
+            return parsed;
+        }
+        printUsageError(app, error);
+        parsed.exitCode = toInt(ExitCode::kUsage);
         return parsed;
     }
 

@@ -18,7 +18,9 @@ constexpr uint16_t kDefaultServePort = 47047;
 
 // Taken by every command.
 struct CommonOptions {
-    int logLevel = 3;  // engine lines at this level and above go to stderr
+    // Engine lines at this level and above go to stderr; by default none
+    // do: the tool reports every failure in its own words.
+    int logLevel = 6;
 };
 
 // Taken by every command that moves files out of SOURCE paths (`copy`, `send`).

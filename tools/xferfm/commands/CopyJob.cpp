@@ -37,9 +37,23 @@ class ReceiverReport final : public host::ReceiverObserver {
 public:
     explicit ReceiverReport(ProgressTracker& tracker) : mTracker(tracker) {}
 
-    void OnFileStarted(const std::string& name, uint64_t) override { mTracker.fileStarted(name); }
-    void OnProgress(const std::string&, uint64_t, uint64_t, uint64_t totalBytesDone, uint64_t) override
+    // The receiver asks for the next file before the current one is
+    // written, so OnFileStarted runs ahead of the data: the file being
+    // written is the one progress is reported for. Callbacks never overlap,
+    // so mWriting needs no lock.
+    void OnFileStarted(const std::string& name, uint64_t) override
     {
+        if (mWriting.empty()) {
+            mWriting = name;
+            mTracker.fileStarted(name);
+        }
+    }
+    void OnProgress(const std::string& name, uint64_t, uint64_t, uint64_t totalBytesDone, uint64_t) override
+    {
+        if (name != mWriting) {
+            mWriting = name;
+            mTracker.fileStarted(name);
+        }
         mTracker.setBytesDone(totalBytesDone);
     }
     void OnFileCompleted(const std::string& name, const std::string& finalPath) override
@@ -78,6 +92,7 @@ private:
     }
 
     ProgressTracker& mTracker;
+    std::string mWriting;  // the file the last progress was for
     mutable std::mutex mMutex;
     std::map<std::string, std::string> mFinalPaths;
     std::optional<Failure> mFailure;
@@ -139,10 +154,23 @@ std::optional<std::string> firstSourceNowUnreadable(const SourcePlan& plan)
     if (failure && !failure->path.empty() && message.find(failure->path) == std::string::npos) {
         message = "'" + failure->path + "': " + message;
     }
-    throw ToolError(ExitCode::kTransferFailed, "copy failed: " + (message.empty() ? "unknown error" : message));
+    // A failure at a path inside DEST_DIR is the receiver failing to write
+    // there (a full disk, a quota, an I/O error): the destination's fault.
+    const bool atDestination = failure && failure->path.compare(0, destinationDir.size() + 1, destinationDir + "/") == 0;
+    throw ToolError(atDestination ? ExitCode::kDestinationUnusable : ExitCode::kTransferFailed,
+                    "copy failed: " + (message.empty() ? "unknown error" : message));
 }
 
 std::string lastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
+// What an interrupted copy leaves behind, said exactly: complete files stay,
+// the one being written goes with the cache.
+std::string interruptedMessage(const CopyOutcome& outcome, const host::TransferSummary& summary)
+{
+    return "interrupted: " + std::to_string(summary.filesDone) + " of " + std::to_string(outcome.plan.fileCount) +
+           " files were complete and stay in " + outcome.destinationDir +
+           "; the file being written when the copy stopped was removed";
+}
 
 }  // namespace
 
@@ -251,7 +279,7 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     outcome.seconds = std::chrono::duration<double>(Clock::now() - started).count();
 
     if (signals.interrupted()) {
-        throw ToolError(ExitCode::kInterrupted, "interrupted; the partial copy was removed");
+        throw ToolError(ExitCode::kInterrupted, interruptedMessage(outcome, summary));
     }
     if (!summary.completed) {
         throwFailure(outcome.plan, outcome.destinationDir,
