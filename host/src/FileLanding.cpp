@@ -14,7 +14,32 @@
 
 namespace orin::xfer::host::detail {
 
-FileLanding::FileLanding(NameProposer propose) : mPropose(std::move(propose)) {}
+FileLanding::FileLanding(NameProposer propose, uint32_t permissionMask)
+    : mPropose(std::move(propose)), mPermissionMask(permissionMask)
+{
+}
+
+void FileLanding::KeepModificationTimes(ModificationTimes times)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mTimes = std::move(times);
+}
+
+uint32_t FileLanding::WantedMode(const FileListEntry& entry) const
+{
+    return entry.mode & 0777 & ~mPermissionMask;
+}
+
+bool FileLanding::TimeOf(const std::string& name, timespec& modified) const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    const auto found = mTimes.find(name);
+    if (found == mTimes.end()) {
+        return false;
+    }
+    modified = found->second;
+    return true;
+}
 
 bool FileLanding::Prepare(const std::string& destinationDir,
                           const std::function<void(const std::string&)>& adoptCache, std::string& error)
@@ -102,10 +127,14 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
         result.failureMessage = result.failurePath + ": " + SystemErrorText(error);
         return result;
     }
+    LandedDirectory landed;
+    landed.path = result.finalPath;
+    landed.mode = entry.mode != 0 ? WantedMode(entry) : 0;
+    landed.hasTime = TimeOf(name, landed.modified);
     std::lock_guard<std::mutex> lock(mMutex);
     mFinalDirectories[name] = result.finalPath;
-    if (entry.mode != 0) {
-        mDirectoryModes.emplace_back(result.finalPath, entry.mode);
+    if (landed.mode != 0 || landed.hasTime) {
+        mDirectories.push_back(std::move(landed));
     }
     result.landed = true;
     return result;
@@ -179,8 +208,13 @@ LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMod
     }
     // The file was created with the process's default mode: change it only
     // when that is not already the one wanted.
-    if (entry.mode != 0 && cachedMode != (entry.mode & 0777)) {
-        chmod(result.finalPath.c_str(), entry.mode & 0777);
+    if (entry.mode != 0 && cachedMode != WantedMode(entry)) {
+        chmod(result.finalPath.c_str(), WantedMode(entry));
+    }
+    timespec modified{};
+    if (TimeOf(entry.RequestName(), modified)) {
+        const timespec times[2] = {{0, UTIME_OMIT}, modified};
+        utimensat(AT_FDCWD, result.finalPath.c_str(), times, 0);
     }
     result.landed = true;
     return result;
@@ -188,14 +222,20 @@ LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMod
 
 void FileLanding::ApplyDirectoryModes()
 {
-    std::vector<std::pair<std::string, uint32_t>> modes;
+    std::vector<LandedDirectory> directories;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        modes = mDirectoryModes;
+        directories = mDirectories;
     }
     // Children first, so a read-only directory does not block its parent's.
-    for (auto it = modes.rbegin(); it != modes.rend(); ++it) {
-        chmod(it->first.c_str(), it->second & 0777);
+    for (auto it = directories.rbegin(); it != directories.rend(); ++it) {
+        if (it->mode != 0) {
+            chmod(it->path.c_str(), it->mode);
+        }
+        if (it->hasTime) {
+            const timespec times[2] = {{0, UTIME_OMIT}, it->modified};
+            utimensat(AT_FDCWD, it->path.c_str(), times, 0);
+        }
     }
 }
 

@@ -163,6 +163,7 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
             return;  // one list per session
         }
         mList = std::move(parsed);
+        mLanding.KeepModificationTimes(detail::ReadModificationTimes(list.json));
         entries = mList->entries.size();
         bytes = mList->totalFileBytes;
         mState.Summary().entriesTotal = entries;

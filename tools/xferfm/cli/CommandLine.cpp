@@ -124,6 +124,8 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
                 "on DEST_DIR's file system first and is moved into place only when complete; a name "
                 "that already exists gets a \"name(1).ext\" name instead of being overwritten.");
     addTransferOptions(*copy, options, "Compare the SHA-256 of every source file with its copy afterwards");
+    copy->add_flag("-p,--preserve-perms", options.preservePermissions,
+                   "Keep the exact permission bits of the sources (default: under the umask, as cp does)");
     copy->add_option("paths", paths, "SOURCE... DEST_DIR")
         ->required()
         ->expected(2, CLI::detail::expected_max_vector_size)

@@ -31,8 +31,16 @@ struct TransferOptions : CommonOptions {
     bool showProgress = true;
 };
 
+// How the receiving side lands what arrives (`copy`; `serve` later).
+struct LandingOptions {
+    // Modes exactly as the source's; otherwise under the umask, as `cp`
+    // without -p does.
+    bool preservePermissions = false;
+    uint32_t umask = 022;  // the process's, read by main before any thread starts
+};
+
 // `copy` and `demo` (the demo fills sources and destination itself).
-struct CopyOptions : TransferOptions {
+struct CopyOptions : TransferOptions, LandingOptions {
     std::vector<std::string> sources;
     std::string destinationDir;
 };

@@ -198,6 +198,7 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     senderOptions.observer = &senderReport;
     host::ReceiverOptions receiverOptions;
     receiverOptions.destinationDir = outcome.destinationDir;
+    receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
     receiverOptions.observer = &receiverReport;
 
     const auto started = Clock::now();

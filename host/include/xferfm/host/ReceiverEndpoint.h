@@ -53,6 +53,10 @@ struct ReceiverOptions {
     // A sender silent this long during a transfer fails the session.
     std::chrono::milliseconds stallTimeout{45000};
     FileListLimits listLimits;
+    // Bits cleared from every listed mode before it is applied: pass the
+    // process umask (read once, before threads start) to land files the way
+    // `cp` without -p does; 0 keeps the sender's modes exact.
+    uint32_t permissionMask = 0;
     ReceiverObserver* observer = nullptr;  // not owned; may be null
 };
 
