@@ -37,9 +37,12 @@ CLI::Validator hostDefaultPortTransform()
             if (orin::xfer::host::ParseHostPort(text, address, error)) {
                 return std::string();
             }
+            // Only a bare name or address, or a bracketed IPv6 one: "host:"
+            // or "host:http" stay errors.
+            const bool bare = text.find(':') == std::string::npos || (text.front() == '[' && text.back() == ']');
             const std::string withPort = text + ":" + std::to_string(kDefaultServePort);
             std::string ignored;
-            if (orin::xfer::host::ParseHostPort(withPort, address, ignored)) {
+            if (bare && orin::xfer::host::ParseHostPort(withPort, address, ignored)) {
                 text = withPort;
                 return std::string();
             }
@@ -126,6 +129,10 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
     addTransferOptions(*copy, options, "Compare the SHA-256 of every source file with its copy afterwards");
     copy->add_flag("-p,--preserve-perms", options.preservePermissions,
                    "Keep the exact permission bits of the sources (default: under the umask, as cp does)");
+    copy->add_flag("--strict", options.strict,
+                   "Copy nothing when any entry cannot be copied (a device, FIFO or socket, a broken link, an "
+                   "unreadable entry, a name holding a backslash); by default each is named and skipped, the rest "
+                   "is copied and the exit code is 11");
     copy->add_option("paths", paths, "SOURCE... DEST_DIR")
         ->required()
         ->expected(2, CLI::detail::expected_max_vector_size)

@@ -36,6 +36,9 @@ struct LandingOptions {
     // Modes exactly as the source's; otherwise under the umask, as `cp`
     // without -p does.
     bool preservePermissions = false;
+    // Refuse the whole copy at the first entry that cannot be copied,
+    // instead of skipping each such entry.
+    bool strict = false;
     uint32_t umask = 022;  // the process's, read by main before any thread starts
 };
 

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <iostream>
 #include <mutex>
-#include <thread>
 
 #include "DestinationDir.h"
 #include "ProgressRenderer.h"
@@ -163,6 +162,20 @@ std::optional<std::string> firstSourceNowUnreadable(const SourcePlan& plan)
 
 std::string lastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
 
+// One report, before the copy starts, of every entry left out.
+void reportSkipped(const std::vector<SkippedSource>& skipped, StderrConsole& console)
+{
+    if (skipped.empty()) {
+        return;
+    }
+    console.writeLine("xferfm: " + std::to_string(skipped.size()) +
+                      (skipped.size() == 1 ? " entry cannot be copied and is" : " entries cannot be copied and are") +
+                      " skipped (--strict refuses the copy instead):");
+    for (const SkippedSource& entry : skipped) {
+        console.writeLine("  '" + entry.path + "': " + entry.reason);
+    }
+}
+
 // What an interrupted copy leaves behind, said exactly: complete files stay,
 // the one being written goes with the cache.
 std::string interruptedMessage(const CopyOutcome& outcome, const host::TransferSummary& summary)
@@ -212,21 +225,22 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         host::SenderEndpoint sender(std::move(link.first), senderOptions);
         host::ReceiverEndpoint receiver(std::move(link.second), receiverOptions);
 
-        // The sender lists and describes the sources while the tool walks
-        // them for its own checks: both only read. Nothing is written (the
-        // receiver has not started) until the walk has found no problem,
-        // and its errors come first.
-        std::string offerError;
-        bool offered = false;
-        std::thread offering([&] { offered = sender.Offer(options.sources, offerError); });
+        // The sources are walked once, before anything is written (the
+        // receiver has not started): every entry that cannot be copied is
+        // found and named now, and the sender offers what is left.
         try {
-            outcome.plan = planSources(options.sources);
+            outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip);
         } catch (...) {
-            offering.join();
             engineLog.silence();
             throw;
         }
-        offering.join();
+        reportSkipped(outcome.plan.skipped, console);
+        if (outcome.plan.entries.empty()) {
+            engineLog.silence();
+            return outcome;  // nothing left to copy
+        }
+        std::string offerError;
+        const bool offered = sender.Offer(outcome.plan.walked, offerError);
         if (signals.interrupted()) {
             engineLog.silence();
             throw ToolError(ExitCode::kInterrupted, "interrupted before anything was copied");
@@ -337,6 +351,14 @@ int reportCopy(const CopyOutcome& outcome, StderrConsole& console)
             std::cout << "verify failed: " << result.problems.size() << " of " << outcome.plan.entries.size()
                       << " entries do not match their source\n";
             exitCode = toInt(ExitCode::kVerifyMismatch);
+        }
+    }
+    if (!outcome.plan.skipped.empty()) {
+        std::cout << "skipped " << outcome.plan.skipped.size()
+                  << (outcome.plan.skipped.size() == 1 ? " entry" : " entries")
+                  << " that cannot be copied (named on stderr)\n";
+        if (exitCode == toInt(ExitCode::kOk)) {
+            exitCode = toInt(ExitCode::kEntriesSkipped);
         }
     }
     std::cout << summaryLine(outcome) << std::endl;
