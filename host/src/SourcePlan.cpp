@@ -4,6 +4,7 @@
 #include "xferfm/host/SourcePlan.h"
 
 #include <dirent.h>
+#include <fnmatch.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -186,6 +187,10 @@ private:
              uint64_t& size)
     {
         size = 0;
+        if (excluded(relativePath)) {
+            ++mPlan.excluded;
+            return Step::kSkip;
+        }
         if (mOptions.refuseBackslashNames &&
             relativePath.find('\\', relativePath.find_last_of('/') + 1) != std::string::npos) {
             return skip(SourceProblemKind::kUnsupportedName, path);
@@ -249,6 +254,18 @@ private:
         size = total;
         mAncestors.erase(identity);
         return Step::kGo;
+    }
+
+    bool excluded(const std::string& relativePath) const
+    {
+        const std::string name = relativePath.substr(relativePath.find_last_of('/') + 1);
+        for (const std::string& pattern : mOptions.exclude) {
+            const bool byPath = pattern.find('/') != std::string::npos;
+            if (fnmatch(pattern.c_str(), (byPath ? relativePath : name).c_str(), FNM_PATHNAME) == 0) {
+                return true;
+            }
+        }
+        return false;
     }
 
     Step checkReadable(const std::string& path)

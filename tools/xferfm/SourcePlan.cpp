@@ -85,13 +85,15 @@ std::string topLevelName(const std::string& source)
     return host::TopLevelName(source);
 }
 
-SourcePlan planSources(const std::vector<std::string>& sources, Uncopyable uncopyable)
+SourcePlan planSources(const std::vector<std::string>& sources, Uncopyable uncopyable,
+                       const std::vector<std::string>& excludes)
 {
     host::PlanOptions options;
     options.openEveryFile = true;
     options.pathsAsWritten = true;
     options.refuseBackslashNames = true;
     options.skipUncopyable = uncopyable == Uncopyable::kSkip;
+    options.exclude = excludes;
     host::SourcePlan walked;
     host::SourceProblem problem;
     if (!host::PlanSources(sources, walked, problem, options)) {
@@ -113,6 +115,7 @@ SourcePlan planSources(const std::vector<std::string>& sources, Uncopyable uncop
     plan.totalBytes = walked.totalBytes;
     plan.fileCount = walked.fileCount;
     plan.directoryCount = walked.directoryCount;
+    plan.excluded = walked.excluded;
     for (const host::SourceProblem& problem : walked.skipped) {
         plan.skipped.push_back({asWritten(walked, problem.root, problem.path), reasonOf(problem)});
     }

@@ -46,6 +46,7 @@ struct SourcePlan {
     uint64_t fileCount = 0;
     uint64_t directoryCount = 0;
     std::vector<SkippedSource> skipped;      // in walk order; empty when strict
+    uint64_t excluded = 0;                   // entries left out by an --exclude pattern
     orin::xfer::host::SourcePlan walked;     // the kit's plan, as a sender offers it
 };
 
@@ -58,7 +59,9 @@ enum class Uncopyable { kSkip, kRefuse };
 // backslash); with kSkip those are in `skipped` instead.
 // Every regular file is opened once here so that an unreadable file is
 // found before anything is written.
-SourcePlan planSources(const std::vector<std::string>& sources, Uncopyable uncopyable = Uncopyable::kRefuse);
+// Entries matching an `excludes` glob are left out (see PlanOptions::exclude).
+SourcePlan planSources(const std::vector<std::string>& sources, Uncopyable uncopyable = Uncopyable::kRefuse,
+                       const std::vector<std::string>& excludes = {});
 
 // The last component of a SOURCE argument, trailing "/" ignored ("a/b/" ->
 // "b"); "." and "/" resolve to the real directory's name.

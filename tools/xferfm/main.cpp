@@ -6,6 +6,8 @@
 #include "CommandLine.h"
 #include "CommandRunner.h"
 #include "CopyJob.h"
+#include "CopyReport.h"
+#include "DryRun.h"
 #include "DemoCommand.h"
 #include "SchedulingTuning.h"
 #include "SendCommand.h"
@@ -34,7 +36,10 @@ int main(int argc, char** argv)
     switch (parsed.command) {
     case Command::kCopy:
         return runCommand(parsed.copy.logLevel, [&parsed](ToolContext& context) {
-            return reportCopy(runCopyJob(parsed.copy, context), context.console);
+            if (parsed.copy.dryRun) {
+                return runDryRun(parsed.copy, context);
+            }
+            return reportCopy(runCopyJob(parsed.copy, context), context.console, reportStyleOf(parsed.copy));
         });
     case Command::kDemo:
         return runCommand(parsed.copy.logLevel,

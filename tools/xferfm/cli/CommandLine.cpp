@@ -129,6 +129,21 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
     addTransferOptions(*copy, options, "Compare the SHA-256 of every source file with its copy afterwards");
     copy->add_flag("-p,--preserve-perms", options.preservePermissions,
                    "Keep the exact permission bits of the sources (default: under the umask, as cp does)");
+    copy->add_flag("-n,--dry-run", options.dryRun,
+                   "Print what would be copied and skipped, and where each top-level entry would land "
+                   "(renames included); write nothing");
+    copy->add_option("--exclude", options.excludes,
+                     "Leave out entries matching this shell glob, and what they hold (repeatable): a PATTERN "
+                     "with a \"/\" is matched against the path relative to DEST_DIR (\"tree/sub/*.o\"), "
+                     "one without against each name")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false);
+    copy->add_flag("-q,--quiet", options.quiet, "Print nothing on stdout and no progress; errors still go to stderr");
+    copy->add_flag("-v,--verbose", options.verbose, "Print one line per file copied (or, with --dry-run, to copy)");
+    copy->add_flag("--json", options.json,
+                   "Write one JSON summary on stdout instead of the usual lines: files, directories, bytes, "
+                   "seconds, skipped entries with reasons, excluded count, renames, where each top-level entry "
+                   "landed, the --verify result and the exit code");
     copy->add_flag("--strict", options.strict,
                    "Copy nothing when any entry cannot be copied (a device, FIFO or socket, a broken link, an "
                    "unreadable entry, a name holding a backslash); by default each is named and skipped, the rest "

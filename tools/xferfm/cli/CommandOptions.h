@@ -46,6 +46,11 @@ struct LandingOptions {
 struct CopyOptions : TransferOptions, LandingOptions {
     std::vector<std::string> sources;
     std::string destinationDir;
+    std::vector<std::string> excludes;  // globs of entries to leave out
+    bool dryRun = false;                // say what would be copied, write nothing
+    bool quiet = false;                 // nothing on stdout, no progress
+    bool verbose = false;               // one line per file
+    bool json = false;                  // one JSON summary on stdout instead of the human lines
 };
 
 struct ServeOptions : CommonOptions {

@@ -5,10 +5,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
+#include <functional>
 #include <iostream>
 #include <mutex>
 
+#include "CopyReport.h"
 #include "DestinationDir.h"
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
@@ -34,7 +35,11 @@ struct Failure {
 // entry landed, and the first failure.
 class ReceiverReport final : public host::ReceiverObserver {
 public:
-    explicit ReceiverReport(ProgressTracker& tracker) : mTracker(tracker) {}
+    // `fileLine`, when set, hears "copied SOURCE -> FINAL" per file (-v).
+    ReceiverReport(ProgressTracker& tracker, std::function<void(const std::string&)> fileLine)
+        : mTracker(tracker), mFileLine(std::move(fileLine))
+    {
+    }
 
     // The receiver asks for the next file before the current one is
     // written, so OnFileStarted runs ahead of the data: the file being
@@ -59,6 +64,9 @@ public:
     {
         mTracker.fileCompleted();
         record(name, finalPath);
+        if (mFileLine) {
+            mFileLine(name + " -> " + finalPath);
+        }
     }
     void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
     {
@@ -91,6 +99,7 @@ private:
     }
 
     ProgressTracker& mTracker;
+    const std::function<void(const std::string&)> mFileLine;
     std::string mWriting;  // the file the last progress was for
     mutable std::mutex mMutex;
     std::map<std::string, std::string> mFinalPaths;
@@ -162,20 +171,6 @@ std::optional<std::string> firstSourceNowUnreadable(const SourcePlan& plan)
 
 std::string lastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
 
-// One report, before the copy starts, of every entry left out.
-void reportSkipped(const std::vector<SkippedSource>& skipped, StderrConsole& console)
-{
-    if (skipped.empty()) {
-        return;
-    }
-    console.writeLine("xferfm: " + std::to_string(skipped.size()) +
-                      (skipped.size() == 1 ? " entry cannot be copied and is" : " entries cannot be copied and are") +
-                      " skipped (--strict refuses the copy instead):");
-    for (const SkippedSource& entry : skipped) {
-        console.writeLine("  '" + entry.path + "': " + entry.reason);
-    }
-}
-
 // What an interrupted copy leaves behind, said exactly: complete files stay,
 // the one being written goes with the cache.
 std::string interruptedMessage(const CopyOutcome& outcome, const host::TransferSummary& summary)
@@ -200,8 +195,14 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         usableDestinationDir(options.destinationDir, DestinationNeed::kDirectory, "cannot copy into");
 
     ProgressTracker tracker;
-    ProgressRenderer renderer(tracker, console, chooseProgressStyle(options.showProgress, console));
-    ReceiverReport receiverReport(tracker);
+    ProgressRenderer renderer(tracker, console, chooseProgressStyle(options.showProgress && !options.quiet, console));
+    std::function<void(const std::string&)> fileLine;
+    if (options.verbose && options.json) {
+        fileLine = [&console](const std::string& line) { console.writeLine(line); };  // stdout holds the JSON
+    } else if (options.verbose && !options.quiet) {
+        fileLine = [](const std::string& line) { std::cout << line << '\n'; };
+    }
+    ReceiverReport receiverReport(tracker, std::move(fileLine));
     SenderReport senderReport;
 
     host::SenderOptions senderOptions;
@@ -229,7 +230,8 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         // receiver has not started): every entry that cannot be copied is
         // found and named now, and the sender offers what is left.
         try {
-            outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip);
+            outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip,
+                                       options.excludes);
         } catch (...) {
             engineLog.silence();
             throw;
@@ -319,50 +321,6 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         }
     }
     return outcome;
-}
-
-std::string summaryLine(const CopyOutcome& outcome)
-{
-    const double mebibytes = static_cast<double>(outcome.bytesCopied) / (1024.0 * 1024.0);
-    const double rate = outcome.seconds > 0.0 ? mebibytes / outcome.seconds : 0.0;
-    char text[200];
-    std::snprintf(text, sizeof text, "copied %llu files (%llu bytes) in %.2f s, %.1f MiB/s",
-                  static_cast<unsigned long long>(outcome.filesCopied),
-                  static_cast<unsigned long long>(outcome.bytesCopied), outcome.seconds, rate);
-    return text;
-}
-
-int reportCopy(const CopyOutcome& outcome, StderrConsole& console)
-{
-    for (const RenamedEntry& entry : outcome.renamed) {
-        std::cout << "'" << entry.name << "' already existed in " << outcome.destinationDir << ": copied as '"
-                  << entry.finalName << "'\n";
-    }
-    int exitCode = toInt(ExitCode::kOk);
-    if (outcome.verification) {
-        const VerifyResult& result = *outcome.verification;
-        for (const VerifyProblem& problem : result.problems) {
-            console.writeLine("xferfm: verify: '" + problem.sourcePath + "' and '" + problem.destinationPath +
-                              "' do not match: " + problem.what);
-        }
-        if (result.problems.empty()) {
-            std::cout << "verified " << result.filesCompared << " files: SHA-256 of every copy matches its source\n";
-        } else {
-            std::cout << "verify failed: " << result.problems.size() << " of " << outcome.plan.entries.size()
-                      << " entries do not match their source\n";
-            exitCode = toInt(ExitCode::kVerifyMismatch);
-        }
-    }
-    if (!outcome.plan.skipped.empty()) {
-        std::cout << "skipped " << outcome.plan.skipped.size()
-                  << (outcome.plan.skipped.size() == 1 ? " entry" : " entries")
-                  << " that cannot be copied (named on stderr)\n";
-        if (exitCode == toInt(ExitCode::kOk)) {
-            exitCode = toInt(ExitCode::kEntriesSkipped);
-        }
-    }
-    std::cout << summaryLine(outcome) << std::endl;
-    return exitCode;
 }
 
 }  // namespace xferfm::cli

@@ -47,11 +47,4 @@ struct CopyOutcome {
 // in `verification` for the caller to report.
 CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context);
 
-// "copied N files (B bytes) in T s, R MiB/s"
-std::string summaryLine(const CopyOutcome& outcome);
-
-// Prints renames and --verify results, then the summary line, on stdout;
-// mismatches go to stderr naming both paths. Returns the exit code.
-int reportCopy(const CopyOutcome& outcome, StderrConsole& console);
-
 }  // namespace xferfm::cli

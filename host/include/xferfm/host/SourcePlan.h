@@ -55,6 +55,7 @@ struct SourcePlan {
     // With PlanOptions::skipUncopyable: what was left out, in walk order (a
     // skipped directory is one entry; nothing below it is listed).
     std::vector<SourceProblem> skipped;
+    uint64_t excluded = 0;  // entries left out by PlanOptions::exclude (a directory counts once)
 };
 
 enum class SourceProblemKind {
@@ -95,6 +96,11 @@ struct PlanOptions {
     // kNotFileOrDirectory, kLinkLoop, kUnsupportedName) and list it in
     // SourcePlan::skipped instead of stopping.
     bool skipUncopyable = false;
+    // Shell globs (fnmatch) of entries to leave out, with what they hold:
+    // a pattern holding "/" is matched against the relative path
+    // ("top/sub/name", "*" not crossing a "/"), one without against each
+    // entry's name at any depth, as rsync's simple form does.
+    std::vector<std::string> exclude;
 };
 
 // Walks `paths` in order. False with `problem` at the first thing that
