@@ -9,14 +9,21 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 
 #include "SystemErrorText.h"
 
 namespace orin::xfer::host::detail {
 
-FileLanding::FileLanding(NameProposer propose, uint32_t permissionMask)
-    : mPropose(std::move(propose)), mPermissionMask(permissionMask)
+FileLanding::FileLanding(NameProposer propose, uint32_t permissionMask, std::map<std::string, std::string> resumeNames)
+    : mPropose(std::move(propose)), mPermissionMask(permissionMask), mResumeNames(std::move(resumeNames))
 {
+}
+
+const std::string* FileLanding::ResumedName(const std::string& requestName) const
+{
+    const auto found = mResumeNames.find(requestName.substr(0, requestName.find('/')));
+    return found != mResumeNames.end() ? &found->second : nullptr;
 }
 
 void FileLanding::KeepModificationTimes(ModificationTimes times)
@@ -114,7 +121,17 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
     const mode_t createMode = entry.mode != 0 ? 0700 : 0777;
     LandingResult result;
     int error = 0;
-    if (entry.filePath.empty()) {
+    const std::string* resumed = ResumedName(name);
+    if (resumed != nullptr) {
+        // Continued: the directory may exist from the interrupted copy.
+        result.finalPath = entry.filePath.empty() ? Destination() + "/" + *resumed
+                                                  : FinalParentOf(entry) + "/" + entry.fileName;
+        struct stat status {};
+        error = MakeDirectory(result.finalPath, createMode);
+        if (error == EEXIST && stat(result.finalPath.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+            error = entry.mode != 0 ? (chmod(result.finalPath.c_str(), status.st_mode | 0700) == 0 ? 0 : errno) : 0;
+        }
+    } else if (entry.filePath.empty()) {
         error = ClaimName(
             Destination(), entry.fileName, true, mPropose,
             [createMode](const std::string& path) { return MakeDirectory(path, createMode); }, result.finalPath);
@@ -198,9 +215,18 @@ LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMod
 {
     const std::string cached = CachedPathOf(entry);
     LandingResult result;
-    const int error = ClaimName(
-        FinalParentOf(entry), entry.fileName, false, mPropose,
-        [&cached](const std::string& path) { return MoveNoReplace(cached, path); }, result.finalPath);
+    int error = 0;
+    if (const std::string* resumed = ResumedName(entry.RequestName())) {
+        // Continued: what is there under this name is an older or other
+        // version the caller chose to replace.
+        result.finalPath = entry.filePath.empty() ? Destination() + "/" + *resumed
+                                                  : FinalParentOf(entry) + "/" + entry.fileName;
+        error = rename(cached.c_str(), result.finalPath.c_str()) == 0 ? 0 : errno;
+    } else {
+        error = ClaimName(
+            FinalParentOf(entry), entry.fileName, false, mPropose,
+            [&cached](const std::string& path) { return MoveNoReplace(cached, path); }, result.finalPath);
+    }
     if (error != 0) {
         result.failurePath = FinalParentOf(entry) + "/" + entry.fileName;
         result.failureMessage = result.failurePath + ": cannot be moved into place: " + SystemErrorText(error);

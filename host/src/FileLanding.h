@@ -12,6 +12,9 @@
 //   permission bits and time are applied at the end, children first, so a
 //   read-only directory still receives its content and no later arrival
 //   moves its time.
+// - Resuming, a top-level name listed in the resume names keeps the name it
+//   already has: its directories are entered when they exist and its files
+//   replace what is there (the caller sends only what is incomplete).
 // The filesystem steps themselves are DestinationFiles'.
 //
 // THREADING CONTRACT: Prepare, then the Land* calls and ApplyDirectoryModes
@@ -52,7 +55,7 @@ class FileLanding {
 public:
     // `propose` gives duplicate names (the engine's rule); the bits of
     // `permissionMask` are cleared from every listed mode (0: exact modes).
-    FileLanding(NameProposer propose, uint32_t permissionMask);
+    FileLanding(NameProposer propose, uint32_t permissionMask, std::map<std::string, std::string> resumeNames = {});
 
     // The sender's modification times, applied as entries land.
     void KeepModificationTimes(ModificationTimes times);
@@ -102,6 +105,8 @@ private:
         timespec modified{};
     };
 
+    // The name a resumed top-level entry continues under, or nullptr.
+    const std::string* ResumedName(const std::string& requestName) const;
     // The listed mode of `entry` less the mask.
     uint32_t WantedMode(const FileListEntry& entry) const;
     // The sender's time for request name `name`, if it sent one.
@@ -109,6 +114,7 @@ private:
 
     const NameProposer mPropose;
     const uint32_t mPermissionMask;
+    const std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
     mutable std::mutex mMutex;  // guards everything below
     ModificationTimes mTimes;
     std::string mDestination;

@@ -54,7 +54,7 @@ ReceiverEndpoint::Impl::Impl(std::unique_ptr<ITransport> transport, ReceiverOpti
           mManager->RenameDuplicatedFilePath(one);
           return one[0].destFileName;
       },
-      mOptions.permissionMask)
+      mOptions.permissionMask, mOptions.resumeNames)
 {
     mEngineJobs = std::make_shared<JobCounter>();
     mManager = IFileTransferManager::NewInstance(

@@ -129,6 +129,10 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
     addTransferOptions(*copy, options, "Compare the SHA-256 of every source file with its copy afterwards");
     copy->add_flag("-p,--preserve-perms", options.preservePermissions,
                    "Keep the exact permission bits of the sources (default: under the umask, as cp does)");
+    copy->add_flag("--resume", options.resume,
+                   "Continue an interrupted copy into the same DEST_DIR: its top-level entries keep the names the "
+                   "interrupted run gave them, files already there with the source's size and modification time "
+                   "are kept, only the rest is copied");
     copy->add_flag("-n,--dry-run", options.dryRun,
                    "Print what would be copied and skipped, and where each top-level entry would land "
                    "(renames included); write nothing");

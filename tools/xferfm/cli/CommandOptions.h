@@ -48,6 +48,7 @@ struct CopyOptions : TransferOptions, LandingOptions {
     std::string destinationDir;
     std::vector<std::string> excludes;  // globs of entries to leave out
     bool dryRun = false;                // say what would be copied, write nothing
+    bool resume = false;                // continue an interrupted copy into the same DEST_DIR
     bool quiet = false;                 // nothing on stdout, no progress
     bool verbose = false;               // one line per file
     bool json = false;                  // one JSON summary on stdout instead of the human lines

@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "CopyReport.h"
+#include "ResumePlan.h"
 #include "DestinationDir.h"
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
@@ -172,12 +173,22 @@ std::optional<std::string> firstSourceNowUnreadable(const SourcePlan& plan)
 std::string lastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
 
 // What an interrupted copy leaves behind, said exactly: complete files stay,
-// the one being written goes with the cache.
-std::string interruptedMessage(const CopyOutcome& outcome, const host::TransferSummary& summary)
+// the one being written goes with the cache; and how to go on.
+std::string interruptedMessage(const CopyOutcome& outcome, const host::TransferSummary& summary,
+                               const std::map<std::string, std::string>& landed)
 {
-    return "interrupted: " + std::to_string(summary.filesDone) + " of " + std::to_string(outcome.plan.fileCount) +
-           " files were complete and stay in " + outcome.destinationDir +
-           "; the file being written when the copy stopped was removed";
+    std::string where;
+    for (const auto& [name, finalName] : landed) {
+        where += (where.empty() ? " (as '" : ", '") + finalName + "'";
+    }
+    if (!where.empty()) {
+        where += ")";
+    }
+    return "interrupted: " + std::to_string(summary.filesDone + outcome.alreadyComplete) + " of " +
+           std::to_string(outcome.plan.fileCount + outcome.alreadyComplete) + " files are complete and stay in " +
+           outcome.destinationDir + where +
+           "; the file being written when the copy stopped was removed. To copy the rest, run the same command "
+           "again with --resume";
 }
 
 }  // namespace
@@ -193,6 +204,24 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     // a bad source is reported first.
     outcome.destinationDir =
         usableDestinationDir(options.destinationDir, DestinationNeed::kDirectory, "cannot copy into");
+
+    // The sources are walked once, before anything is written: every entry
+    // that cannot be copied is found and named now, and the sender offers
+    // what is left (less, resuming, what is complete already).
+    outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip,
+                               options.excludes);
+    reportSkipped(outcome.plan.skipped, console);
+    std::map<std::string, std::string> resumeNames;
+    if (options.resume) {
+        resumeNames = chooseResumeNames(outcome.plan, outcome.destinationDir);
+        outcome.alreadyComplete = leaveOutCompleteFiles(outcome.plan, outcome.destinationDir, resumeNames);
+    }
+    if (outcome.plan.entries.empty()) {
+        if (options.resume) {
+            removeResumeNote(outcome.destinationDir);
+        }
+        return outcome;  // nothing left to copy
+    }
 
     ProgressTracker tracker;
     ProgressRenderer renderer(tracker, console, chooseProgressStyle(options.showProgress && !options.quiet, console));
@@ -213,6 +242,7 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     host::ReceiverOptions receiverOptions;
     receiverOptions.destinationDir = outcome.destinationDir;
     receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
+    receiverOptions.resumeNames = resumeNames;
     receiverOptions.observer = &receiverReport;
 
     const auto started = Clock::now();
@@ -226,21 +256,6 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         host::SenderEndpoint sender(std::move(link.first), senderOptions);
         host::ReceiverEndpoint receiver(std::move(link.second), receiverOptions);
 
-        // The sources are walked once, before anything is written (the
-        // receiver has not started): every entry that cannot be copied is
-        // found and named now, and the sender offers what is left.
-        try {
-            outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip,
-                                       options.excludes);
-        } catch (...) {
-            engineLog.silence();
-            throw;
-        }
-        reportSkipped(outcome.plan.skipped, console);
-        if (outcome.plan.entries.empty()) {
-            engineLog.silence();
-            return outcome;  // nothing left to copy
-        }
         std::string offerError;
         const bool offered = sender.Offer(outcome.plan.walked, offerError);
         if (signals.interrupted()) {
@@ -296,19 +311,33 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     outcome.seconds = std::chrono::duration<double>(Clock::now() - started).count();
 
     if (signals.interrupted()) {
-        throw ToolError(ExitCode::kInterrupted, interruptedMessage(outcome, summary));
+        // What landed, under which top-level names: a --resume rerun
+        // continues there.
+        std::map<std::string, std::string> landed = readResumeNote(outcome.destinationDir);
+        const std::map<std::string, std::string> finalPaths = receiverReport.finalPaths();
+        for (const std::string& name : outcome.plan.topLevelNames) {
+            const auto found = finalPaths.find(name);
+            if (found != finalPaths.end()) {
+                landed[name] = lastComponent(found->second);
+            }
+        }
+        if (!landed.empty()) {
+            writeResumeNote(outcome.destinationDir, landed);
+        }
+        throw ToolError(ExitCode::kInterrupted, interruptedMessage(outcome, summary, landed));
     }
     if (!summary.completed) {
         throwFailure(outcome.plan, outcome.destinationDir,
                      receiverReport.failure() ? receiverReport.failure() : senderReport.failure(), summary.error);
     }
 
+    removeResumeNote(outcome.destinationDir);  // whatever it noted is complete now
     outcome.finalPaths = receiverReport.finalPaths();
     outcome.filesCopied = summary.filesDone;
     outcome.bytesCopied = summary.bytesDone;
     for (const std::string& name : outcome.plan.topLevelNames) {
         const auto found = outcome.finalPaths.find(name);
-        if (found != outcome.finalPaths.end() && lastComponent(found->second) != name) {
+        if (found != outcome.finalPaths.end() && lastComponent(found->second) != name && !resumeNames.count(name)) {
             outcome.renamed.push_back({name, lastComponent(found->second)});
         }
     }

@@ -37,6 +37,7 @@ struct CopyOutcome {
     std::vector<RenamedEntry> renamed;
     uint64_t filesCopied = 0;
     uint64_t bytesCopied = 0;
+    uint64_t alreadyComplete = 0;  // --resume: files found complete and not sent again
     double seconds = 0.0;  // the transfer alone, verification not included
     std::optional<VerifyResult> verification;
 };

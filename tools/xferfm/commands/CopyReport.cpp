@@ -58,6 +58,7 @@ std::string jsonSummary(const CopyOutcome& outcome, bool dryRun, int exitCode)
         document["skipped"].append(skipped);
     }
     document["excluded"] = static_cast<Json::UInt64>(outcome.plan.excluded);
+    document["alreadyComplete"] = static_cast<Json::UInt64>(outcome.alreadyComplete);
     document["renamed"] = Json::Value(Json::arrayValue);
     for (const RenamedEntry& entry : outcome.renamed) {
         Json::Value renamed(Json::objectValue);
@@ -134,6 +135,9 @@ int reportCopy(const CopyOutcome& outcome, StderrConsole& console, ReportStyle s
         if (exitCode == toInt(ExitCode::kOk)) {
             exitCode = toInt(ExitCode::kEntriesSkipped);
         }
+    }
+    if (human && outcome.alreadyComplete != 0) {
+        std::cout << "resumed: " << outcome.alreadyComplete << " files were complete already and kept\n";
     }
     if (human) {
         std::cout << summaryLine(outcome) << std::endl;

@@ -1,0 +1,82 @@
+// An interrupted copy can be continued: `copy --resume` into the same
+// DEST_DIR reuses the top-level name the interrupted run gave, keeps every
+// file already complete and sends only the rest, leaving no duplicate.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "TestSupport.h"
+#include "ToolRunner.h"
+#include "TreeCompare.h"
+
+namespace xferfm::tooltest {
+namespace {
+
+using orin::xfer::test::TempDir;
+
+constexpr int kFiles = 24;
+
+TEST(Resume, InterruptedCopyIsCompletedWithoutDuplicatesAndByteEqual)
+{
+    TempDir work;
+    const std::string tree = work.Join("tree");
+    const std::string out = work.Join("out");
+    makeDirectory(tree);
+    makeDirectory(tree + "/sub");
+    for (int i = 0; i < kFiles; ++i) {
+        writePatternFile(tree + (i % 2 ? "/sub/f" : "/f") + std::to_string(i) + ".bin", 100000, static_cast<uint32_t>(i));
+    }
+    makeDirectory(out);
+    makeDirectory(out + "/tree");  // taken: the copy lands as tree(1), and must continue there
+
+    // Slow enough to be interrupted part-way: SIGINT once some files landed.
+    RunOptions interrupting;
+    bool sent = false;
+    interrupting.whileRunning = [&](pid_t pid) {
+        if (exists(out + "/tree(1)") && namesIn(out + "/tree(1)").size() >= 4) {
+            ::kill(pid, SIGINT);
+            sent = true;
+            return false;
+        }
+        return true;
+    };
+    const ToolResult interrupted =
+        runTool({"copy", "--no-progress", "--bandwidth", "3000", tree, out}, interrupting);
+
+    ASSERT_TRUE(sent) << describe(interrupted);
+    ASSERT_EQ(interrupted.exitCode, toInt(ExitCode::kInterrupted)) << describe(interrupted);
+    EXPECT_NE(interrupted.err.find("stay in " + out + " (as 'tree(1)')"), std::string::npos) << interrupted.err;
+    EXPECT_NE(interrupted.err.find("--resume"), std::string::npos) << interrupted.err;
+    EXPECT_TRUE(incompleteCopies(tree, out + "/tree(1)").empty());
+
+    const ToolResult resumed = runTool({"copy", "--no-progress", "--resume", "--json", tree, out});
+
+    ASSERT_EQ(resumed.exitCode, toInt(ExitCode::kOk)) << describe(resumed);
+    EXPECT_EQ(namesIn(out), (std::vector<std::string>{"tree", "tree(1)"}));
+    EXPECT_TRUE(namesIn(out + "/tree").empty());
+    EXPECT_TRUE(treeDifferences(tree, out + "/tree(1)").empty())
+        << ::testing::PrintToString(treeDifferences(tree, out + "/tree(1)"));
+    EXPECT_NE(resumed.out.find("\"alreadyComplete\" : "), std::string::npos) << resumed.out;
+    EXPECT_EQ(resumed.out.find("\"alreadyComplete\" : 0,"), std::string::npos) << "complete files were sent again";
+    EXPECT_EQ(resumed.out.find("\"files\" : " + std::to_string(kFiles) + ","), std::string::npos)
+        << "every file was sent again:\n" << resumed.out;
+}
+
+TEST(Resume, ACompleteCopyResumedSendsNothing)
+{
+    TempDir work;
+    const std::string tree = work.Join("tree");
+    const std::string out = work.Join("out");
+    makeDirectory(tree);
+    writeTextFile(tree + "/a.txt", "a\n");
+    makeDirectory(out);
+    ASSERT_EQ(runTool({"copy", "--no-progress", tree, out}).exitCode, toInt(ExitCode::kOk));
+
+    const ToolResult resumed = runTool({"copy", "--no-progress", "--resume", tree, out});
+
+    ASSERT_EQ(resumed.exitCode, toInt(ExitCode::kOk)) << describe(resumed);
+    EXPECT_EQ(namesIn(out), std::vector<std::string>{"tree"});
+    EXPECT_NE(resumed.out.find("copied 0 files"), std::string::npos) << resumed.out;
+}
+
+}  // namespace
+}  // namespace xferfm::tooltest
