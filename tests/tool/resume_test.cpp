@@ -48,6 +48,14 @@ TEST(Resume, InterruptedCopyIsCompletedWithoutDuplicatesAndByteEqual)
     EXPECT_NE(interrupted.err.find("--resume"), std::string::npos) << interrupted.err;
     EXPECT_TRUE(incompleteCopies(tree, out + "/tree(1)").empty());
 
+    const std::vector<std::string> kept = namesIn(out + "/tree(1)");
+    const ToolResult preview = runTool({"copy", "--resume", "--dry-run", tree, out});
+
+    ASSERT_EQ(preview.exitCode, toInt(ExitCode::kOk)) << describe(preview);
+    EXPECT_NE(preview.out.find("to '" + out + "/tree(1)' (continuing the interrupted copy)"), std::string::npos)
+        << preview.out;
+    EXPECT_EQ(namesIn(out + "/tree(1)"), kept) << "a dry run writes nothing";
+
     const ToolResult resumed = runTool({"copy", "--no-progress", "--resume", "--json", tree, out});
 
     ASSERT_EQ(resumed.exitCode, toInt(ExitCode::kOk)) << describe(resumed);

@@ -1,11 +1,13 @@
 #include "DryRun.h"
 
 #include <iostream>
+#include <map>
 
 #include "CopyJob.h"
 #include "CopyReport.h"
 #include "DestinationDir.h"
 #include "ExitCode.h"
+#include "ResumePlan.h"
 #include "xferfm/host/LandingNames.h"
 
 namespace xferfm::cli {
@@ -34,14 +36,24 @@ int runDryRun(const CopyOptions& options, ToolContext& context)
                                options.excludes);
     reportSkipped(outcome.plan.skipped, context.console);
 
+    std::map<std::string, std::string> resumeNames;
+    if (options.resume) {
+        resumeNames = chooseResumeNames(outcome.plan, outcome.destinationDir);
+        outcome.alreadyComplete = leaveOutCompleteFiles(outcome.plan, outcome.destinationDir, resumeNames);
+    }
+
     std::vector<host::TopLevelEntry> topLevel;
     for (const std::string& name : outcome.plan.topLevelNames) {
         topLevel.push_back({name, isDirectoryEntry(outcome.plan, name)});
     }
-    const std::vector<std::string> finalNames = host::PredictLandingNames(outcome.destinationDir, topLevel);
+    std::vector<std::string> finalNames = host::PredictLandingNames(outcome.destinationDir, topLevel);
     for (size_t i = 0; i < topLevel.size(); ++i) {
+        const auto resumed = resumeNames.find(topLevel[i].name);
+        if (resumed != resumeNames.end()) {
+            finalNames[i] = resumed->second;  // continued where the interrupted copy put it
+        }
         outcome.finalPaths[topLevel[i].name] = outcome.destinationDir + "/" + finalNames[i];
-        if (finalNames[i] != topLevel[i].name) {
+        if (finalNames[i] != topLevel[i].name && resumed == resumeNames.end()) {
             outcome.renamed.push_back({topLevel[i].name, finalNames[i]});
         }
     }
@@ -60,7 +72,9 @@ int runDryRun(const CopyOptions& options, ToolContext& context)
         if (top != outcome.finalPaths.end()) {
             const std::string name = top->first;
             std::cout << "would copy '" << entry.sourcePath << "' to '" << top->second << "'";
-            if (top->second.substr(top->second.find_last_of('/') + 1) != name) {
+            if (resumeNames.count(name) != 0) {
+                std::cout << " (continuing the interrupted copy)";
+            } else if (top->second.substr(top->second.find_last_of('/') + 1) != name) {
                 std::cout << " ('" << name << "' is taken)";
             }
             std::cout << '\n';
@@ -72,6 +86,9 @@ int runDryRun(const CopyOptions& options, ToolContext& context)
         std::cout << "would skip " << outcome.plan.skipped.size()
                   << (outcome.plan.skipped.size() == 1 ? " entry" : " entries")
                   << " that cannot be copied (named on stderr)\n";
+    }
+    if (outcome.alreadyComplete != 0) {
+        std::cout << "resuming: " << outcome.alreadyComplete << " files are complete already and would be kept\n";
     }
     std::cout << "dry run: would copy " << outcome.plan.fileCount << " files (" << outcome.plan.totalBytes
               << " bytes) in " << outcome.plan.directoryCount << " directories";

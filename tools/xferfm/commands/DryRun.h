@@ -3,6 +3,8 @@
 // entry and where it would land (a taken name shows its "name(1)" rename,
 // the name the receiver's rule would give now), the totals, what would be
 // skipped and why (on stderr, as a copy reports it), and with -v every file.
+// With --resume it shows the names the copy would continue under and how
+// many files it would keep.
 //
 // Threading: blocks the calling thread; starts no endpoint.
 #pragma once
