@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <iostream>
+#include <memory>
 
 #include "ExitCode.h"
 #include "xferfm/host/TcpSocket.h"
@@ -68,6 +69,15 @@ std::string usageLine(const std::string& command)
     }
     return "xferfm COMMAND [OPTIONS] ARGS...   (COMMAND: copy, demo, serve, send)";
 }
+
+// --help shows the same usage line as a usage error does.
+class UsageLineFormatter : public CLI::Formatter {
+public:
+    std::string make_usage(const CLI::App* app, std::string) const override
+    {
+        return "Usage: " + usageLine(app->get_parent() != nullptr ? app->get_name() : "") + "\n";
+    }
+};
 
 // A usage error as a terminal user expects it: the program (and command)
 // that complains, what is wrong, the usage line and where help is.
@@ -223,6 +233,7 @@ ParsedCommandLine parseCommandLine(int argc, char** argv)
     app.set_version_flag("--version", std::string("xferfm ") + XFERFM_VERSION);
     app.footer(exitCodeHelp());  // `copy` and `demo` inherit it
     app.require_subcommand(1);
+    app.formatter(std::make_shared<UsageLineFormatter>());  // before the commands: they inherit it
 
     std::vector<std::string> copyPaths;
     const CLI::App* copy = addCopyCommand(app, parsed.copy, copyPaths);
