@@ -99,7 +99,7 @@ struct PlanOptions {
     // Shell globs (fnmatch) of entries to leave out, with what they hold:
     // a pattern holding "/" is matched against the relative path
     // ("top/sub/name", "*" not crossing a "/"), one without against each
-    // entry's name at any depth, as rsync's simple form does.
+    // entry's name at any depth.
     std::vector<std::string> exclude;
 };
 
