@@ -11,6 +11,7 @@ packages=(
   libssl-dev                # SHA-256 for xferfm --verify
   libcli11-dev              # xferfm command-line parsing
   e2fsprogs                 # chattr, for the unremovable-file tests
+  man-db groff-base         # man -l, for the manual page test
 )
 
 missing=()

@@ -4,13 +4,49 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 
 #include "SystemErrorText.h"
 
 namespace orin::xfer::host::detail {
 
-FileLanding::FileLanding(NameProposer propose) : mPropose(std::move(propose)) {}
+FileLanding::FileLanding(NameProposer propose, uint32_t permissionMask, std::map<std::string, std::string> resumeNames)
+    : mPropose(std::move(propose)), mPermissionMask(permissionMask), mResumeNames(std::move(resumeNames))
+{
+}
+
+const std::string* FileLanding::ResumedName(const std::string& requestName) const
+{
+    const auto found = mResumeNames.find(requestName.substr(0, requestName.find('/')));
+    return found != mResumeNames.end() ? &found->second : nullptr;
+}
+
+void FileLanding::KeepModificationTimes(ModificationTimes times)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mTimes = std::move(times);
+}
+
+uint32_t FileLanding::WantedMode(const FileListEntry& entry) const
+{
+    return entry.mode & 0777 & ~mPermissionMask;
+}
+
+bool FileLanding::TimeOf(const std::string& name, timespec& modified) const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    const auto found = mTimes.find(name);
+    if (found == mTimes.end()) {
+        return false;
+    }
+    modified = found->second;
+    return true;
+}
 
 bool FileLanding::Prepare(const std::string& destinationDir,
                           const std::function<void(const std::string&)>& adoptCache, std::string& error)
@@ -85,7 +121,17 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
     const mode_t createMode = entry.mode != 0 ? 0700 : 0777;
     LandingResult result;
     int error = 0;
-    if (entry.filePath.empty()) {
+    const std::string* resumed = ResumedName(name);
+    if (resumed != nullptr) {
+        // Continued: the directory may exist from the interrupted copy.
+        result.finalPath = entry.filePath.empty() ? Destination() + "/" + *resumed
+                                                  : FinalParentOf(entry) + "/" + entry.fileName;
+        struct stat status {};
+        error = MakeDirectory(result.finalPath, createMode);
+        if (error == EEXIST && stat(result.finalPath.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+            error = entry.mode != 0 ? (chmod(result.finalPath.c_str(), status.st_mode | 0700) == 0 ? 0 : errno) : 0;
+        }
+    } else if (entry.filePath.empty()) {
         error = ClaimName(
             Destination(), entry.fileName, true, mPropose,
             [createMode](const std::string& path) { return MakeDirectory(path, createMode); }, result.finalPath);
@@ -98,13 +144,53 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
         result.failureMessage = result.failurePath + ": " + SystemErrorText(error);
         return result;
     }
+    LandedDirectory landed;
+    landed.path = result.finalPath;
+    landed.mode = entry.mode != 0 ? WantedMode(entry) : 0;
+    landed.hasTime = TimeOf(name, landed.modified);
     std::lock_guard<std::mutex> lock(mMutex);
     mFinalDirectories[name] = result.finalPath;
-    if (entry.mode != 0) {
-        mDirectoryModes.emplace_back(result.finalPath, entry.mode);
+    if (landed.mode != 0 || landed.hasTime) {
+        mDirectories.push_back(std::move(landed));
     }
     result.landed = true;
     return result;
+}
+
+namespace {
+
+// The engine's stream reports a failed write without its errno. Asking the
+// file system for room for the next bytes, in the same file, gives the
+// reason back ("No space left on device", a quota, an I/O error); 0 when
+// the room is there after all (the probe's blocks are given back). At most
+// 1 MiB is asked for: a full disk refuses the first block already.
+int ReasonForShortFile(const std::string& cached, uint64_t expected)
+{
+    constexpr uint64_t kProbeBytes = 1u << 20;
+    const int fd = ::open(cached.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        return errno == ENOENT ? 0 : errno;
+    }
+    struct stat status {};
+    int error = fstat(fd, &status) != 0 ? errno : 0;
+    const uint64_t got = static_cast<uint64_t>(status.st_size);
+    if (error == 0) {
+        const uint64_t probe = expected > got ? std::min(expected - got, kProbeBytes) : 1;
+        error = posix_fallocate(fd, static_cast<off_t>(got), static_cast<off_t>(probe));
+        if (error == 0) {
+            (void)ftruncate(fd, static_cast<off_t>(got));
+        }
+    }
+    ::close(fd);
+    return error;
+}
+
+}  // namespace
+
+std::string FileLanding::WriteFailureReason(const std::string& requestName, uint64_t expected) const
+{
+    const int reason = ReasonForShortFile(CacheDirectory() + "/" + requestName, expected);
+    return reason != 0 ? SystemErrorText(reason) : std::string();
 }
 
 LandingResult FileLanding::CheckCachedFile(const FileListEntry& entry, uint64_t expected, mode_t& cachedMode) const
@@ -118,9 +204,10 @@ LandingResult FileLanding::CheckCachedFile(const FileListEntry& entry, uint64_t 
         return result;
     }
     const uint64_t got = present ? static_cast<uint64_t>(status.st_size) : 0;
+    const std::string reason = present && got < expected ? WriteFailureReason(entry.RequestName(), expected) : "";
     result.failurePath = FinalParentOf(entry) + "/" + entry.fileName;
-    result.failureMessage = result.failurePath + ": writing failed (" + std::to_string(got) + " of " +
-                            std::to_string(expected) + " bytes reached the disk)";
+    result.failureMessage = result.failurePath + ": writing failed" + (reason.empty() ? "" : ": " + reason) + " (" +
+                            std::to_string(got) + " of " + std::to_string(expected) + " bytes reached the disk)";
     return result;
 }
 
@@ -128,9 +215,18 @@ LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMod
 {
     const std::string cached = CachedPathOf(entry);
     LandingResult result;
-    const int error = ClaimName(
-        FinalParentOf(entry), entry.fileName, false, mPropose,
-        [&cached](const std::string& path) { return MoveNoReplace(cached, path); }, result.finalPath);
+    int error = 0;
+    if (const std::string* resumed = ResumedName(entry.RequestName())) {
+        // Continued: what is there under this name is an older or other
+        // version the caller chose to replace.
+        result.finalPath = entry.filePath.empty() ? Destination() + "/" + *resumed
+                                                  : FinalParentOf(entry) + "/" + entry.fileName;
+        error = rename(cached.c_str(), result.finalPath.c_str()) == 0 ? 0 : errno;
+    } else {
+        error = ClaimName(
+            FinalParentOf(entry), entry.fileName, false, mPropose,
+            [&cached](const std::string& path) { return MoveNoReplace(cached, path); }, result.finalPath);
+    }
     if (error != 0) {
         result.failurePath = FinalParentOf(entry) + "/" + entry.fileName;
         result.failureMessage = result.failurePath + ": cannot be moved into place: " + SystemErrorText(error);
@@ -138,8 +234,13 @@ LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMod
     }
     // The file was created with the process's default mode: change it only
     // when that is not already the one wanted.
-    if (entry.mode != 0 && cachedMode != (entry.mode & 0777)) {
-        chmod(result.finalPath.c_str(), entry.mode & 0777);
+    if (entry.mode != 0 && cachedMode != WantedMode(entry)) {
+        chmod(result.finalPath.c_str(), WantedMode(entry));
+    }
+    timespec modified{};
+    if (TimeOf(entry.RequestName(), modified)) {
+        const timespec times[2] = {{0, UTIME_OMIT}, modified};
+        utimensat(AT_FDCWD, result.finalPath.c_str(), times, 0);
     }
     result.landed = true;
     return result;
@@ -147,14 +248,20 @@ LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMod
 
 void FileLanding::ApplyDirectoryModes()
 {
-    std::vector<std::pair<std::string, uint32_t>> modes;
+    std::vector<LandedDirectory> directories;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        modes = mDirectoryModes;
+        directories = mDirectories;
     }
     // Children first, so a read-only directory does not block its parent's.
-    for (auto it = modes.rbegin(); it != modes.rend(); ++it) {
-        chmod(it->first.c_str(), it->second & 0777);
+    for (auto it = directories.rbegin(); it != directories.rend(); ++it) {
+        if (it->mode != 0) {
+            chmod(it->path.c_str(), it->mode);
+        }
+        if (it->hasTime) {
+            const timespec times[2] = {{0, UTIME_OMIT}, it->modified};
+            utimensat(AT_FDCWD, it->path.c_str(), times, 0);
+        }
     }
 }
 

@@ -6,10 +6,15 @@
 //   "dir(1)"), and the children of a renamed directory follow it.
 // - A file lands by a rename that refuses to replace anything, only after
 //   its cached size matched the announced one; its permission bits follow
-//   the list when it lands.
+//   the list (less the permission mask) and its modification time the
+//   sender's when it lands.
 // - A directory is created with room to receive its children; its listed
-//   permission bits are applied at the end, children first, so a
-//   read-only directory still receives its content.
+//   permission bits and time are applied at the end, children first, so a
+//   read-only directory still receives its content and no later arrival
+//   moves its time.
+// - Resuming, a top-level name listed in the resume names keeps the name it
+//   already has: its directories are entered when they exist and its files
+//   replace what is there (the caller sends only what is incomplete).
 // The filesystem steps themselves are DestinationFiles'.
 //
 // THREADING CONTRACT: Prepare, then the Land* calls and ApplyDirectoryModes
@@ -30,6 +35,7 @@
 #include <vector>
 
 #include "DestinationFiles.h"
+#include "FileListTimes.h"
 #include "xferfm/host/FileList.h"
 
 namespace orin::xfer::host::detail {
@@ -47,8 +53,12 @@ struct LandingResult {
 
 class FileLanding {
 public:
-    // `propose` gives duplicate names (the engine's rule).
-    explicit FileLanding(NameProposer propose);
+    // `propose` gives duplicate names (the engine's rule); the bits of
+    // `permissionMask` are cleared from every listed mode (0: exact modes).
+    FileLanding(NameProposer propose, uint32_t permissionMask, std::map<std::string, std::string> resumeNames = {});
+
+    // The sender's modification times, applied as entries land.
+    void KeepModificationTimes(ModificationTimes times);
 
     // Resolves `destinationDir` and makes the cache directory inside it;
     // `adoptCache` hands the fresh cache to the engine before it becomes
@@ -74,21 +84,43 @@ public:
     // permission bits. A write error the stream only meets when it is
     // closed leaves a short file behind without a report: the size tells.
     LandingResult CheckCachedFile(const FileListEntry& entry, uint64_t expected, mode_t& cachedMode) const;
+    // Why the file with request name `name` could not be written to its
+    // `expected` size in the cache, as the system words it ("No space left
+    // on device"); "" when the file system has room after all. Any thread.
+    std::string WriteFailureReason(const std::string& requestName, uint64_t expected) const;
     // Moves the checked cached file to its final name.
     LandingResult LandFile(const FileListEntry& entry, mode_t cachedMode);
 
-    // Applies the listed modes of the landed directories, children first.
+    // Applies the listed modes and times of the landed directories,
+    // children first.
     void ApplyDirectoryModes();
     // Removes the cache directory (every exit path calls it).
     void RemoveCache();
 
 private:
+    struct LandedDirectory {
+        std::string path;
+        uint32_t mode = 0;  // 0: leave as created
+        bool hasTime = false;
+        timespec modified{};
+    };
+
+    // The name a resumed top-level entry continues under, or nullptr.
+    const std::string* ResumedName(const std::string& requestName) const;
+    // The listed mode of `entry` less the mask.
+    uint32_t WantedMode(const FileListEntry& entry) const;
+    // The sender's time for request name `name`, if it sent one.
+    bool TimeOf(const std::string& name, timespec& modified) const;
+
     const NameProposer mPropose;
+    const uint32_t mPermissionMask;
+    const std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
     mutable std::mutex mMutex;  // guards everything below
+    ModificationTimes mTimes;
     std::string mDestination;
     std::string mCacheDir;
     std::map<std::string, std::string> mFinalDirectories;  // request name -> final path
-    std::vector<std::pair<std::string, uint32_t>> mDirectoryModes;
+    std::vector<LandedDirectory> mDirectories;  // in landing order
 };
 
 }  // namespace orin::xfer::host::detail

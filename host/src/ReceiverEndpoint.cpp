@@ -53,7 +53,8 @@ ReceiverEndpoint::Impl::Impl(std::unique_ptr<ITransport> transport, ReceiverOpti
           one[0].attribute = isDirectory ? kAttributeDirectory : kAttributeNormal;
           mManager->RenameDuplicatedFilePath(one);
           return one[0].destFileName;
-      })
+      },
+      mOptions.permissionMask, mOptions.resumeNames)
 {
     mEngineJobs = std::make_shared<JobCounter>();
     mManager = IFileTransferManager::NewInstance(

@@ -112,6 +112,8 @@ void ReceiverEndpoint::Impl::onFileTransferFailed(uint32_t taskId, uint32_t tran
     (void)result;
     std::string path;
     std::string message;
+    std::string writtenName;  // a file whose write failed: asked for the reason below
+    uint64_t writtenSize = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (transferId != 0) {
@@ -125,11 +127,21 @@ void ReceiverEndpoint::Impl::onFileTransferFailed(uint32_t taskId, uint32_t tran
             path = slot->name == mSlots.Front().name ? destinationGuessLocked()
                                                        : mLanding.Destination() + "/" + slot->name;
             message = slot->isDirectory ? path + ": cannot be created" : path + ": writing failed";
+            if (!slot->isDirectory) {
+                writtenName = slot->name;
+                writtenSize = slot->fileSize;
+            }
         } else if (taskId == detail::kNoTransferId && transferId == 0) {
             path = destinationGuessLocked();
             message = path + ": cannot be prepared in the cache directory " + mLanding.CacheDirectory();
         } else {
             return;
+        }
+    }
+    if (!writtenName.empty()) {  // outside the lock: it asks the file system
+        const std::string reason = mLanding.WriteFailureReason(writtenName, writtenSize);
+        if (!reason.empty()) {
+            message += ": " + reason;
         }
     }
     fail(path, message, false);
@@ -151,6 +163,7 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
             return;  // one list per session
         }
         mList = std::move(parsed);
+        mLanding.KeepModificationTimes(detail::ReadModificationTimes(list.json));
         entries = mList->entries.size();
         bytes = mList->totalFileBytes;
         mState.Summary().entriesTotal = entries;

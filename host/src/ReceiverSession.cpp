@@ -324,12 +324,14 @@ void ReceiverEndpoint::Impl::conclude(bool ok)
         HOST_LOG_W << "copy failed: " << failureMessage;
         mObserver.Notify([&](ReceiverObserver& observer) { observer.OnFailure(failurePath, failureMessage); });
     }
+    // OnFinished before the state says Finished: a host that returns from
+    // WaitFinished has heard everything its observer will hear.
+    mObserver.NotifyLast([&](ReceiverObserver& observer) { observer.OnFinished(summary); });
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mState.SetState(ReceiverState::Finished, ok ? "completed" : "ended early");
     }
     mChanged.notify_all();
-    mObserver.NotifyLast([&](ReceiverObserver& observer) { observer.OnFinished(summary); });
 }
 
 void ReceiverEndpoint::Impl::abortEngine()

@@ -27,6 +27,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "FileListTimes.h"
 #include "HostLog.h"
 #include "ReadCountingRateLimiter.h"
 #include "UploadList.h"
@@ -126,6 +127,15 @@ bool SenderEndpoint::Impl::offer(const SourcePlan& plan, std::string& error)
     // a short slice (see OfferedList.cpp).
     mManager->TriggerLocalCopy(list);
     mManager->SendFileDesc();  // onSendFileDesc keeps the text
+    {
+        // The engine's list has no times: the kit adds its own field.
+        std::lock_guard<std::mutex> lock(mMutex);
+        std::string withTimes = mList.Json();
+        std::string ignored;  // unreadable: the list goes out without times
+        if (detail::AddModificationTimes(withTimes, plan, ignored)) {
+            mList.KeepJson(std::move(withTimes));
+        }
+    }
     bool sendNow = false;
     std::string json;
     std::vector<FileDescription> firstSlice;

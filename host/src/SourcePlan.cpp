@@ -4,6 +4,7 @@
 #include "xferfm/host/SourcePlan.h"
 
 #include <dirent.h>
+#include <fnmatch.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -78,6 +79,10 @@ bool resolveRoot(const std::string& given, SourceRoot& root, SourceProblem& prob
     return true;
 }
 
+// What the walk does after one step: go on with the entry, go on without
+// it (it was listed as skipped), or stop.
+enum class Step { kGo, kSkip, kStop };
+
 class Walker {
 public:
     Walker(SourcePlan& plan, SourceProblem& problem, const PlanOptions& options)
@@ -103,8 +108,11 @@ public:
         SourceProblem naming = mProblem;
         const bool named = resolveRoot(given, root, naming);
         struct stat status {};
-        if (mOptions.pathsAsWritten && !statFollowing(given, true, status)) {
-            return false;
+        if (mOptions.pathsAsWritten) {
+            const Step looked = statFollowing(given, true, status);
+            if (looked != Step::kGo) {
+                return looked == Step::kSkip;
+            }
         }
         if (!named) {
             mProblem = naming;
@@ -115,12 +123,19 @@ public:
             mProblem.name = root.name;
             return false;
         }
-        if (!mOptions.pathsAsWritten && !statFollowing(root.path, true, status)) {
-            return false;
+        if (!mOptions.pathsAsWritten) {
+            const Step looked = statFollowing(root.path, true, status);
+            if (looked != Step::kGo) {
+                return looked == Step::kSkip;
+            }
         }
-        mPlan.topLevelNames.push_back(root.name);
         uint64_t size = 0;
-        return add(index, root.path, root.name, status, size);
+        const size_t firstEntry = mPlan.entries.size();
+        const Step added = add(index, root.path, root.name, status, size);
+        if (added == Step::kGo && mPlan.entries.size() > firstEntry) {
+            mPlan.topLevelNames.push_back(root.name);
+        }
+        return added != Step::kStop;
     }
 
 private:
@@ -129,31 +144,57 @@ private:
         mProblem.kind = kind;
         mProblem.path = path;
         mProblem.error = error;
+        mProblem.fileType = 0;
         return false;
     }
 
+    // A problem with one entry: left out when skipping, the end otherwise.
+    Step skip(SourceProblemKind kind, const std::string& path, int error = 0, uint32_t fileType = 0)
+    {
+        fail(kind, path, error);
+        mProblem.fileType = fileType;
+        if (!mOptions.skipUncopyable) {
+            return Step::kStop;
+        }
+        mPlan.skipped.push_back(mProblem);
+        return Step::kSkip;
+    }
+
     // stat that follows links, telling a broken link from a missing path.
-    bool statFollowing(const std::string& path, bool topLevel, struct stat& status)
+    Step statFollowing(const std::string& path, bool topLevel, struct stat& status)
     {
         if (::stat(path.c_str(), &status) == 0) {
-            return true;
+            return Step::kGo;
         }
         const int error = errno;
         struct stat linkStatus {};
         if (error == ENOENT && ::lstat(path.c_str(), &linkStatus) == 0 && S_ISLNK(linkStatus.st_mode)) {
-            return fail(SourceProblemKind::kBrokenLink, path, error);
+            return skip(SourceProblemKind::kBrokenLink, path, error);
+        }
+        if (error == ENOENT && topLevel) {
+            fail(SourceProblemKind::kMissing, path, error);
+            return Step::kStop;
         }
         if (error == ENOENT) {
-            return fail(topLevel ? SourceProblemKind::kMissing : SourceProblemKind::kVanished, path, error);
+            return skip(SourceProblemKind::kVanished, path, error);
         }
-        return fail(SourceProblemKind::kUnreadable, path, error);
+        return skip(SourceProblemKind::kUnreadable, path, error);
     }
 
     // Adds the entry at `path` (already stat'ed) and, for a directory,
-    // everything below it. `size` receives its size.
-    bool add(size_t root, const std::string& path, const std::string& relativePath, const struct stat& status,
+    // everything below it. `size` receives its size (0 when skipped).
+    Step add(size_t root, const std::string& path, const std::string& relativePath, const struct stat& status,
              uint64_t& size)
     {
+        size = 0;
+        if (excluded(relativePath)) {
+            ++mPlan.excluded;
+            return Step::kSkip;
+        }
+        if (mOptions.refuseBackslashNames &&
+            relativePath.find('\\', relativePath.find_last_of('/') + 1) != std::string::npos) {
+            return skip(SourceProblemKind::kUnsupportedName, path);
+        }
         SourceEntry entry;
         entry.root = root;
         entry.relativePath = relativePath;
@@ -161,63 +202,87 @@ private:
         entry.mode = static_cast<uint32_t>(status.st_mode) & kPermissionBits;
         entry.modified = status.st_mtim;
         if (S_ISREG(status.st_mode)) {
-            if (mOptions.openEveryFile && !checkReadable(path)) {
-                return false;
+            if (mOptions.openEveryFile) {
+                const Step readable = checkReadable(path);
+                if (readable != Step::kGo) {
+                    return readable;
+                }
             }
             entry.size = static_cast<uint64_t>(status.st_size);
             size = entry.size;
             mPlan.totalBytes += entry.size;
             ++mPlan.fileCount;
             mPlan.entries.push_back(std::move(entry));
-            return true;
+            return Step::kGo;
         }
         if (!S_ISDIR(status.st_mode)) {
-            return fail(SourceProblemKind::kNotFileOrDirectory, path);
+            return skip(SourceProblemKind::kNotFileOrDirectory, path, 0,
+                        static_cast<uint32_t>(status.st_mode) & S_IFMT);
         }
         const FileIdentity identity{status.st_dev, status.st_ino};
         if (!mAncestors.insert(identity).second) {
-            return fail(SourceProblemKind::kLinkLoop, path);
+            return skip(SourceProblemKind::kLinkLoop, path);
         }
         entry.isDirectory = true;
         const size_t slot = mPlan.entries.size();
         mPlan.entries.push_back(std::move(entry));
         ++mPlan.directoryCount;
         std::vector<std::string> children;
-        if (!readNames(path, children)) {
-            return false;
+        const Step listed = readNames(path, children);
+        if (listed != Step::kGo) {
+            // Nothing of it can be copied: not even the directory itself.
+            mPlan.entries.pop_back();
+            --mPlan.directoryCount;
+            mAncestors.erase(identity);
+            return listed;
         }
         uint64_t total = 0;
         for (const std::string& child : children) {
             const std::string childPath = detail::JoinPath(path, child);
             struct stat childStatus {};
             uint64_t childSize = 0;
-            if (!statFollowing(childPath, false, childStatus) ||
-                !add(root, childPath, relativePath + "/" + child, childStatus, childSize)) {
-                return false;
+            Step step = statFollowing(childPath, false, childStatus);
+            if (step == Step::kGo) {
+                step = add(root, childPath, relativePath + "/" + child, childStatus, childSize);
+            }
+            if (step == Step::kStop) {
+                return Step::kStop;
             }
             total += childSize;
         }
         mPlan.entries[slot].size = total;
         size = total;
         mAncestors.erase(identity);
-        return true;
+        return Step::kGo;
     }
 
-    bool checkReadable(const std::string& path)
+    bool excluded(const std::string& relativePath) const
+    {
+        const std::string name = relativePath.substr(relativePath.find_last_of('/') + 1);
+        for (const std::string& pattern : mOptions.exclude) {
+            const bool byPath = pattern.find('/') != std::string::npos;
+            if (fnmatch(pattern.c_str(), (byPath ? relativePath : name).c_str(), FNM_PATHNAME) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    Step checkReadable(const std::string& path)
     {
         const int descriptor = ::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
         if (descriptor < 0) {
-            return fail(SourceProblemKind::kUnreadable, path, errno);
+            return skip(SourceProblemKind::kUnreadable, path, errno);
         }
         ::close(descriptor);
-        return true;
+        return Step::kGo;
     }
 
-    bool readNames(const std::string& path, std::vector<std::string>& names)
+    Step readNames(const std::string& path, std::vector<std::string>& names)
     {
         std::unique_ptr<DIR, DirCloser> dir(opendir(path.c_str()));
         if (!dir) {
-            return fail(SourceProblemKind::kUnreadable, path, errno);
+            return skip(SourceProblemKind::kUnreadable, path, errno);
         }
         errno = 0;
         while (const dirent* item = readdir(dir.get())) {
@@ -227,10 +292,10 @@ private:
             }
         }
         if (errno != 0) {
-            return fail(SourceProblemKind::kUnreadable, path, errno);
+            return skip(SourceProblemKind::kUnreadable, path, errno);
         }
         std::sort(names.begin(), names.end());
-        return true;
+        return Step::kGo;
     }
 
     SourcePlan& mPlan;
@@ -269,6 +334,22 @@ std::string TopLevelName(const std::string& path)
     return name;
 }
 
+std::string DescribeFileType(uint32_t fileType)
+{
+    switch (fileType) {
+    case S_IFIFO:
+        return "a FIFO (named pipe), not a regular file or directory";
+    case S_IFSOCK:
+        return "a socket, not a regular file or directory";
+    case S_IFCHR:
+        return "a character device, not a regular file or directory";
+    case S_IFBLK:
+        return "a block device, not a regular file or directory";
+    default:
+        return "not a regular file or directory";
+    }
+}
+
 std::string DescribeSourceProblem(const SourceProblem& problem)
 {
     switch (problem.kind) {
@@ -279,7 +360,9 @@ std::string DescribeSourceProblem(const SourceProblem& problem)
     case SourceProblemKind::kDuplicateName:
         return problem.path + ": another chosen path is also named \"" + problem.name + "\"";
     case SourceProblemKind::kNotFileOrDirectory:
-        return problem.path + ": not a regular file or directory";
+        return problem.path + ": " + DescribeFileType(problem.fileType);
+    case SourceProblemKind::kUnsupportedName:
+        return problem.path + ": the name holds a backslash, which a copy cannot carry";
     case SourceProblemKind::kLinkLoop:
         return problem.path + ": the directory contains itself (symbolic link loop)";
     case SourceProblemKind::kMissing:

@@ -197,7 +197,7 @@ TEST(ServeSendTest, SendToNobodyFailsClearly)
 TEST(ServeSendTest, BadArgumentsAreUsageErrors)
 {
     TempDir scratch;
-    const auto badAddress = RunSend(scratch, "bad-address", {"no-port-here", scratch.Path()});
+    const auto badAddress = RunSend(scratch, "bad-address", {"no-port-here:http", scratch.Path()});
     EXPECT_EQ(badAddress->ExitCode(), toInt(cli::ExitCode::kUsage)) << badAddress->Describe();
 
     ChildProcess missingDest(ToolPath(), {"serve", "--once", scratch / "missing"}, scratch / "serve-missing");

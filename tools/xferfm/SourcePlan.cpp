@@ -29,13 +29,34 @@ std::string asWritten(const host::SourcePlan& plan, size_t rootIndex, const std:
     return root.given + walked.substr(root.path.size());
 }
 
+// Why an entry cannot be copied, for the kinds a copy can go on without.
+std::string reasonOf(const host::SourceProblem& problem)
+{
+    switch (problem.kind) {
+    case host::SourceProblemKind::kBrokenLink:
+        return "broken symbolic link";
+    case host::SourceProblemKind::kVanished:
+        return "it vanished while being listed";
+    case host::SourceProblemKind::kNotFileOrDirectory:
+        return host::DescribeFileType(problem.fileType);
+    case host::SourceProblemKind::kLinkLoop:
+        return "it links back into its own parent directories";
+    case host::SourceProblemKind::kUnsupportedName:
+        return "its name holds a backslash, which the copy cannot carry";
+    case host::SourceProblemKind::kUnreadable:
+    case host::SourceProblemKind::kEmptyPath:
+    case host::SourceProblemKind::kMissing:
+    case host::SourceProblemKind::kNoName:
+    case host::SourceProblemKind::kDuplicateName:
+        break;
+    }
+    return systemErrorText(problem.error);
+}
+
 [[noreturn]] void throwProblem(const host::SourcePlan& plan, const host::SourceProblem& problem)
 {
     const std::string given = problem.root < plan.roots.size() ? plan.roots[problem.root].given : problem.path;
     const std::string path = asWritten(plan, problem.root, problem.path);
-    const auto unreadable = [&path](const std::string& reason) {
-        return ToolError(ExitCode::kSourceUnreadable, "cannot read '" + path + "': " + reason);
-    };
     switch (problem.kind) {
     case host::SourceProblemKind::kEmptyPath:
         throw ToolError(ExitCode::kSourceMissing, "cannot copy '" + given + "': " + systemErrorText(ENOENT));
@@ -47,17 +68,14 @@ std::string asWritten(const host::SourcePlan& plan, size_t rootIndex, const std:
         throw ToolError(ExitCode::kUsage,
                         "cannot copy '" + given + "': another SOURCE is also named '" + problem.name + "'");
     case host::SourceProblemKind::kBrokenLink:
-        throw unreadable("broken symbolic link");
     case host::SourceProblemKind::kVanished:
-        throw unreadable("it vanished while being listed");
     case host::SourceProblemKind::kNotFileOrDirectory:
-        throw unreadable("not a regular file or directory");
     case host::SourceProblemKind::kLinkLoop:
-        throw unreadable("it links back into its own parent directories");
+    case host::SourceProblemKind::kUnsupportedName:
     case host::SourceProblemKind::kUnreadable:
         break;
     }
-    throw unreadable(systemErrorText(problem.error));
+    throw ToolError(ExitCode::kSourceUnreadable, "cannot read '" + path + "': " + reasonOf(problem));
 }
 
 }  // namespace
@@ -67,11 +85,15 @@ std::string topLevelName(const std::string& source)
     return host::TopLevelName(source);
 }
 
-SourcePlan planSources(const std::vector<std::string>& sources)
+SourcePlan planSources(const std::vector<std::string>& sources, Uncopyable uncopyable,
+                       const std::vector<std::string>& excludes)
 {
     host::PlanOptions options;
     options.openEveryFile = true;
     options.pathsAsWritten = true;
+    options.refuseBackslashNames = true;
+    options.skipUncopyable = uncopyable == Uncopyable::kSkip;
+    options.exclude = excludes;
     host::SourcePlan walked;
     host::SourceProblem problem;
     if (!host::PlanSources(sources, walked, problem, options)) {
@@ -89,10 +111,15 @@ SourcePlan planSources(const std::vector<std::string>& sources)
         entry.modified = from.modified;
         plan.entries.push_back(std::move(entry));
     }
-    plan.topLevelNames = std::move(walked.topLevelNames);
+    plan.topLevelNames = walked.topLevelNames;
     plan.totalBytes = walked.totalBytes;
     plan.fileCount = walked.fileCount;
     plan.directoryCount = walked.directoryCount;
+    plan.excluded = walked.excluded;
+    for (const host::SourceProblem& problem : walked.skipped) {
+        plan.skipped.push_back({asWritten(walked, problem.root, problem.path), reasonOf(problem)});
+    }
+    plan.walked = std::move(walked);
     return plan;
 }
 

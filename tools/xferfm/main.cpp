@@ -1,24 +1,45 @@
 // xferfm: copies files and directory trees through two file-transfer
 // engines, joined in-process (`copy`, `demo`) or over TCP (`serve`, `send`).
+#include <sys/stat.h>
+
 #include "AllocatorTuning.h"
 #include "CommandLine.h"
 #include "CommandRunner.h"
 #include "CopyJob.h"
+#include "CopyReport.h"
+#include "DryRun.h"
 #include "DemoCommand.h"
 #include "SchedulingTuning.h"
 #include "SendCommand.h"
 #include "ServeCommand.h"
+
+
+namespace {
+
+// umask can only be read by setting it: done once, before any thread.
+uint32_t readUmask()
+{
+    const mode_t mask = ::umask(022);
+    ::umask(mask);
+    return static_cast<uint32_t>(mask);
+}
+
+}  // namespace
 
 int main(int argc, char** argv)
 {
     using namespace xferfm::cli;
     tuneAllocatorForChunkTraffic();
     preferShortSchedulingSlices();
-    const ParsedCommandLine parsed = parseCommandLine(argc, argv);
+    ParsedCommandLine parsed = parseCommandLine(argc, argv);
+    parsed.copy.umask = readUmask();
     switch (parsed.command) {
     case Command::kCopy:
         return runCommand(parsed.copy.logLevel, [&parsed](ToolContext& context) {
-            return reportCopy(runCopyJob(parsed.copy, context), context.console);
+            if (parsed.copy.dryRun) {
+                return runDryRun(parsed.copy, context);
+            }
+            return reportCopy(runCopyJob(parsed.copy, context), context.console, reportStyleOf(parsed.copy));
         });
     case Command::kDemo:
         return runCommand(parsed.copy.logLevel,

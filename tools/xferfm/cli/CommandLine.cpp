@@ -2,6 +2,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <iostream>
+#include <memory>
+
 #include "ExitCode.h"
 #include "xferfm/host/TcpSocket.h"
 
@@ -24,11 +27,82 @@ CLI::Validator hostPortValidator()
         "");  // the options name their type HOST:PORT already
 }
 
+// HOST[:PORT] for `send`: a HOST alone takes the port `serve` listens on
+// by default, so the two ends meet without either naming it.
+CLI::Validator hostDefaultPortTransform()
+{
+    return CLI::Validator(
+        [](std::string& text) {
+            orin::xfer::host::HostPort address;
+            std::string error;
+            if (orin::xfer::host::ParseHostPort(text, address, error)) {
+                return std::string();
+            }
+            // Only a bare name or address, or a bracketed IPv6 one: "host:"
+            // or "host:http" stay errors.
+            const bool bare = text.find(':') == std::string::npos || (text.front() == '[' && text.back() == ']');
+            const std::string withPort = text + ":" + std::to_string(kDefaultServePort);
+            std::string ignored;
+            if (bare && orin::xfer::host::ParseHostPort(withPort, address, ignored)) {
+                text = withPort;
+                return std::string();
+            }
+            return error;
+        },
+        "");
+}
+
+// The one usage line of each command, shown under a usage error.
+std::string usageLine(const std::string& command)
+{
+    if (command == "copy") {
+        return "xferfm copy [OPTIONS] SOURCE... DEST_DIR";
+    }
+    if (command == "demo") {
+        return "xferfm demo [OPTIONS]";
+    }
+    if (command == "serve") {
+        return "xferfm serve [OPTIONS] DEST_DIR";
+    }
+    if (command == "send") {
+        return "xferfm send [OPTIONS] HOST[:PORT] SOURCE...";
+    }
+    return "xferfm COMMAND [OPTIONS] ARGS...   (COMMAND: copy, demo, serve, send)";
+}
+
+// --help shows the same usage line as a usage error does.
+class UsageLineFormatter : public CLI::Formatter {
+public:
+    std::string make_usage(const CLI::App* app, std::string) const override
+    {
+        return "Usage: " + usageLine(app->get_parent() != nullptr ? app->get_name() : "") + "\n";
+    }
+};
+
+// A usage error as a terminal user expects it: the program (and command)
+// that complains, what is wrong, the usage line and where help is.
+void printUsageError(const CLI::App& app, const CLI::Error& error)
+{
+    std::string command;
+    for (const CLI::App* sub : app.get_subcommands()) {
+        command = sub->get_name();
+    }
+    const std::string program = command.empty() ? "xferfm" : "xferfm " + command;
+    std::string what = error.what();
+    if (command == "copy" && (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr ||
+                              dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr)) {
+        what = "needs at least one SOURCE and a DEST_DIR";
+    }
+    std::cerr << program << ": " << what << "\n"
+              << "Usage: " << usageLine(command) << "\n"
+              << "Run '" << program << " --help' for every option.\n";
+}
+
 void addLogLevelOption(CLI::App& command, CommonOptions& options)
 {
     command.add_option("--log-level", options.logLevel,
-                       "Engine log lines at this level and above go to stderr "
-                       "(0 verbose .. 5 fatal, 6 silences them)")
+                       "Show engine log lines at this level and above on stderr "
+                       "(0 verbose .. 5 fatal; 6, the default, shows none)")
         ->check(CLI::Range(0, 6))
         ->capture_default_str();
 }
@@ -63,6 +137,31 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
                 "on DEST_DIR's file system first and is moved into place only when complete; a name "
                 "that already exists gets a \"name(1).ext\" name instead of being overwritten.");
     addTransferOptions(*copy, options, "Compare the SHA-256 of every source file with its copy afterwards");
+    copy->add_flag("-p,--preserve-perms", options.preservePermissions,
+                   "Keep the exact permission bits of the sources (default: under the umask, as cp does)");
+    copy->add_flag("--resume", options.resume,
+                   "Continue an interrupted copy into the same DEST_DIR: its top-level entries keep the names the "
+                   "interrupted run gave them, files already there with the source's size and modification time "
+                   "are kept, only the rest is copied");
+    copy->add_flag("-n,--dry-run", options.dryRun,
+                   "Print what would be copied and skipped, and where each top-level entry would land "
+                   "(renames included); write nothing");
+    copy->add_option("--exclude", options.excludes,
+                     "Leave out entries matching this shell glob, and what they hold (repeatable): a PATTERN "
+                     "with a \"/\" is matched against the path relative to DEST_DIR (\"tree/sub/*.o\"), "
+                     "one without against each name")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false);
+    copy->add_flag("-q,--quiet", options.quiet, "Print nothing on stdout and no progress; errors still go to stderr");
+    copy->add_flag("-v,--verbose", options.verbose, "Print one line per file copied (or, with --dry-run, to copy)");
+    copy->add_flag("--json", options.json,
+                   "Write one JSON summary on stdout instead of the usual lines: files, directories, bytes, "
+                   "seconds, skipped entries with reasons, excluded count, renames, where each top-level entry "
+                   "landed, the --verify result and the exit code");
+    copy->add_flag("--strict", options.strict,
+                   "Copy nothing when any entry cannot be copied (a device, FIFO or socket, a broken link, an "
+                   "unreadable entry, a name holding a backslash); by default each is named and skipped, the rest "
+                   "is copied and the exit code is 11");
     copy->add_option("paths", paths, "SOURCE... DEST_DIR")
         ->required()
         ->expected(2, CLI::detail::expected_max_vector_size)
@@ -111,9 +210,11 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
         "send", "Send SOURCE files and directories to an `xferfm serve` at HOST:PORT, which pastes them into its "
                 "DEST_DIR.");
     addTransferOptions(*send, options, "Have the receiver compare the SHA-256 of every copy with its source's");
-    send->add_option("HOST:PORT", options.address, "Address of the receiving `xferfm serve`")
+    send->add_option("HOST:PORT", options.address,
+                     "Address of the receiving `xferfm serve`; the port defaults to " +
+                         std::to_string(kDefaultServePort) + ", serve's default")
         ->required()
-        ->check(hostPortValidator());
+        ->transform(hostDefaultPortTransform());
     send->add_option("SOURCE", options.sources, "Files and directories to send")->required();
     send->footer(std::string("An entry whose name the receiver refuses is not sent (a line on stderr names it and "
                              "the rule); the rest is, and the exit code is 7.\n\n") +
@@ -132,6 +233,7 @@ ParsedCommandLine parseCommandLine(int argc, char** argv)
     app.set_version_flag("--version", std::string("xferfm ") + XFERFM_VERSION);
     app.footer(exitCodeHelp());  // `copy` and `demo` inherit it
     app.require_subcommand(1);
+    app.formatter(std::make_shared<UsageLineFormatter>());  // before the commands: they inherit it
 
     std::vector<std::string> copyPaths;
     const CLI::App* copy = addCopyCommand(app, parsed.copy, copyPaths);
@@ -142,8 +244,12 @@ ParsedCommandLine parseCommandLine(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        const int code = app.exit(error);
-        parsed.exitCode = code == 0 ? 0 : toInt(ExitCode::kUsage);
+        if (error.get_exit_code() == 0) {  // --help, --version
+            parsed.exitCode = app.exit(error);
+            return parsed;
+        }
+        printUsageError(app, error);
+        parsed.exitCode = toInt(ExitCode::kUsage);
         return parsed;
     }
 

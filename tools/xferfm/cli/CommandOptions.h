@@ -18,7 +18,9 @@ constexpr uint16_t kDefaultServePort = 47047;
 
 // Taken by every command.
 struct CommonOptions {
-    int logLevel = 3;  // engine lines at this level and above go to stderr
+    // Engine lines at this level and above go to stderr; by default none
+    // do: the tool reports every failure in its own words.
+    int logLevel = 6;
 };
 
 // Taken by every command that moves files out of SOURCE paths (`copy`, `send`).
@@ -29,10 +31,27 @@ struct TransferOptions : CommonOptions {
     bool showProgress = true;
 };
 
+// How the receiving side lands what arrives (`copy`; `serve` later).
+struct LandingOptions {
+    // Modes exactly as the source's; otherwise under the umask, as `cp`
+    // without -p does.
+    bool preservePermissions = false;
+    // Refuse the whole copy at the first entry that cannot be copied,
+    // instead of skipping each such entry.
+    bool strict = false;
+    uint32_t umask = 022;  // the process's, read by main before any thread starts
+};
+
 // `copy` and `demo` (the demo fills sources and destination itself).
-struct CopyOptions : TransferOptions {
+struct CopyOptions : TransferOptions, LandingOptions {
     std::vector<std::string> sources;
     std::string destinationDir;
+    std::vector<std::string> excludes;  // globs of entries to leave out
+    bool dryRun = false;                // say what would be copied, write nothing
+    bool resume = false;                // continue an interrupted copy into the same DEST_DIR
+    bool quiet = false;                 // nothing on stdout, no progress
+    bool verbose = false;               // one line per file
+    bool json = false;                  // one JSON summary on stdout instead of the human lines
 };
 
 struct ServeOptions : CommonOptions {

@@ -1,36 +1,48 @@
 // Process exit codes of the xferfm tool, one per kind of failure, so that
-// scripts can tell a bad source from a bad destination without parsing text.
+// scripts can tell a bad source from a bad destination, a lost link from a
+// busy peer, without parsing text.
 #pragma once
 
 namespace xferfm::cli {
 
 enum class ExitCode : int {
     kOk = 0,
-    kTransferFailed = 1,        // the engine reported a failed transfer
+    kTransferFailed = 1,        // the engine failed for none of the reasons below
     kUsage = 2,                 // bad command line
     kSourceMissing = 3,         // a SOURCE does not exist
     kSourceUnreadable = 4,      // a source entry cannot be read (or vanished mid-copy)
-    kDestinationUnusable = 5,   // DEST_DIR missing, not a directory or not writable
+    kDestinationUnusable = 5,   // DEST_DIR missing, not a directory, not writable, or a write into it failed
     kVerifyMismatch = 6,        // --verify found a destination that differs from its source
     kNamesRefused = 7,          // serve/send: the receiver refused some names; every other entry arrived
+    kLinkFailed = 8,            // serve/send: the connection could not be made or was lost
+    kPeerBusy = 9,              // send: the receiver is serving another sender
+    kCancelledByPeer = 10,      // the other end cancelled the copy
+    kEntriesSkipped = 11,       // some source entries cannot be copied and were skipped; the rest arrived
     kInterrupted = 130,         // SIGINT or SIGTERM
 };
 
 inline int toInt(ExitCode code) { return static_cast<int>(code); }
 
-// The table printed at the end of --help.
+// The table printed at the end of --help (and in the README and man page).
 inline const char* exitCodeHelp()
 {
     return "Exit codes:\n"
            "  0    every file arrived intact\n"
-           "  1    a transfer failed inside the engine\n"
+           "  1    a transfer failed inside the engine (for none of the reasons below)\n"
            "  2    bad command line\n"
            "  3    a SOURCE does not exist\n"
            "  4    a source file or directory cannot be read, or vanished during the copy\n"
-           "  5    DEST_DIR is missing, not a directory or not writable\n"
+           "  5    DEST_DIR is missing, not a directory or not writable, or writing into it failed\n"
+           "       (the system's reason is named, e.g. \"No space left on device\")\n"
            "  6    --verify found a file whose copy differs from its source\n"
            "  7    serve/send: the receiver refused some names (named on stderr); every other entry arrived\n"
-           "  130  interrupted (Ctrl-C or SIGTERM); nothing partial is left in DEST_DIR\n";
+           "  8    serve/send: the connection could not be made, or was lost\n"
+           "  9    send: the receiver is busy with another sender\n"
+           "  10   the other end cancelled the copy\n"
+           "  11   some source entries cannot be copied (named on stderr with the reason) and were\n"
+           "       skipped; every other entry arrived\n"
+           "  130  interrupted (Ctrl-C or SIGTERM); files already complete stay in DEST_DIR,\n"
+           "       the file in flight is removed\n";
 }
 
 }  // namespace xferfm::cli

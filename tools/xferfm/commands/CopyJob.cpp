@@ -5,11 +5,12 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
+#include <functional>
 #include <iostream>
 #include <mutex>
-#include <thread>
 
+#include "CopyReport.h"
+#include "ResumePlan.h"
 #include "DestinationDir.h"
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
@@ -35,17 +36,38 @@ struct Failure {
 // entry landed, and the first failure.
 class ReceiverReport final : public host::ReceiverObserver {
 public:
-    explicit ReceiverReport(ProgressTracker& tracker) : mTracker(tracker) {}
-
-    void OnFileStarted(const std::string& name, uint64_t) override { mTracker.fileStarted(name); }
-    void OnProgress(const std::string&, uint64_t, uint64_t, uint64_t totalBytesDone, uint64_t) override
+    // `fileLine`, when set, hears "copied SOURCE -> FINAL" per file (-v).
+    ReceiverReport(ProgressTracker& tracker, std::function<void(const std::string&)> fileLine)
+        : mTracker(tracker), mFileLine(std::move(fileLine))
     {
+    }
+
+    // The receiver asks for the next file before the current one is
+    // written, so OnFileStarted runs ahead of the data: the file being
+    // written is the one progress is reported for. Callbacks never overlap,
+    // so mWriting needs no lock.
+    void OnFileStarted(const std::string& name, uint64_t) override
+    {
+        if (mWriting.empty()) {
+            mWriting = name;
+            mTracker.fileStarted(name);
+        }
+    }
+    void OnProgress(const std::string& name, uint64_t, uint64_t, uint64_t totalBytesDone, uint64_t) override
+    {
+        if (name != mWriting) {
+            mWriting = name;
+            mTracker.fileStarted(name);
+        }
         mTracker.setBytesDone(totalBytesDone);
     }
     void OnFileCompleted(const std::string& name, const std::string& finalPath) override
     {
         mTracker.fileCompleted();
         record(name, finalPath);
+        if (mFileLine) {
+            mFileLine(name + " -> " + finalPath);
+        }
     }
     void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
     {
@@ -78,6 +100,8 @@ private:
     }
 
     ProgressTracker& mTracker;
+    const std::function<void(const std::string&)> mFileLine;
+    std::string mWriting;  // the file the last progress was for
     mutable std::mutex mMutex;
     std::map<std::string, std::string> mFinalPaths;
     std::optional<Failure> mFailure;
@@ -139,10 +163,33 @@ std::optional<std::string> firstSourceNowUnreadable(const SourcePlan& plan)
     if (failure && !failure->path.empty() && message.find(failure->path) == std::string::npos) {
         message = "'" + failure->path + "': " + message;
     }
-    throw ToolError(ExitCode::kTransferFailed, "copy failed: " + (message.empty() ? "unknown error" : message));
+    // A failure at a path inside DEST_DIR is the receiver failing to write
+    // there (a full disk, a quota, an I/O error): the destination's fault.
+    const bool atDestination = failure && failure->path.compare(0, destinationDir.size() + 1, destinationDir + "/") == 0;
+    throw ToolError(atDestination ? ExitCode::kDestinationUnusable : ExitCode::kTransferFailed,
+                    "copy failed: " + (message.empty() ? "unknown error" : message));
 }
 
 std::string lastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
+// What an interrupted copy leaves behind, said exactly: complete files stay,
+// the one being written goes with the cache; and how to go on.
+std::string interruptedMessage(const CopyOutcome& outcome, const host::TransferSummary& summary,
+                               const std::map<std::string, std::string>& landed)
+{
+    std::string where;
+    for (const auto& [name, finalName] : landed) {
+        where += (where.empty() ? " (as '" : ", '") + finalName + "'";
+    }
+    if (!where.empty()) {
+        where += ")";
+    }
+    return "interrupted: " + std::to_string(summary.filesDone + outcome.alreadyComplete) + " of " +
+           std::to_string(outcome.plan.fileCount + outcome.alreadyComplete) + " files are complete and stay in " +
+           outcome.destinationDir + where +
+           "; the file being written when the copy stopped was removed. To copy the rest, run the same command "
+           "again with --resume";
+}
 
 }  // namespace
 
@@ -158,9 +205,33 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     outcome.destinationDir =
         usableDestinationDir(options.destinationDir, DestinationNeed::kDirectory, "cannot copy into");
 
+    // The sources are walked once, before anything is written: every entry
+    // that cannot be copied is found and named now, and the sender offers
+    // what is left (less, resuming, what is complete already).
+    outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip,
+                               options.excludes);
+    reportSkipped(outcome.plan.skipped, console);
+    std::map<std::string, std::string> resumeNames;
+    if (options.resume) {
+        resumeNames = chooseResumeNames(outcome.plan, outcome.destinationDir);
+        outcome.alreadyComplete = leaveOutCompleteFiles(outcome.plan, outcome.destinationDir, resumeNames);
+    }
+    if (outcome.plan.entries.empty()) {
+        if (options.resume) {
+            removeResumeNote(outcome.destinationDir);
+        }
+        return outcome;  // nothing left to copy
+    }
+
     ProgressTracker tracker;
-    ProgressRenderer renderer(tracker, console, chooseProgressStyle(options.showProgress, console));
-    ReceiverReport receiverReport(tracker);
+    ProgressRenderer renderer(tracker, console, chooseProgressStyle(options.showProgress && !options.quiet, console));
+    std::function<void(const std::string&)> fileLine;
+    if (options.verbose && options.json) {
+        fileLine = [&console](const std::string& line) { console.writeLine(line); };  // stdout holds the JSON
+    } else if (options.verbose && !options.quiet) {
+        fileLine = [](const std::string& line) { std::cout << line << '\n'; };
+    }
+    ReceiverReport receiverReport(tracker, std::move(fileLine));
     SenderReport senderReport;
 
     host::SenderOptions senderOptions;
@@ -170,6 +241,8 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     senderOptions.observer = &senderReport;
     host::ReceiverOptions receiverOptions;
     receiverOptions.destinationDir = outcome.destinationDir;
+    receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
+    receiverOptions.resumeNames = resumeNames;
     receiverOptions.observer = &receiverReport;
 
     const auto started = Clock::now();
@@ -183,21 +256,8 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         host::SenderEndpoint sender(std::move(link.first), senderOptions);
         host::ReceiverEndpoint receiver(std::move(link.second), receiverOptions);
 
-        // The sender lists and describes the sources while the tool walks
-        // them for its own checks: both only read. Nothing is written (the
-        // receiver has not started) until the walk has found no problem,
-        // and its errors come first.
         std::string offerError;
-        bool offered = false;
-        std::thread offering([&] { offered = sender.Offer(options.sources, offerError); });
-        try {
-            outcome.plan = planSources(options.sources);
-        } catch (...) {
-            offering.join();
-            engineLog.silence();
-            throw;
-        }
-        offering.join();
+        const bool offered = sender.Offer(outcome.plan.walked, offerError);
         if (signals.interrupted()) {
             engineLog.silence();
             throw ToolError(ExitCode::kInterrupted, "interrupted before anything was copied");
@@ -251,19 +311,33 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     outcome.seconds = std::chrono::duration<double>(Clock::now() - started).count();
 
     if (signals.interrupted()) {
-        throw ToolError(ExitCode::kInterrupted, "interrupted; the partial copy was removed");
+        // What landed, under which top-level names: a --resume rerun
+        // continues there.
+        std::map<std::string, std::string> landed = readResumeNote(outcome.destinationDir);
+        const std::map<std::string, std::string> finalPaths = receiverReport.finalPaths();
+        for (const std::string& name : outcome.plan.topLevelNames) {
+            const auto found = finalPaths.find(name);
+            if (found != finalPaths.end()) {
+                landed[name] = lastComponent(found->second);
+            }
+        }
+        if (!landed.empty()) {
+            writeResumeNote(outcome.destinationDir, landed);
+        }
+        throw ToolError(ExitCode::kInterrupted, interruptedMessage(outcome, summary, landed));
     }
     if (!summary.completed) {
         throwFailure(outcome.plan, outcome.destinationDir,
                      receiverReport.failure() ? receiverReport.failure() : senderReport.failure(), summary.error);
     }
 
+    removeResumeNote(outcome.destinationDir);  // whatever it noted is complete now
     outcome.finalPaths = receiverReport.finalPaths();
     outcome.filesCopied = summary.filesDone;
     outcome.bytesCopied = summary.bytesDone;
     for (const std::string& name : outcome.plan.topLevelNames) {
         const auto found = outcome.finalPaths.find(name);
-        if (found != outcome.finalPaths.end() && lastComponent(found->second) != name) {
+        if (found != outcome.finalPaths.end() && lastComponent(found->second) != name && !resumeNames.count(name)) {
             outcome.renamed.push_back({name, lastComponent(found->second)});
         }
     }
@@ -276,42 +350,6 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
         }
     }
     return outcome;
-}
-
-std::string summaryLine(const CopyOutcome& outcome)
-{
-    const double mebibytes = static_cast<double>(outcome.bytesCopied) / (1024.0 * 1024.0);
-    const double rate = outcome.seconds > 0.0 ? mebibytes / outcome.seconds : 0.0;
-    char text[200];
-    std::snprintf(text, sizeof text, "copied %llu files (%llu bytes) in %.2f s, %.1f MiB/s",
-                  static_cast<unsigned long long>(outcome.filesCopied),
-                  static_cast<unsigned long long>(outcome.bytesCopied), outcome.seconds, rate);
-    return text;
-}
-
-int reportCopy(const CopyOutcome& outcome, StderrConsole& console)
-{
-    for (const RenamedEntry& entry : outcome.renamed) {
-        std::cout << "'" << entry.name << "' already existed in " << outcome.destinationDir << ": copied as '"
-                  << entry.finalName << "'\n";
-    }
-    int exitCode = toInt(ExitCode::kOk);
-    if (outcome.verification) {
-        const VerifyResult& result = *outcome.verification;
-        for (const VerifyProblem& problem : result.problems) {
-            console.writeLine("xferfm: verify: '" + problem.sourcePath + "' and '" + problem.destinationPath +
-                              "' do not match: " + problem.what);
-        }
-        if (result.problems.empty()) {
-            std::cout << "verified " << result.filesCompared << " files: SHA-256 of every copy matches its source\n";
-        } else {
-            std::cout << "verify failed: " << result.problems.size() << " of " << outcome.plan.entries.size()
-                      << " entries do not match their source\n";
-            exitCode = toInt(ExitCode::kVerifyMismatch);
-        }
-    }
-    std::cout << summaryLine(outcome) << std::endl;
-    return exitCode;
 }
 
 }  // namespace xferfm::cli

@@ -37,6 +37,7 @@ struct CopyOutcome {
     std::vector<RenamedEntry> renamed;
     uint64_t filesCopied = 0;
     uint64_t bytesCopied = 0;
+    uint64_t alreadyComplete = 0;  // --resume: files found complete and not sent again
     double seconds = 0.0;  // the transfer alone, verification not included
     std::optional<VerifyResult> verification;
 };
@@ -46,12 +47,5 @@ struct CopyOutcome {
 // stopped and the cache is gone. A --verify mismatch is not thrown: it is
 // in `verification` for the caller to report.
 CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context);
-
-// "copied N files (B bytes) in T s, R MiB/s"
-std::string summaryLine(const CopyOutcome& outcome);
-
-// Prints renames and --verify results, then the summary line, on stdout;
-// mismatches go to stderr naming both paths. Returns the exit code.
-int reportCopy(const CopyOutcome& outcome, StderrConsole& console);
 
 }  // namespace xferfm::cli

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "CopyJob.h"
+#include "CopyReport.h"
 #include "DemoTree.h"
 #include "TreeRemoval.h"
 

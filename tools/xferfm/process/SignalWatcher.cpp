@@ -72,7 +72,7 @@ void SignalWatcher::run()
         const int count = ++mSignalCount;
         std::lock_guard<std::mutex> lock(mHookMutex);
         if (count == 1) {
-            say("\nxferfm: interrupted, stopping and removing the partial copy (press Ctrl-C again to quit at once)\n");
+            say("\nxferfm: interrupted, stopping; complete files are kept, the one being written is removed (press Ctrl-C again to quit at once)\n");
             if (mCancelHook) {
                 mCancelHook();
             }

@@ -38,6 +38,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -53,6 +54,16 @@ struct ReceiverOptions {
     // A sender silent this long during a transfer fails the session.
     std::chrono::milliseconds stallTimeout{45000};
     FileListLimits listLimits;
+    // Bits cleared from every listed mode before it is applied: pass the
+    // process umask (read once, before threads start) to land files the way
+    // `cp` without -p does; 0 keeps the sender's modes exact.
+    uint32_t permissionMask = 0;
+    // Continuing an earlier, interrupted copy: top-level request name ->
+    // the name it already has in destinationDir. Such an entry is not given
+    // a new name: its directory (and those below it) are entered when they
+    // exist, and a file that exists under it is replaced. Leave out what is
+    // complete already: the receiver copies every entry it is sent.
+    std::map<std::string, std::string> resumeNames;
     ReceiverObserver* observer = nullptr;  // not owned; may be null
 };
 

@@ -6,7 +6,12 @@
 // may show its totals, hash its files or compare a copy against it.
 //
 // Usage: PlanSources(paths, plan, problem); on false `problem` says what
-// stops the copy and `plan` holds nothing of use.
+// stops the copy and `plan` holds nothing of use. With
+// PlanOptions::skipUncopyable the entries that cannot be copied (special
+// files, broken links, unreadable entries, names a copy cannot carry) are
+// all found, left out and listed in `plan.skipped`, and the walk goes on;
+// only a problem with the request itself (a missing or unnamed path, two
+// paths with the same name) still stops it.
 //
 // THREADING CONTRACT: PlanSources reads the filesystem on the calling
 // thread and blocks for as long as the walk takes; it keeps no state, so
@@ -38,6 +43,8 @@ struct SourceEntry {
     timespec modified{};
 };
 
+struct SourceProblem;
+
 struct SourcePlan {
     std::vector<SourceRoot> roots;           // one per chosen path, in order
     std::vector<SourceEntry> entries;        // each directory before what it holds, names sorted
@@ -45,6 +52,10 @@ struct SourcePlan {
     uint64_t totalBytes = 0;                 // of the files
     uint64_t fileCount = 0;
     uint64_t directoryCount = 0;
+    // With PlanOptions::skipUncopyable: what was left out, in walk order (a
+    // skipped directory is one entry; nothing below it is listed).
+    std::vector<SourceProblem> skipped;
+    uint64_t excluded = 0;  // entries left out by PlanOptions::exclude (a directory counts once)
 };
 
 enum class SourceProblemKind {
@@ -57,6 +68,7 @@ enum class SourceProblemKind {
     kNotFileOrDirectory,  // a device, FIFO or socket
     kLinkLoop,            // a directory reached again through a link inside itself
     kDuplicateName,       // two chosen paths would be copied under the same name
+    kUnsupportedName,     // a name holding a backslash, which the engine reads as a separator
 };
 
 struct SourceProblem {
@@ -67,6 +79,7 @@ struct SourceProblem {
     // far), and the name shared with an earlier one (kDuplicateName).
     size_t root = 0;
     std::string name;
+    uint32_t fileType = 0;  // kNotFileOrDirectory: the st_mode type bits (S_IFIFO, S_IFSOCK, ...)
 };
 
 struct PlanOptions {
@@ -76,6 +89,18 @@ struct PlanOptions {
     // Look a chosen path up as written: "file/" is then not a directory
     // (kUnreadable). Otherwise it is looked up by its parent and name.
     bool pathsAsWritten = false;
+    // Refuse names holding a backslash (kUnsupportedName): the engine would
+    // take it for a path separator and fail in the middle of the copy.
+    bool refuseBackslashNames = false;
+    // Leave out what cannot be copied (kBrokenLink, kVanished, kUnreadable,
+    // kNotFileOrDirectory, kLinkLoop, kUnsupportedName) and list it in
+    // SourcePlan::skipped instead of stopping.
+    bool skipUncopyable = false;
+    // Shell globs (fnmatch) of entries to leave out, with what they hold:
+    // a pattern holding "/" is matched against the relative path
+    // ("top/sub/name", "*" not crossing a "/"), one without against each
+    // entry's name at any depth.
+    std::vector<std::string> exclude;
 };
 
 // Walks `paths` in order. False with `problem` at the first thing that
@@ -88,6 +113,10 @@ bool PlanSources(const std::vector<std::string>& paths, SourcePlan& plan, Source
 // as they are when it cannot be resolved). Empty for the root directory
 // and an empty path.
 std::string TopLevelName(const std::string& path);
+
+// What a kNotFileOrDirectory entry is, in words: "a FIFO (named pipe), not
+// a regular file or directory", "a socket, ...".
+std::string DescribeFileType(uint32_t fileType);
 
 // "path: reason", the way the sender endpoint reports a problem.
 std::string DescribeSourceProblem(const SourceProblem& problem);
