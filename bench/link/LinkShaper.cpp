@@ -154,7 +154,6 @@ LinkShaper::~LinkShaper() = default;
 
 void LinkShaper::AcceptAll()
 {
-    static int nextId = 1;
     for (;;) {
         UniqueFd client(::accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!client.Valid()) {
@@ -168,7 +167,7 @@ void LinkShaper::AcceptAll()
         }
         SetNoDelay(client.Get());
         auto connection =
-            std::make_unique<ShapedConnection>(std::move(client), std::move(server), profile_, accepted, nextId++);
+            std::make_unique<ShapedConnection>(std::move(client), std::move(server), profile_, accepted, nextId_++);
         connections_.push_back(std::move(connection));
         UpdateInterest(*connections_.back());
     }

@@ -53,6 +53,7 @@ private:
     UniqueFd epoll_;
     UniqueFd timer_;
     uint16_t port_ = 0;
+    int nextId_ = 1;  // names connections in the log
     std::list<std::unique_ptr<ShapedConnection>> connections_;
 };
 

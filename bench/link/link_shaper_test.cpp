@@ -227,6 +227,48 @@ TEST(LinkShaper, AStreamMovesAtTheFastProfilesLineRate)
     ExpectLineRate("800", 32 << 20);
 }
 
+// Echoes a stream back while it arrives: both directions carry `bytes` at
+// once, and each must get the whole line rate.
+TEST(LinkShaper, EachDirectionHasItsOwnLine)
+{
+    uint16_t serverPort = 0;
+    UniqueFd listener = ListenOnLoopback(serverPort);
+    std::thread echo([&] {
+        UniqueFd peer(::accept(listener.Get(), nullptr, nullptr));
+        std::vector<char> buffer(kChunk);
+        ssize_t got = 0;
+        while ((got = ::read(peer.Get(), buffer.data(), buffer.size())) > 0 &&
+               WriteAll(peer.Get(), buffer.data(), static_cast<size_t>(got))) {
+        }
+        ::shutdown(peer.Get(), SHUT_WR);
+    });
+    ShaperProcess shaper(serverPort, "0", "100");
+    UniqueFd client = ConnectTo(shaper.Port());
+    const size_t bytes = 4 << 20;
+    const auto start = Clock::now();
+    std::thread writer([&] {
+        for (size_t sent = 0; sent < bytes;) {
+            const size_t take = std::min(kChunk, bytes - sent);
+            EXPECT_TRUE(WriteAll(client.Get(), Pattern().data() + sent % kPeriod, take));
+            sent += take;
+        }
+        ::shutdown(client.Get(), SHUT_WR);
+    });
+    std::vector<char> buffer(kChunk);
+    size_t received = 0;
+    ssize_t got = 0;
+    while ((got = ::read(client.Get(), buffer.data(), buffer.size())) > 0) {
+        received += static_cast<size_t>(got);
+    }
+    const double seconds = SecondsSince(start);
+    writer.join();
+    echo.join();
+    EXPECT_EQ(received, bytes);
+    const double lineSeconds = bytes * 8 / 100e6;
+    std::printf("4 MiB each way at 100 Mbit/s: %.3f s (one line's time %.3f s)\n", seconds, lineSeconds);
+    EXPECT_LE(seconds, lineSeconds * 1.30);  // a shared line would take twice as long
+}
+
 // The figure docs/performance.md quotes for the shaper's own cost: with no
 // delay and no cap it must move far more than the fastest profile's 800 Mbit/s.
 TEST(LinkShaper, UnshapedItIsFarFasterThanTheFastestProfile)
