@@ -21,6 +21,7 @@ HERE=$REPO/bench
 . "$HERE/lib/common.sh"
 . "$HERE/lib/workloads.sh"
 . "$HERE/lib/summary.sh"
+. "$HERE/lib/sections.sh"
 . "$HERE/lib/report.sh"
 
 COMMAND_LINE="${BENCH_ENTRY:-bench/compare.sh}${*:+ $*}"

@@ -1,7 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, only when some
 # are missing (so a prepared machine pays nothing).
+#   scripts/install-deps.sh          the build and the tests
+#   scripts/install-deps.sh --bench  only what scripts/bench-link.sh runs
+#                                    beside xferfm (the tests never need it)
 set -euo pipefail
+
+bench_packages=(
+  rsync socat # the link benchmark's rivals and stream
+  time        # /usr/bin/time -v, peak RSS of each side
+)
 
 packages=(
   cmake g++ make pkg-config
@@ -13,6 +21,10 @@ packages=(
   e2fsprogs                 # chattr, for the unremovable-file tests
   man-db groff-base         # man -l, for the manual page test
 )
+
+if [ "${1:-}" = --bench ]; then
+  packages=("${bench_packages[@]}")
+fi
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,9 +1,10 @@
-# Shared helpers of compare.sh: messages, statistics, free space, the
-# disposal of old destinations, and the timed runs themselves.
-# Sourced, not run. Expects: RESULTS (TSV file), SCRATCH (per-run temp dir).
+# Shared helpers of compare.sh and link-compare.sh: messages, statistics,
+# free space, the disposal of old destinations, and the timed local runs.
+# Sourced, not run. Expects: RESULTS (TSV file), SCRATCH (per-run temp dir);
+# SCRIPT_NAME names the script in error messages.
 
 say() { printf '%s\n' "$*" >&2; }
-die() { say "compare.sh: $*"; exit 1; }
+die() { say "${SCRIPT_NAME:-compare.sh}: $*"; exit 1; }
 
 NOTES=()
 note() { NOTES+=("$*"); say "note: $*"; }
@@ -93,6 +94,10 @@ timed_run() {
       ;;
     cp)
       /usr/bin/time -v -o "$t1" cp -r "$src" "$dest/" 2>"$err"
+      status=$?
+      ;;
+    rsync)
+      /usr/bin/time -v -o "$t1" rsync -a "$src" "$dest/" 2>"$err"
       status=$?
       ;;
     tar)

@@ -1,6 +1,6 @@
 # Prints the results of compare.sh and writes performance.md,
 # performance.png and scaling.png into OUT_DIR. Sourced, not run.
-# Needs summary.sh.
+# Needs summary.sh and sections.sh.
 
 machine_lines() {
   local disk_dir=$1 source fstype device model
@@ -83,7 +83,9 @@ print_scaling() {
 }
 
 write_markdown() {
-  local summary=$1 out=$OUT_DIR/performance.md
+  local summary=$1 out=$OUT_DIR/performance.md kept
+  # The link benchmark's section is that script's: carried over as it was.
+  kept=$(section_of "$out" "link benchmark")
   {
     echo "# Performance"
     echo
@@ -156,6 +158,10 @@ write_markdown() {
       echo "## Notes"
       echo
       printf -- '- %s\n' "${NOTES[@]}"
+    fi
+    if [ -n "$kept" ]; then
+      echo
+      echo "$kept"
     fi
   } >"$out"
   say "wrote $out"

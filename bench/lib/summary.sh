@@ -20,9 +20,9 @@ bytes_of() { awk -F'\t' -v s="$1" -v w="$2" -v l="$3" '$1 == s && $2 == w && $3 
 mib_per_s() { awk -v b="$1" -v s="$2" 'BEGIN { if (s > 0) printf "%.1f", b / 1048576 / s; else print "nan" }'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "nan" }'; }
 mib() { awk -v k="$1" 'BEGIN { printf "%.1f", k / 1024 }'; }
-# verdict VALUE OP LIMIT, OP one of <= and <: "met" or "NOT met".
+# verdict VALUE OP LIMIT, OP one of <=, < and >=: "met" or "NOT met".
 verdict() {
-  if awk -v v="$1" -v op="$2" -v l="$3" 'BEGIN { if (v !~ /^[0-9.]+$/) exit 1; v += 0; l += 0; exit !(op == "<=" ? v <= l : v < l) }'; then
+  if awk -v v="$1" -v op="$2" -v l="$3" 'BEGIN { if (v !~ /^[0-9.]+$/) exit 1; v += 0; l += 0; exit !(op == "<=" ? v <= l : op == ">=" ? v >= l : v < l) }'; then
     echo met
   else
     echo "NOT met"
