@@ -6,10 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <vector>
 
-#include "SystemErrorText.h"
+#include "xferfm/host/SystemErrorText.h"
 
 namespace orin::xfer::host::detail {
 
@@ -73,16 +72,6 @@ int ClaimName(const std::string& parent, const std::string& name, bool isDirecto
         }
     }
     return EEXIST;
-}
-
-bool RemoveTree(const std::string& path)
-{
-    if (path.empty()) {
-        return true;
-    }
-    std::error_code error;
-    std::filesystem::remove_all(path, error);
-    return !error;
 }
 
 }  // namespace orin::xfer::host::detail

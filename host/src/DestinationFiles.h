@@ -33,7 +33,4 @@ using Creator = std::function<int(const std::string& path)>;
 int ClaimName(const std::string& parent, const std::string& name, bool isDirectory, const NameProposer& propose,
               const Creator& create, std::string& finalPath);
 
-// Removes a tree without following symbolic links; true when nothing is left.
-bool RemoveTree(const std::string& path);
-
 }  // namespace orin::xfer::host::detail

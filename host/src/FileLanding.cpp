@@ -11,7 +11,8 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "SystemErrorText.h"
+#include "xferfm/host/SystemErrorText.h"
+#include "xferfm/host/TreeRemoval.h"
 
 namespace orin::xfer::host::detail {
 

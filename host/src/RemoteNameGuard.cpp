@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "SystemErrorText.h"
+#include "xferfm/host/SystemErrorText.h"
 
 namespace orin::xfer::host {
 namespace {

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "SystemErrorText.h"
+#include "xferfm/host/SystemErrorText.h"
 
 namespace orin::xfer::host {
 namespace {

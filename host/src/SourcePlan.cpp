@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "UploadList.h"
-#include "SystemErrorText.h"
+#include "xferfm/host/SystemErrorText.h"
 
 namespace orin::xfer::host {
 

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-#include "SystemErrorText.h"
+#include "xferfm/host/SystemErrorText.h"
 
 namespace orin::xfer::host {
 namespace {

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "SystemErrorText.h"
+#include "xferfm/host/SystemErrorText.h"
 #include "WakeEvent.h"
 
 namespace orin::xfer::host {

@@ -44,7 +44,7 @@
 #include <utility>
 
 #include "HostLog.h"
-#include "SystemErrorText.h"
+#include "xferfm/host/SystemErrorText.h"
 
 namespace orin::xfer::host::detail {
 

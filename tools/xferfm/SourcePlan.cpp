@@ -50,7 +50,7 @@ std::string reasonOf(const host::SourceProblem& problem)
     case host::SourceProblemKind::kDuplicateName:
         break;
     }
-    return systemErrorText(problem.error);
+    return SystemErrorText(problem.error);
 }
 
 [[noreturn]] void throwProblem(const host::SourcePlan& plan, const host::SourceProblem& problem)
@@ -59,9 +59,9 @@ std::string reasonOf(const host::SourceProblem& problem)
     const std::string path = asWritten(plan, problem.root, problem.path);
     switch (problem.kind) {
     case host::SourceProblemKind::kEmptyPath:
-        throw ToolError(ExitCode::kSourceMissing, "cannot copy '" + given + "': " + systemErrorText(ENOENT));
+        throw ToolError(ExitCode::kSourceMissing, "cannot copy '" + given + "': " + SystemErrorText(ENOENT));
     case host::SourceProblemKind::kMissing:
-        throw ToolError(ExitCode::kSourceMissing, "cannot copy '" + path + "': " + systemErrorText(problem.error));
+        throw ToolError(ExitCode::kSourceMissing, "cannot copy '" + path + "': " + SystemErrorText(problem.error));
     case host::SourceProblemKind::kNoName:
         throw ToolError(ExitCode::kUsage, "cannot copy '" + given + "': it has no name to copy it under");
     case host::SourceProblemKind::kDuplicateName:

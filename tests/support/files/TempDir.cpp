@@ -1,9 +1,9 @@
 #include "TempDir.h"
 
 #include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
-#include <system_error>
+
+#include "xferfm/host/TreeRemoval.h"
 
 namespace orin::xfer::test {
 
@@ -17,18 +17,10 @@ TempDir::TempDir()
     mPath = made;
 }
 
+// The kit's remover opens up directories a test locked down first.
 TempDir::~TempDir()
 {
-    namespace fs = std::filesystem;
-    std::error_code ignored;
-    // Make everything writable again first, in case a test locked it down.
-    for (auto it = fs::recursive_directory_iterator(mPath, ignored); it != fs::recursive_directory_iterator();
-         it.increment(ignored)) {
-        if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
-            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-        }
-    }
-    fs::remove_all(mPath, ignored);
+    orin::xfer::host::RemoveTree(mPath);
 }
 
 }  // namespace orin::xfer::test

@@ -7,10 +7,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "ErrnoText.h"  // systemErrorText, for the messages thrown with it
 #include "ExitCode.h"
+#include "xferfm/host/SystemErrorText.h"  // SystemErrorText, for the messages thrown with it
 
 namespace xferfm::cli {
+
+using orin::xfer::host::SystemErrorText;
 
 class ToolError : public std::runtime_error {
 public:

@@ -15,7 +15,7 @@
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
 #include "ToolError.h"
-#include "TreeRemoval.h"
+#include "xferfm/host/TreeRemoval.h"
 #include "xferfm/host/InProcessTransport.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/SenderEndpoint.h"
@@ -286,7 +286,7 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
                 receiver.Cancel();
                 sender.Cancel();
             },
-            [cacheDir] { removeTree(cacheDir); });
+            [cacheDir] { orin::xfer::host::RemoveTree(cacheDir); });
         if (signals.interrupted()) {  // Ctrl-C came before the hooks were in place
             engineLog.silence();
             receiver.Cancel();

@@ -11,7 +11,7 @@
 #include "CopyJob.h"
 #include "CopyReport.h"
 #include "DemoTree.h"
-#include "TreeRemoval.h"
+#include "xferfm/host/TreeRemoval.h"
 
 namespace xferfm::cli {
 namespace {
@@ -67,7 +67,7 @@ public:
     explicit DemoCleanup(std::string root) : mRoot(std::move(root)) {}
     ~DemoCleanup()
     {
-        removeTree(mRoot);
+        orin::xfer::host::RemoveTree(mRoot);
         std::cout << "\nRemoved the demo directory " << mRoot << "\n";
     }
     DemoCleanup(const DemoCleanup&) = delete;

@@ -17,7 +17,7 @@ namespace {
 [[noreturn]] void failed(const std::string& path)
 {
     throw ToolError(ExitCode::kTransferFailed,
-                    "demo: cannot create '" + path + "': " + systemErrorText(errno));
+                    "demo: cannot create '" + path + "': " + SystemErrorText(errno));
 }
 
 void makeDirectory(const std::string& path)

@@ -12,7 +12,7 @@
 
 #include "ServeReport.h"
 #include "ToolError.h"
-#include "TreeRemoval.h"
+#include "xferfm/host/TreeRemoval.h"
 #include "xferfm/host/NetworkReceiver.h"
 #include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/TcpListener.h"
@@ -39,7 +39,7 @@ std::string usableDestination(const std::string& destinationDir)
     }
     if (error != 0) {
         throw ToolError(ExitCode::kDestinationUnusable,
-                        "cannot receive into '" + destinationDir + "': " + systemErrorText(error));
+                        "cannot receive into '" + destinationDir + "': " + SystemErrorText(error));
     }
     return resolved;
 }
@@ -59,7 +59,7 @@ void writePortFile(const std::string& path, uint16_t port)
         const int error = errno;
         std::remove(partial.c_str());
         throw ToolError(ExitCode::kTransferFailed,
-                        "cannot write the port file '" + path + "': " + systemErrorText(error));
+                        "cannot write the port file '" + path + "': " + SystemErrorText(error));
     }
 }
 
@@ -125,7 +125,7 @@ int runServe(const ServeOptions& options, ToolContext& context)
         [&receiver] {
             const std::string cache = receiver.ActiveCacheDirectory();
             if (!cache.empty()) {
-                removeTree(cache);
+                orin::xfer::host::RemoveTree(cache);
             }
         });
     if (context.signals.interrupted()) {  // Ctrl-C came before the hook was in place

@@ -28,7 +28,7 @@ std::string usableDestinationDir(const std::string& destinationDir, DestinationN
     }
     if (error != 0) {
         throw ToolError(ExitCode::kDestinationUnusable,
-                        refusal + " '" + destinationDir + "': " + systemErrorText(error));
+                        refusal + " '" + destinationDir + "': " + SystemErrorText(error));
     }
     return resolved;
 }

@@ -1,4 +1,5 @@
-// strerror without its thread-safety worries, for the link's messages.
+// The text of an errno value (strerror without its thread-safety worries):
+// the one place the kit and the tool turn errno into words.
 //
 // THREADING CONTRACT: safe from any thread.
 #pragma once

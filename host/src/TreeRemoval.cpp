@@ -1,4 +1,4 @@
-#include "TreeRemoval.h"
+#include "xferfm/host/TreeRemoval.h"
 
 #include <ftw.h>
 #include <sys/stat.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 
-namespace xferfm::cli {
+namespace orin::xfer::host {
 namespace {
 
 constexpr int kOpenDescriptors = 32;
@@ -30,7 +30,7 @@ int removeEntry(const char* path, const struct stat*, int, FTW*)
 
 }  // namespace
 
-bool removeTree(const std::string& path)
+bool RemoveTree(const std::string& path)
 {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) {
@@ -42,4 +42,4 @@ bool removeTree(const std::string& path)
     return ::nftw(path.c_str(), removeEntry, kOpenDescriptors, FTW_DEPTH | FTW_PHYS | FTW_MOUNT) == 0;
 }
 
-}  // namespace xferfm::cli
+}  // namespace orin::xfer::host
