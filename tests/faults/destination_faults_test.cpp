@@ -20,7 +20,9 @@
 #include "PrivateTmpfs.h"
 #include "TestSupport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 namespace {
 
 using namespace std::chrono_literals;
@@ -185,4 +187,4 @@ TEST_F(DestinationFaults, TheDestinationRemovedMidCopyFailsNamingTheFile)
 }
 
 }  // namespace
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

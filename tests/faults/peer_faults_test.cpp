@@ -24,7 +24,9 @@
 #include "xferfm/host/TcpListener.h"
 #include "xferfm/host/TcpTransport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 namespace {
 
 using namespace std::chrono_literals;
@@ -202,4 +204,4 @@ TEST_F(PeerFaults, ASendingProcessKilledMidFileFailsTheReceiverCleanly)
 #endif  // XFERFM_TOOL_PATH
 
 }  // namespace
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -17,7 +17,9 @@
 #include "HostTestSupport.h"
 #include "TestSupport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 namespace {
 
 using namespace std::chrono_literals;
@@ -174,4 +176,4 @@ TEST_F(SourceFaults, AFileDeletedBeforeItsTurnFailsNamingItsSource)
 }
 
 }  // namespace
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

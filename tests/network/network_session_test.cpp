@@ -17,7 +17,7 @@
 #include "xferfm/host/NetworkSender.h"
 #include "xferfm/host/Sha256.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -259,4 +259,4 @@ TEST(NetworkSessionTest, ASenderThatOffersNoListInTimeEndsItsSessionAsAListTimeO
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -11,7 +11,7 @@
 #include "xferfm/host/TcpListener.h"
 #include "xferfm/host/TcpTransport.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -434,4 +434,4 @@ TEST_F(RawPeerTest, EachEndOpensWithItsHello)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -6,10 +6,10 @@
 
 #include <filesystem>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ServeProcess.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -89,4 +89,4 @@ TEST_F(DisconnectTest, ReceiverKilledMidFileFailsTheSenderClearly)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

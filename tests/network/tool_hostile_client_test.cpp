@@ -12,10 +12,10 @@
 #include <iterator>
 #include <map>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ServeProcess.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -431,4 +431,4 @@ TEST_F(HostileClientTest, HostileAnnouncementAfterACleanListWritesNothing)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

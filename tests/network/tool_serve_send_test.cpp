@@ -6,11 +6,11 @@
 
 #include <filesystem>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ServeProcess.h"
 #include "xferfm/host/TcpListener.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -211,4 +211,4 @@ TEST(ServeSendTest, BadArgumentsAreUsageErrors)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

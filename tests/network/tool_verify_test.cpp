@@ -6,12 +6,12 @@
 
 #include <filesystem>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ServeProcess.h"
 #include "xferfm/host/FileListDigests.h"
 #include "xferfm/host/TcpListener.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -140,4 +140,4 @@ TEST(VerifyTest, SenderOffersDigestsAndExitsSixWhenTheReceiverDisagrees)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

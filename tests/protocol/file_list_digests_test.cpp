@@ -5,7 +5,7 @@
 #include "xferfm/host/FileList.h"
 #include "xferfm/host/FileListDigests.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::host;
@@ -64,4 +64,4 @@ TEST(FileListDigestsTest, UnreadableListIsRefusedAndLeftAlone)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -10,7 +10,7 @@
 #include "xferfm/host/ForwardingTransport.h"
 #include "xferfm/host/InProcessTransport.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 // Overrides nothing.
@@ -120,4 +120,4 @@ TEST(ForwardingTransportTest, CloseReachesThePeerAndEndsTheDeliveries)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

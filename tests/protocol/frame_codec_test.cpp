@@ -9,7 +9,7 @@
 
 #include "LinkTestSupport.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 std::vector<uint8_t> Encode(const Message& message, const FrameLimits& limits = {})
@@ -430,4 +430,4 @@ TEST(FrameCodecTest, MutatedStreamsEndInMessagesOrAnErrorNeverACrash)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -12,7 +12,7 @@
 #include "TempDir.h"
 #include "xferfm/host/RemoteNameGuard.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::host;
@@ -223,4 +223,4 @@ TEST_F(DestinationParentsTest, TheDestinationRootMayItselfBeALink)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -17,7 +17,7 @@
 #include "xferfm/host/InProcessTransport.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -295,4 +295,4 @@ TEST_F(RemoteNameGuardTransportTest, PeerCloseIsPassedOnOnce)
 }
 
 }  // namespace
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -38,7 +38,9 @@
 #include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 namespace {
 
 using namespace std::chrono_literals;
@@ -285,4 +287,4 @@ TEST_F(HostileNameBattery, TheGuardPassesOnlyNamesThatStayInside)
 }
 
 }  // namespace
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -15,7 +15,9 @@
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/SenderEndpoint.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 namespace {
 
 using namespace std::chrono_literals;
@@ -104,4 +106,4 @@ TEST_F(CancelFromCallbacks, ReceiverCancelsFromItsOwnCompletionCallback)
 }
 
 }  // namespace
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

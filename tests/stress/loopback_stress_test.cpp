@@ -32,7 +32,9 @@
 #include "HostTestSupport.h"
 #include "TestSupport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 namespace {
 
 using namespace std::chrono_literals;
@@ -108,4 +110,4 @@ TEST(LoopbackStress, CopiesSurviveCancelsErrorsAndCutLinksWithoutLeaks)
 }
 
 }  // namespace
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -1,7 +1,7 @@
 // --help, --version, usage errors and the demo command.
 #include <gtest/gtest.h>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
@@ -11,7 +11,7 @@
 #error "XFERFM_EXPECTED_VERSION must come from the build"
 #endif
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -81,4 +81,4 @@ TEST(CommandLine, DemoCopiesItsSampleTreeAndCleansUp)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

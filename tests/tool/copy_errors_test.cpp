@@ -8,13 +8,13 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -204,4 +204,4 @@ TEST_F(CopyErrors, FileRemovedDuringTheCopyIsNamedAndNothingHalfWrittenRemains)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -4,13 +4,13 @@
 // "(1).bashrc") and at the end of a directory's name.
 #include <gtest/gtest.h>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -107,4 +107,4 @@ TEST_F(NameClash, TwoSourcesWithTheSameNameAreRefused)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

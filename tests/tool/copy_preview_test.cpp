@@ -10,12 +10,12 @@
 #include <memory>
 
 #include "TestSupport.h"
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -148,4 +148,4 @@ TEST_F(CopyPreview, JsonSummaryCarriesFilesBytesSkippedRenamesAndVerify)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

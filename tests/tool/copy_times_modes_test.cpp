@@ -6,12 +6,12 @@
 #include <sys/stat.h>
 
 #include "TestSupport.h"
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -118,4 +118,4 @@ TEST_F(TimesAndModes, PreservePermsKeepsModesExact)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -5,13 +5,13 @@
 
 #include <regex>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -185,4 +185,4 @@ TEST_F(CopyTrees, RelativePathsWorkFromTheCurrentDirectory)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -7,12 +7,12 @@
 #include <unistd.h>
 
 #include "TestSupport.h"
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -102,4 +102,4 @@ TEST_F(SmallDisk, AFullDiskIsNamedAndIsTheDestinationsFailure)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -7,13 +7,13 @@
 
 #include <chrono>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -98,4 +98,4 @@ TEST_F(Interrupt, SecondCtrlCQuitsAtOnceAndStillRemovesTheCache)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -7,12 +7,12 @@
 #include <regex>
 #include <set>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -130,4 +130,4 @@ TEST(BashCompletion, OffersEveryOptionThatHelpLists)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

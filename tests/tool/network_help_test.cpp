@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ToolRunner.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -59,4 +59,4 @@ TEST(NetworkHelp, ServeAndSendStillHaveTheirOwnHelp)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -14,12 +14,12 @@
 #include <cstring>
 
 #include "TestSupport.h"
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -156,4 +156,4 @@ TEST_F(OddTrees, ASourceThatIsItselfUncopyableIsSkippedToo)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

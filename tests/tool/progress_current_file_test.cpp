@@ -6,12 +6,12 @@
 #include <regex>
 
 #include "TestSupport.h"
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -49,4 +49,4 @@ TEST(ProgressCurrentFile, EachLineNamesTheFileBeingWritten)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -3,13 +3,13 @@
 // checked; a busy machine may take longer.
 #include <gtest/gtest.h>
 
-#include "ExitCode.h"
+#include "ToolExitCodes.h"
 #include "TestSupport.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tooltest {
+namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
@@ -34,4 +34,4 @@ TEST(RateLimit, FiftyMebibytesAtEightyMegabitsTakesAtLeastTheLimitedTime)
 }
 
 }  // namespace
-}  // namespace xferfm::tooltest
+}  // namespace orin::xfer::test

@@ -6,7 +6,9 @@
 #include "TestSupport.h"
 #include "TreeCompare.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 namespace {
 
@@ -89,4 +91,4 @@ std::string Joined(const std::vector<std::string>& problems)
     return text;
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

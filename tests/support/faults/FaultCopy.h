@@ -12,7 +12,9 @@
 
 #include "CopySession.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 // Problems with how the copy failed (empty: none): not completed, exactly
 // one failure reported, its message and the summary's error both holding
@@ -29,4 +31,4 @@ std::string NextCopyProblem(const std::string& sourceRoot, const std::string& de
 // The problems above, one to a line, for a failure message.
 std::string Joined(const std::vector<std::string>& problems);
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 namespace {
 
@@ -118,4 +118,4 @@ ChildOutcome RunWithPrivateTmpfs(const std::string& mountPoint, const std::strin
     return outcome;
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

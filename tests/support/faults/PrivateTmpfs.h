@@ -10,7 +10,7 @@
 #include <functional>
 #include <string>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 struct ChildOutcome {
     enum Kind { kPassed, kFailed, kUnsupported, kTimedOut } kind = kFailed;
@@ -24,4 +24,4 @@ struct ChildOutcome {
 ChildOutcome RunWithPrivateTmpfs(const std::string& mountPoint, const std::string& size,
                                  const std::function<std::string()>& body, std::chrono::seconds limit);
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -1,6 +1,8 @@
 #include "CopySession.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 CopySession::CopySession(const std::string& destination, CopySessionOptions options)
 {
@@ -28,4 +30,4 @@ bool CopySession::WaitBoth(std::chrono::milliseconds timeout)
     return sender->WaitFinished(std::max(left, std::chrono::milliseconds(1)));
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -12,7 +12,9 @@
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/SenderEndpoint.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 struct CopySessionOptions {
     SenderOptions sender;
@@ -34,4 +36,4 @@ public:
     std::unique_ptr<ReceiverEndpoint> receiver;
 };
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

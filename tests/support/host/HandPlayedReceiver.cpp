@@ -3,7 +3,9 @@
 #include <utility>
 #include <variant>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 HandPlayedReceiver::HandPlayedReceiver(ITransport& link, std::string firstName)
     : mLink(link), mFirstName(std::move(firstName))
@@ -39,4 +41,4 @@ uint32_t HandPlayedReceiver::TransferId() const
     return mTransferId;
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -12,7 +12,9 @@
 
 #include "xferfm/host/Transport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 class HandPlayedReceiver : public ITransportHandler {
 public:
@@ -34,4 +36,4 @@ private:
     uint64_t mChunks = 0;
 };
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -14,7 +14,9 @@
 #include "TestSupport.h"
 #include "xferfm/host/StderrLoggerSink.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 void RecordingReceiverObserver::Add(ObservedEvent event)
 {
@@ -209,4 +211,4 @@ bool WaitForThreadCount(size_t count, std::chrono::milliseconds timeout)
     return orin::xfer::test::waitUntil([&] { return ThreadCount() <= count; }, timeout);
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

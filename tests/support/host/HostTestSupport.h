@@ -16,7 +16,9 @@
 
 #include "xferfm/host/TransferObserver.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 struct ObservedEvent {
     std::string kind;  // "list", "started", "progress", "completed", "directory", "failure", "finished"
@@ -75,4 +77,4 @@ size_t ThreadCount();
 // Polls until the process has at most `count` threads.
 bool WaitForThreadCount(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -78,7 +78,7 @@ std::ostream& operator<<(std::ostream& out, const Disconnect& m)
 
 }  // namespace orin::xfer::host
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 
 using Clock = std::chrono::steady_clock;
 
@@ -285,4 +285,4 @@ std::vector<uint8_t> HelloFrame(uint32_t version, const char* magic)
     return out;
 }
 
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -47,7 +47,7 @@ std::ostream& operator<<(std::ostream& out, const EntryRefused& m);
 std::ostream& operator<<(std::ostream& out, const Disconnect& m);
 }  // namespace orin::xfer::host
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 
 using namespace orin::xfer::host;
 
@@ -120,4 +120,4 @@ void AppendU32(std::vector<uint8_t>& out, uint32_t value);
 void AppendU64(std::vector<uint8_t>& out, uint64_t value);
 void AppendText(std::vector<uint8_t>& out, const std::string& text);
 
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

@@ -18,7 +18,7 @@
 #include "TestSupport.h"
 #include "TreeCompare.h"
 
-namespace xferfm::tcptest {
+namespace orin::xfer::test {
 
 // Scratch trees, pattern files and tree checks come from the shared support.
 using namespace orin::xfer::test;
@@ -117,4 +117,4 @@ inline std::unique_ptr<ChildProcess> RunSend(const TempDir& scratch, const std::
     return send;
 }
 
-}  // namespace xferfm::tcptest
+}  // namespace orin::xfer::test

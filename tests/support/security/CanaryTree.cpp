@@ -5,7 +5,9 @@
 #include "HostTestSupport.h"
 #include "TestSupport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 void MakeCanaryTree(const std::string& root)
 {
@@ -16,4 +18,4 @@ void MakeCanaryTree(const std::string& root)
     symlink("/nonexistent-target", (root + "/dangling-link").c_str());
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -9,10 +9,10 @@
 #include <cstdint>
 #include <string>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 // Fills `root` (an existing, empty directory) with files, a sub-directory
 // and symbolic links.
 void MakeCanaryTree(const std::string& root);
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <set>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 namespace {
 
@@ -251,4 +251,4 @@ std::string Printable(const std::string& name)
     return out.size() > 120 ? out.substr(0, 120) + "...(" + std::to_string(name.size()) + " bytes)" : out;
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 // Names of the symbolic links PlantLinks puts into a destination, which
 // some hostile names walk through.
@@ -30,4 +30,4 @@ void PlantLinks(const std::string& destination, const std::string& canary);
 // `name` with unprintable bytes escaped, for messages.
 std::string Printable(const std::string& name);
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

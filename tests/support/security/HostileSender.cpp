@@ -4,7 +4,9 @@
 #include <utility>
 #include <variant>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 namespace {
 
@@ -76,4 +78,4 @@ void HostileSender::OnTransportClosed(const std::string&)
     mClosed = true;
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

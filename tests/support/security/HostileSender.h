@@ -14,7 +14,9 @@
 
 #include "xferfm/host/Transport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 struct CraftedEntry {
     std::string filePath;
@@ -46,4 +48,4 @@ private:
     std::atomic<bool> mClosed{false};
 };
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

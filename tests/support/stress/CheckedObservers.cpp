@@ -1,6 +1,8 @@
 #include "CheckedObservers.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 std::vector<std::string> ObserverChecks::Violations() const
 {
@@ -127,4 +129,4 @@ void CheckedSenderObserver::OnFinished(const TransferSummary&)
     finished();
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -20,7 +20,9 @@
 
 #include "xferfm/host/TransferObserver.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 // What both observers share: the violation list and the "endpoint gone" mark.
 class ObserverChecks {
@@ -82,4 +84,4 @@ public:
     std::function<void(uint64_t totalBytesSent)> onBytesSent;
 };
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

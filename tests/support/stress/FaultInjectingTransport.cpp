@@ -3,7 +3,9 @@
 #include <utility>
 #include <variant>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 const char* InjectedFaultName(InjectedFault fault)
 {
@@ -94,4 +96,4 @@ void FaultInjectingTransport::fire()
     Handler().OnTransportClosed("the link was cut by the test");
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -18,7 +18,9 @@
 
 #include "xferfm/host/ForwardingTransport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 enum class InjectedFault {
     kNone,
@@ -62,4 +64,4 @@ private:
     uint32_t mSenderTransferId = 0;
 };
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -4,7 +4,9 @@
 #include "TestSupport.h"
 #include "TreeCompare.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 namespace {
 
@@ -78,4 +80,4 @@ std::string CheckOnlyWholeCopies(const RandomTree& tree, const std::string& dest
     return {};
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

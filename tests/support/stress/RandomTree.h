@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 struct RandomTree {
     std::string parent;                    // the directory the tree's top entries are in
@@ -31,4 +31,4 @@ RandomTree MakeRandomTree(const std::string& parent, std::mt19937_64& rng, bool 
 // is left behind; otherwise the first problem.
 std::string CheckOnlyWholeCopies(const RandomTree& tree, const std::string& destination);
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

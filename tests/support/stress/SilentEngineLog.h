@@ -10,7 +10,7 @@
 
 #include "IFileTransferLogger.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 class SilentEngineLog {
 public:
@@ -20,4 +20,4 @@ public:
     SilentEngineLog& operator=(const SilentEngineLog&) = delete;
 };
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -15,7 +15,9 @@
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/SenderEndpoint.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 namespace {
 
@@ -386,4 +388,4 @@ std::string StressTally::Report(double seconds) const
     return text.str();
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

@@ -14,7 +14,9 @@
 
 #include "FaultInjectingTransport.h"
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
+
+using namespace orin::xfer::host;
 
 enum class Scenario {
     kClean,
@@ -79,4 +81,4 @@ struct StressTally {
     std::string Report(double seconds) const;
 };
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

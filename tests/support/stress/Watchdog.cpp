@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 Watchdog::Watchdog(std::chrono::seconds bound) : mBound(bound), mThread([this] { watch(); }) {}
 
@@ -53,4 +53,4 @@ void Watchdog::watch()
     }
 }
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test

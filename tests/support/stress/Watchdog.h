@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-namespace orin::xfer::host::test {
+namespace orin::xfer::test {
 
 class Watchdog {
 public:
@@ -38,4 +38,4 @@ private:
     std::thread mThread;
 };
 
-}  // namespace orin::xfer::host::test
+}  // namespace orin::xfer::test
