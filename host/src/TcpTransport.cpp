@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "DurationText.h"
 #include "SystemErrorText.h"
 #include "WakeEvent.h"
 
@@ -51,11 +52,7 @@ void AskBufferSize(int fd, int option, const char* limitFile, int bytes)
     setsockopt(fd, SOL_SOCKET, option, &bytes, sizeof bytes);
 }
 
-std::string Seconds(std::chrono::milliseconds duration)
-{
-    const auto tenths = duration.count() / 100;
-    return std::to_string(tenths / 10) + (tenths % 10 ? "." + std::to_string(tenths % 10) : "") + " s";
-}
+using detail::DurationText;
 
 }  // namespace
 
@@ -272,12 +269,12 @@ private:
                 }
                 if (mFlushAndFinish && now >= mFlushDeadline) {
                     mLinkDown = true;
-                    mFailure = "the peer did not take the last frames within " + Seconds(mOptions.closeFlushTimeout);
+                    mFailure = "the peer did not take the last frames within " + DurationText(mOptions.closeFlushTimeout);
                     return false;
                 }
             }
             if (now - lastProgress >= mOptions.silenceTimeout) {
-                FailLink("the peer " + mPeer + " has taken no data for " + Seconds(mOptions.silenceTimeout));
+                FailLink("the peer " + mPeer + " has taken no data for " + DurationText(mOptions.silenceTimeout));
                 return false;
             }
         }
@@ -345,7 +342,7 @@ private:
             if (ready == 0 && Clock::now() - lastReceived >= mOptions.silenceTimeout) {
                 // Judged only after a poll found nothing, so time spent in
                 // the handler never counts as the peer's silence.
-                reason = "nothing heard from " + mPeer + " for " + Seconds(mOptions.silenceTimeout);
+                reason = "nothing heard from " + mPeer + " for " + DurationText(mOptions.silenceTimeout);
                 break;
             }
             if (ready <= 0) {
