@@ -13,6 +13,7 @@ enum class ExitCode : int {
     kDestinationUnusable = 5,   // DEST_DIR missing, not a directory or not writable
     kVerifyMismatch = 6,        // --verify found a destination that differs from its source
     kNamesRefused = 7,          // serve/send: the receiver refused some names; every other entry arrived
+    kReceiverStalled = 8,       // send: the receiver moved nothing on for the progress time-out
     kInterrupted = 130,         // SIGINT or SIGTERM
 };
 
@@ -30,6 +31,7 @@ inline const char* exitCodeHelp()
            "  5    DEST_DIR is missing, not a directory or not writable\n"
            "  6    --verify found a file whose copy differs from its source\n"
            "  7    serve/send: the receiver refused some names (named on stderr); every other entry arrived\n"
+           "  8    send: the receiver moved nothing on for --progress-timeout\n"
            "  130  interrupted (Ctrl-C or SIGTERM); nothing partial is left in DEST_DIR\n";
 }
 

@@ -155,6 +155,8 @@ int runSend(const SendOptions& options, ToolContext& context)
     ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
     SendProgress progress(tracker, plan, context.console);
     senderOptions.connectTimeout = kConnectTimeout;
+    senderOptions.progressTimeout =
+        std::chrono::milliseconds(static_cast<int64_t>(options.progressTimeoutSeconds * 1000));
     senderOptions.digests = digests;
     senderOptions.endpoint.ackWindow = options.window;
     senderOptions.endpoint.bandwidthKbps = options.bandwidthKbps;
@@ -205,6 +207,9 @@ int runSend(const SendOptions& options, ToolContext& context)
     // What the receiver said is shown with its control bytes escaped.
     if (result.outcome == Outcome::kVerifyFailed) {
         throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + host::PrintableText(result.verdict->Text()));
+    }
+    if (result.outcome == Outcome::kStalled) {
+        throw ToolError(ExitCode::kReceiverStalled, "send failed: " + result.failure);
     }
     if (result.outcome == Outcome::kLinkLost) {
         throw ToolError(ExitCode::kTransferFailed,
