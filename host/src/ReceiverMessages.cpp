@@ -241,6 +241,9 @@ void ReceiverEndpoint::Impl::receiveData(uint32_t senderId, const uint8_t* bytes
         if (slot == nullptr || slot->isDirectory || mState.Failure()) {
             return;
         }
+        if (size == 0 && slot->fileSize > 0) {
+            return;  // moves nothing; passed on, it would be written and acknowledged as a chunk
+        }
         taskId = slot->taskId;
         receiverId = slot->receiverId;
         if (!mSlots.RecordDataReceived(senderId, size)) {

@@ -32,7 +32,8 @@ constexpr size_t kReadBufferBytes = 256u << 10;
 
 struct OutFrame {
     std::vector<uint8_t> bytes;
-    uint64_t dataBytes = 0;  // counted against the backpressure bound
+    uint64_t dataBytes = 0;     // counted against the backpressure bound
+    uint64_t controlBytes = 0;  // counted against the bound on unread replies
 };
 
 void NameThisThread(const std::string& base, const char* suffix)
@@ -112,8 +113,19 @@ public:
         }
         if (IsDataMessage(message)) {
             frame.dataBytes = frame.bytes.size();
+        } else {
+            frame.controlBytes = frame.bytes.size();
         }
         std::unique_lock<std::mutex> lock(mMutex);
+        if (mQueuedControlBytes > 0 && mQueuedControlBytes + frame.controlBytes > mOptions.maxQueuedControlBytes) {
+            // Control frames never wait in Send, so a peer that does not
+            // read them would grow this queue without end. A single larger
+            // one (a big file list) still goes when none are queued.
+            lock.unlock();
+            FailLink("the peer " + mPeer + " does not read what it is sent (" +
+                     std::to_string(mOptions.maxQueuedControlBytes) + " bytes of replies wait)");
+            return false;
+        }
         if (frame.dataBytes > 0) {
             mSpaceFreed.wait(lock, [this] { return !AcceptingLocked() || mQueuedDataBytes < mOptions.maxQueuedDataBytes; });
         }
@@ -121,6 +133,7 @@ public:
             return false;
         }
         mQueuedDataBytes += frame.dataBytes;
+        mQueuedControlBytes += frame.controlBytes;
         mPeakQueuedDataBytes = std::max(mPeakQueuedDataBytes, mQueuedDataBytes);
         mQueue.push_back(std::move(frame));
         mWriterWake.notify_one();
@@ -211,6 +224,7 @@ private:
                 OutFrame frame = std::move(mQueue.front());
                 mQueue.pop_front();
                 mQueuedDataBytes -= frame.dataBytes;
+                mQueuedControlBytes -= frame.controlBytes;
                 mSpaceFreed.notify_all();
                 lock.unlock();
                 const bool written = WriteAll(frame.bytes);
@@ -457,6 +471,7 @@ private:
     std::condition_variable mSpaceFreed;  // data left the queue, or the link ended
     std::deque<OutFrame> mQueue;
     uint64_t mQueuedDataBytes = 0;
+    uint64_t mQueuedControlBytes = 0;
     uint64_t mPeakQueuedDataBytes = 0;
     bool mStarted = false;
     bool mLocalClosed = false;

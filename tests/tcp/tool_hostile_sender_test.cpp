@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
 
 #include "ServeProcess.h"
 
@@ -36,6 +38,100 @@ uint64_t CacheBytes(const std::string& dest)
         }
     }
     return bytes;
+}
+
+// Peak resident memory of process `pid` in KiB, from its own VmHWM.
+uint64_t PeakKiB(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmHWM:", 0) == 0) {
+            return std::stoull(line.substr(6));
+        }
+    }
+    return 0;
+}
+
+// Hello, a one-file list of `size` bytes, its announcement (window 1: an
+// acknowledgement for every chunk) and the accept.
+void PlayUpToTheAccept(RawClient& sender, uint64_t size)
+{
+    std::vector<Message> heard;
+    ASSERT_TRUE(sender.SendHello());
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<FileListRequest>, heard, 10s));
+    ASSERT_TRUE(sender.SendMessage(FileListMessage{
+        R"({"root":"/remote","fileList":[{"filePath":"","fileName":"big.bin","attribute":128,"mode":420,)"
+        R"("fileSize":)" + std::to_string(size) + "}]}"}));
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<NextFileRequest>, heard, 10s));
+    const NextFileRequest request = std::get<NextFileRequest>(heard.back());
+    ASSERT_TRUE(sender.SendMessage(FileStart{request.taskId, 3, request.name, false, size, size, 1}));
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<FileAccept>, heard, 10s));
+}
+
+// Sends `count` copies of `message`, encoded in batches; false once the
+// server has cut the link. `peakKiB` gets the largest VmHWM of `pid` seen
+// between batches.
+bool Flood(RawClient& sender, const Message& message, size_t count, pid_t pid, uint64_t& peakKiB)
+{
+    std::vector<uint8_t> batch;
+    std::string error;
+    const FrameEncoder encoder;
+    for (size_t sent = 0; sent < count;) {
+        batch.clear();
+        for (size_t index = 0; index < 4096 && sent < count; ++index, ++sent) {
+            encoder.Append(message, batch, error);
+        }
+        peakKiB = std::max(peakKiB, PeakKiB(pid));
+        if (!sender.SendBytes(batch)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST(ToolHostileSenderTest, EmptyDataFramesFromASenderThatDoesNotReadAreNeitherAcknowledgedNorQueued)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    RawClient sender(serve.Port());
+    PlayUpToTheAccept(sender, 1u << 20);
+    const uint64_t before = PeakKiB(serve.Process().Pid());
+    uint64_t peak = before;
+    // Two million empty chunks, nothing read meanwhile.
+    EXPECT_TRUE(Flood(sender, FileData{3, {}}, 2'000'000, serve.Process().Pid(), peak));
+    peak = std::max(peak, PeakKiB(serve.Process().Pid()));
+    EXPECT_LT(peak, before + 16 * 1024) << "peak went from " << before << " KiB to " << peak << " KiB";
+    std::cout << "[ FIGURE   ] serve peak " << before << " KiB -> " << peak << " KiB after 2,000,000 empty chunks\n";
+}
+
+TEST(ToolHostileSenderTest, ASenderThatDoesNotReadItsAcknowledgementsIsCutWithBoundedMemory)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    RawClient sender(serve.Port());
+    const uint64_t size = 1u << 20;
+    PlayUpToTheAccept(sender, size);
+    const uint64_t before = PeakKiB(serve.Process().Pid());
+    uint64_t peak = before;
+    // One byte per chunk with a window of one: a reply for every few bytes
+    // sent, none of them read.
+    const auto started = Clock::now();
+    Flood(sender, FileData{3, {'x'}}, size, serve.Process().Pid(), peak);  // kernel buffers may take it all
+    ASSERT_TRUE(serve.Process().WaitExit(20s)) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), 1) << serve.Process().Describe();
+    EXPECT_EQ(LinesWith(serve.Process().Stdout(), "does not read what it is sent").size(), 1u)
+        << serve.Process().Describe();
+    EXPECT_LT(Clock::now() - started, 15s);
+    EXPECT_LT(peak, before + 32 * 1024) << "peak went from " << before << " KiB to " << peak << " KiB";
+    std::cout << "[ FIGURE   ] serve peak " << before << " KiB -> " << peak << " KiB until cut\n";
+    EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
 }
 
 TEST(ToolHostileSenderTest, DataBeyondTheAnnouncedSizeFailsThatFileAtOnceAndNeverReachesTheCache)
