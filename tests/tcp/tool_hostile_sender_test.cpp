@@ -174,3 +174,34 @@ TEST(ToolHostileSenderTest, DataBeyondTheAnnouncedSizeFailsThatFileAtOnceAndNeve
 
 }  // namespace
 }  // namespace xferfm::tcptest
+
+namespace xferfm::tcptest {
+namespace {
+
+TEST(ToolHostileSenderTest, AC1ControlInANameIsRefusedAndNeverReachesTheTerminalRaw)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    RawClient sender(serve.Port());
+    std::vector<Message> heard;
+    ASSERT_TRUE(sender.SendHello());
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<FileListRequest>, heard, 10s));
+    // U+009B, which some terminals read as the start of an escape sequence.
+    ASSERT_TRUE(sender.SendMessage(FileListMessage{
+        "{\"root\":\"/remote\",\"fileList\":[{\"filePath\":\"\",\"fileName\":\"csi\xC2\x9B" "31m.txt\","
+        "\"attribute\":128,\"mode\":420,\"fileSize\":3}]}"}));
+    sender.ReadMessagesUntil([](const std::vector<Message>&) { return false; }, heard, 2s);
+    sender.Close();
+    ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
+    const std::string printed = serve.Process().Stdout() + serve.Process().Stderr();
+    EXPECT_EQ(printed.find("\xC2\x9B"), std::string::npos) << printed;
+    EXPECT_EQ(LinesWith(printed, "csi\\xC2\\x9B31m.txt").size(), 2u) << printed;
+    EXPECT_EQ(LinesWith(printed, "it contains a control character").size(), 2u) << printed;
+    EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
+}
+
+}  // namespace
+}  // namespace xferfm::tcptest
