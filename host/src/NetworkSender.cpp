@@ -9,6 +9,7 @@
 #include "DigestOfferingLink.h"
 #include "DurationText.h"
 #include "HostLog.h"
+#include "ListRequestVersionCheck.h"
 #include "ProgressWatchingLink.h"
 #include "xferfm/host/TcpTransport.h"
 
@@ -80,8 +81,9 @@ NetworkSender::OfferResult NetworkSender::Offer(const std::vector<std::string>& 
         std::lock_guard<std::mutex> lock(mMutex);
         mLastProgress = Clock::now();
     }
-    auto watched = std::make_unique<ProgressWatchingLink>(
-        std::make_unique<TcpTransport>(std::move(mConnection), linkOptions), [this] {
+    auto checked = std::make_unique<ListRequestVersionCheck>(
+        std::make_unique<TcpTransport>(std::move(mConnection), linkOptions));
+    auto watched = std::make_unique<ProgressWatchingLink>(std::move(checked), [this] {
             std::lock_guard<std::mutex> lock(mMutex);
             mLastProgress = Clock::now();
         });

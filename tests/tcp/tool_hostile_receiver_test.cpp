@@ -116,5 +116,26 @@ TEST(ToolHostileReceiverTest, AReceiverThatAcceptsAFileButNeverAcknowledgesItEnd
     EXPECT_LT(Clock::now() - started, 6s);
 }
 
+TEST(ToolHostileReceiverTest, AListRequestOfAnotherProtocolVersionIsRefusedNotAnswered)
+{
+    TempDir scratch;
+    WriteText(scratch / "src/a.txt", "not for an older receiver");
+    PlayedReceiver receiver;
+    ChildProcess sender(ToolPath(), {"send", "--no-progress", receiver.Address(), scratch / "src/a.txt"},
+                        scratch / "send");
+    ASSERT_TRUE(receiver.Accept());
+    ASSERT_TRUE(receiver.Peer().SendMessage(FileListRequest{1}));
+    std::vector<Message> heard;
+    ASSERT_TRUE(receiver.ReadUntil<Disconnect>(heard));
+    for (const Message& message : heard) {
+        EXPECT_FALSE(std::holds_alternative<FileListMessage>(message)) << "the list went to a version-1 receiver";
+    }
+    EXPECT_EQ(std::get<Disconnect>(heard.back()).reason,
+              "the receiver asks for the list with protocol version 1, this end speaks 2");
+    ASSERT_TRUE(sender.WaitExit(10s));
+    EXPECT_EQ(sender.ExitCode(), 1) << sender.Describe();
+    EXPECT_EQ(LinesWith(sender.Stderr(), "protocol version 1, this end speaks 2").size(), 1u) << sender.Describe();
+}
+
 }  // namespace
 }  // namespace xferfm::tcptest

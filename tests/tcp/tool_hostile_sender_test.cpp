@@ -203,5 +203,28 @@ TEST(ToolHostileSenderTest, AC1ControlInANameIsRefusedAndNeverReachesTheTerminal
     EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
 }
 
+TEST(ToolHostileSenderTest, AFileListWithCommentsIsRefusedAsNotStrictJson)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    RawClient sender(serve.Port());
+    std::vector<Message> heard;
+    ASSERT_TRUE(sender.SendHello());
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<FileListRequest>, heard, 10s));
+    ASSERT_TRUE(sender.SendMessage(FileListMessage{
+        "{\"root\":\"/remote\", /* a comment */ \"fileList\":[{\"filePath\":\"\",\"fileName\":\"a.txt\","
+        "\"attribute\":128,\"mode\":420,\"fileSize\":3} // another\n]}"}));
+    sender.ReadMessagesUntil(LastIs<Disconnect>, heard, 10s);
+    sender.Close();
+    ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), 1) << serve.Process().Describe();
+    EXPECT_EQ(LinesWith(serve.Process().Stdout(), "(the list is strict JSON)").size(), 1u)
+        << serve.Process().Describe();
+    EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
+}
+
 }  // namespace
 }  // namespace xferfm::tcptest

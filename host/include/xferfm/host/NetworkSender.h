@@ -7,8 +7,8 @@
 // by) the copy is verified: the digests travel in the file list, the
 // receiver hashes what landed and its verdict comes back typed in Result.
 //
-// The link, innermost first: TcpTransport (frames, liveness) -> a
-// progress watch -> a digest offer (adds the digests, reads the verdict,
+// The link, innermost first: TcpTransport (frames, liveness) -> a check
+// of the list request's protocol version -> a progress watch -> a digest offer (adds the digests, reads the verdict,
 // notes a link lost before the receiver's goodbye) -> SenderEndpoint.
 //
 // Progress: a receiver that moves the copy on for no `progressTimeout`
