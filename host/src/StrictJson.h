@@ -2,18 +2,103 @@
 // comments, no trailing text, unique keys), nested no deeper than a list
 // ever is. Callers word their own errors.
 //
+// Memory: a parsed document costs far more than its text (a bare 0 in an
+// array becomes a whole value), so the shape is checked in one pass over
+// the text first, and a list of the wrong shape is refused before any of
+// it is parsed: no values deeper than a list's three levels, the
+// entries array holding objects only and at most kMaxListElements of them,
+// each entry at most kMaxEntryKeys keys and kMaxEntryBytes bytes.
+//
 // THREADING CONTRACT: a pure function; safe from any thread.
 #pragma once
 
 #include <json/json.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace orin::xfer::host::detail {
 
 // Our documents are three levels deep; anything much deeper is hostile.
 inline constexpr int kFileListDepthLimit = 16;
+
+inline constexpr size_t kMaxListLevels = 3;  // the document, its entries array, an entry
+inline constexpr size_t kMaxListElements = 1000000;
+inline constexpr size_t kMaxEntryKeys = 32;
+inline constexpr size_t kMaxEntryBytes = 64u << 10;
+
+// Empty when the text has the shape of a file list; otherwise what is wrong.
+inline std::string ListShapeProblem(const std::string& json)
+{
+    struct Open {
+        char kind;
+        size_t start;
+        size_t elements;
+    };
+    std::vector<Open> open;
+    bool inString = false;
+    bool objectDue = false;  // an element of an array of entries comes next
+    size_t tooDeepAt = std::string::npos;
+    for (size_t at = 0; at < json.size(); ++at) {
+        const char c = json[at];
+        if (inString) {
+            if (c == '\\') {
+                ++at;
+            } else if (c == '"') {
+                inString = false;
+            }
+            continue;
+        }
+        if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+            continue;
+        }
+        if (objectDue && c != '{' && c != ']') {
+            return "entry " + std::to_string(open.back().elements) + " is not an object";
+        }
+        objectDue = false;
+        if (c == '"') {
+            inString = true;
+        } else if (c == '{' || c == '[') {
+            if (open.size() >= static_cast<size_t>(kFileListDepthLimit)) {
+                return {};  // jsoncpp refuses this depth itself, before it costs anything
+            }
+            open.push_back(Open{c, at, 0});
+            if (open.size() > kMaxListLevels && tooDeepAt == std::string::npos) {
+                tooDeepAt = at;
+            }
+            objectDue = c == '[' && open.size() == 2 && open.front().kind == '{';
+        } else if (c == '}' || c == ']') {
+            if (!open.empty()) {
+                if (open.size() == kMaxListLevels && at - open.back().start > kMaxEntryBytes) {
+                    return "an entry at byte " + std::to_string(open.back().start) + " is longer than " +
+                           std::to_string(kMaxEntryBytes) + " bytes";
+                }
+                open.pop_back();
+            }
+        } else if (c == ',' && !open.empty()) {
+            Open& current = open.back();
+            ++current.elements;
+            if (current.kind == '[' && current.elements >= kMaxListElements) {
+                return "more than " + std::to_string(kMaxListElements) + " entries";
+            }
+            if (current.kind == '{' && current.elements >= kMaxEntryKeys) {
+                return "an object at byte " + std::to_string(current.start) + " has more than " +
+                       std::to_string(kMaxEntryKeys) + " keys";
+            }
+            if (open.size() == kMaxListLevels && at - current.start > kMaxEntryBytes) {
+                return "an entry at byte " + std::to_string(current.start) + " is longer than " +
+                       std::to_string(kMaxEntryBytes) + " bytes";
+            }
+            objectDue = current.kind == '[' && open.size() == 2 && open.front().kind == '{';
+        }
+    }
+    if (tooDeepAt != std::string::npos) {
+        return "nested deeper than a file list at byte " + std::to_string(tooDeepAt);
+    }
+    return {};
+}
 
 // Where `json` has a '/' outside a string (a comment: JSON has no other use
 // for one), or npos. jsoncpp skips comments even in its strict mode.
@@ -43,6 +128,10 @@ inline bool ReadStrictJson(const std::string& json, Json::Value& document, std::
 {
     if (const size_t slash = SlashOutsideStrings(json); slash != std::string::npos) {
         problems = "a comment at byte " + std::to_string(slash) + " (the list is strict JSON)";
+        return false;
+    }
+    if (std::string shape = ListShapeProblem(json); !shape.empty()) {
+        problems = std::move(shape);
         return false;
     }
     Json::CharReaderBuilder builder;

@@ -226,5 +226,52 @@ TEST(ToolHostileSenderTest, AFileListWithCommentsIsRefusedAsNotStrictJson)
     EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
 }
 
+// Offers `json` to a running serve and returns its session line.
+std::string OfferList(ServeProcess& serve, const std::string& json, size_t sessions)
+{
+    RawClient sender(serve.Port());
+    std::vector<Message> heard;
+    EXPECT_TRUE(sender.SendHello());
+    EXPECT_TRUE(sender.ReadMessagesUntil(LastIs<FileListRequest>, heard, 10s));
+    EXPECT_TRUE(sender.SendMessage(FileListMessage{json}));
+    sender.ReadMessagesUntil(LastIs<Disconnect>, heard, 20s);
+    const std::vector<std::string> lines = serve.WaitForSessions(sessions, 20s);
+    return lines.size() >= sessions ? lines[sessions - 1] : std::string();
+}
+
+TEST(ToolHostileSenderTest, ListsOfTheWrongShapeAreRefusedBeforeTheyAreParsed)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    ServeProcess serve(scratch, dest);
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    const pid_t pid = serve.Process().Pid();
+
+    std::string zeros = R"({"root":"/remote","fileList":[0)";
+    for (int index = 1; index < 4'000'000; ++index) {
+        zeros += ",0";
+    }
+    zeros += "]}";
+    std::string keys = R"({"root":"/remote","fileList":[{"filePath":"","fileName":"a","attribute":128,"mode":420,)"
+                       R"("fileSize":3)";
+    for (int index = 0; index < 1'000'000; ++index) {
+        keys += ",\"k" + std::to_string(index) + "\":0";
+    }
+    keys += "}]}";
+
+    const uint64_t before = PeakKiB(pid);
+    EXPECT_NE(OfferList(serve, zeros, 1).find("entry 0 is not an object"), std::string::npos)
+        << serve.Process().Describe();
+    EXPECT_NE(OfferList(serve, keys, 2).find("has more than 32 keys"), std::string::npos)
+        << serve.Process().Describe();
+    const uint64_t peak = PeakKiB(pid);
+    // The texts are 8 and 16 MiB; each is held a few times over, never parsed.
+    EXPECT_LT(peak, before + 64 * 1024) << "peak went from " << before << " KiB to " << peak << " KiB";
+    std::cout << "[ FIGURE   ] serve peak " << before << " KiB -> " << peak
+              << " KiB after lists of 4,000,000 zeros (8 MiB) and 1,000,000 keys (16 MiB)\n";
+    EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
+}
+
 }  // namespace
 }  // namespace xferfm::tcptest
