@@ -275,3 +275,36 @@ TEST(ToolHostileSenderTest, ListsOfTheWrongShapeAreRefusedBeforeTheyAreParsed)
 
 }  // namespace
 }  // namespace xferfm::tcptest
+
+namespace xferfm::tcptest {
+namespace {
+
+TEST(ToolHostileSenderTest, ThousandsOfRefusedEntriesPrintTwentyLinesAndACount)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    std::string json = R"({"root":"/remote","fileList":[)";
+    for (int index = 0; index < 5000; ++index) {
+        json += std::string(index ? "," : "") + R"({"filePath":"","fileName":"bad\\x)" + std::to_string(index) +
+                R"(","attribute":128,"mode":420,"fileSize":3})";
+    }
+    json += "]}";
+    RawClient sender(serve.Port());
+    std::vector<Message> heard;
+    ASSERT_TRUE(sender.SendHello());
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<FileListRequest>, heard, 10s));
+    ASSERT_TRUE(sender.SendMessage(FileListMessage{json}));
+    sender.ReadMessagesUntil(LastIs<Disconnect>, heard, 20s);
+    sender.Close();
+    ASSERT_TRUE(serve.Process().WaitExit(20s)) << serve.Process().Describe();
+    EXPECT_EQ(LinesWith(serve.Process().Stderr(), "not copied: ").size(), 20u);
+    EXPECT_EQ(LinesWith(serve.Process().Stderr(), "more entries not copied; the session line counts them").size(), 1u);
+    EXPECT_EQ(LinesWith(serve.Process().Stdout(), "refused 5000 of 5000 entries").size(), 1u)
+        << serve.Process().Stdout();
+}
+
+}  // namespace
+}  // namespace xferfm::tcptest
