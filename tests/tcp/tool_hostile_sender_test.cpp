@@ -308,3 +308,56 @@ TEST(ToolHostileSenderTest, ThousandsOfRefusedEntriesPrintTwentyLinesAndACount)
 
 }  // namespace
 }  // namespace xferfm::tcptest
+
+namespace xferfm::tcptest {
+namespace {
+
+TEST(ToolHostileSenderTest, AnEntryWhosePathWouldExceedTheSystemLimitIsRefusedAloneAndTheRestIsCopied)
+{
+    TempDir scratch;
+    const std::string dest = scratch / "dest";
+    fs::create_directories(dest);
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    // Sixteen directories of 254-byte names: legal one by one, too long together.
+    std::string json = R"({"root":"/remote","fileList":[)";
+    std::string parent;
+    for (int depth = 0; depth < 16; ++depth) {
+        const std::string name(254, static_cast<char>('a' + depth));
+        json += R"({"filePath":")" + parent + R"(","fileName":")" + name + R"(","attribute":16,"mode":493,)" +
+                R"("fileSize":0},)";
+        parent += (parent.empty() ? "" : "/") + name;
+    }
+    json += R"({"filePath":"","fileName":"ok.txt","attribute":128,"mode":420,"fileSize":3}]})";
+    RawClient sender(serve.Port());
+    std::vector<Message> heard;
+    ASSERT_TRUE(sender.SendHello());
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<FileListRequest>, heard, 10s));
+    ASSERT_TRUE(sender.SendMessage(FileListMessage{json}));
+    size_t handled = 0;
+    uint32_t nextId = 3;
+    while (sender.ReadMessagesUntil([&](const std::vector<Message>& m) { return m.size() > handled; }, heard, 10s)) {
+        for (; handled < heard.size(); ++handled) {
+            if (const auto* request = std::get_if<NextFileRequest>(&heard[handled])) {
+                const bool file = request->name == "ok.txt";
+                sender.SendMessage(FileStart{request->taskId, nextId, request->name, !file, file ? 3u : 0u,
+                                             request->totalSize, 50});
+                nextId += 2;
+            } else if (const auto* accept = std::get_if<FileAccept>(&heard[handled])) {
+                sender.SendMessage(FileData{accept->transferId, {'o', 'k', '\n'}});
+            }
+        }
+        if (LastIs<Disconnect>(heard)) {
+            break;
+        }
+    }
+    sender.Close();
+    ASSERT_TRUE(serve.Process().WaitExit(20s)) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), 7) << serve.Process().Describe();
+    EXPECT_GE(LinesWith(serve.Process().Stderr(), "longer than the system's limit of 4096").size(), 1u)
+        << serve.Process().Describe();
+    EXPECT_TRUE(fs::is_regular_file(dest + "/ok.txt")) << serve.Process().Describe();
+}
+
+}  // namespace
+}  // namespace xferfm::tcptest
