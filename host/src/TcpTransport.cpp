@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 
 #include "DurationText.h"
 #include "SystemErrorText.h"
+#include "ThreadName.h"
 #include "WakeEvent.h"
 
 namespace orin::xfer::host {
@@ -36,12 +36,6 @@ struct OutFrame {
     uint64_t controlBytes = 0;  // counted against the bound on unread replies
 };
 
-void NameThisThread(const std::string& base, const char* suffix)
-{
-    const std::string name = (base + suffix).substr(0, 15);
-    pthread_setname_np(pthread_self(), name.c_str());
-}
-
 // A fixed buffer size turns the kernel's autotuning off and is cut to the
 // system's limit, so it is only asked for where the limit allows it whole.
 void AskBufferSize(int fd, int option, const char* limitFile, int bytes)
@@ -54,6 +48,7 @@ void AskBufferSize(int fd, int option, const char* limitFile, int bytes)
 }
 
 using detail::DurationText;
+using detail::NameThisThread;
 
 }  // namespace
 
@@ -111,16 +106,10 @@ public:
             FailLink("cannot send to " + mPeer + ": " + error);
             return false;
         }
-        if (IsDataMessage(message)) {
-            frame.dataBytes = frame.bytes.size();
-        } else {
-            frame.controlBytes = frame.bytes.size();
-        }
+        (IsDataMessage(message) ? frame.dataBytes : frame.controlBytes) = frame.bytes.size();
         std::unique_lock<std::mutex> lock(mMutex);
+        // Control frames never wait here: unbounded, a peer that does not read would grow them without end.
         if (mQueuedControlBytes > 0 && mQueuedControlBytes + frame.controlBytes > mOptions.maxQueuedControlBytes) {
-            // Control frames never wait in Send, so a peer that does not
-            // read them would grow this queue without end. A single larger
-            // one (a big file list) still goes when none are queued.
             lock.unlock();
             FailLink("the peer " + mPeer + " does not read what it is sent (" +
                      std::to_string(mOptions.maxQueuedControlBytes) + " bytes of replies wait)");
@@ -216,7 +205,7 @@ private:
 
     void WriterLoop()
     {
-        NameThisThread(mOptions.threadName, "-wr");
+        NameThisThread(mOptions.threadName + "-wr");
         auto lastWrite = Clock::now();
         std::unique_lock<std::mutex> lock(mMutex);
         while (!mLinkDown) {
@@ -302,7 +291,7 @@ private:
         {
             const std::lock_guard<std::mutex> lock(mMutex);
         }
-        NameThisThread(mOptions.threadName, "-rd");
+        NameThisThread(mOptions.threadName + "-rd");
         std::vector<uint8_t> buffer(kReadBufferBytes);
         FrameDecoder decoder(mOptions.limits);
         std::vector<Message> messages;
