@@ -222,7 +222,9 @@ ReceivedSession ReceiveSession::Run()
     const auto started = Clock::now();
     std::string startFailure;
     {
-        ReceiverEndpoint receiver(MakeLink(), options);
+        std::unique_ptr<ITransport> link = MakeLink();
+        ITransport* const linkToSender = link.get();  // owned by the endpoint, which outlives its use here
+        ReceiverEndpoint receiver(std::move(link), options);
         std::string error;
         if (receiver.Start(error)) {
             mSetup.onCacheDirectory(receiver.CacheDirectory());
@@ -247,6 +249,9 @@ ReceivedSession ReceiveSession::Run()
             } else if (mState == State::kAwaitingList && Clock::now() - started > mOptions.listTimeout) {
                 mCancelCause = CancelCause::kListTimeout;
                 SetState(State::kCancelling, "no file list within the time-out");
+                // The sender hears why before the endpoint's own "cancelled",
+                // which it then ignores: it was not cancelled by anyone.
+                linkToSender->Send(Disconnect{false, "no file list within " + DurationText(mOptions.listTimeout)});
                 receiver.Cancel();
             } else if (mState == State::kReceiving &&
                        Clock::now() - mEndpointObserver.LastProgress() > mOptions.progressTimeout) {

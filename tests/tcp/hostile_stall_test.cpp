@@ -122,3 +122,27 @@ TEST(HostileStallTest, ASlowSenderWhoseEveryStepMovesDataIsNotCutThoughTheWholeC
 
 }  // namespace
 }  // namespace xferfm::tcptest
+
+namespace xferfm::tcptest {
+namespace {
+
+TEST(HostileStallTest, ASenderThatOffersNoListHearsTheListTimeOutNotACancel)
+{
+    TempDir scratch;
+    WriteText(scratch / "dest/.keep", "");
+    NetworkReceiverOptions options;
+    options.listTimeout = 300ms;
+    LoopbackReceiver receiver(scratch / "dest", options);
+    RawClient silent(receiver.Address().port);
+    ASSERT_TRUE(silent.SendHello());
+    std::vector<Message> heard;
+    ASSERT_TRUE(silent.ReadMessagesUntil(
+        [](const std::vector<Message>& m) { return !m.empty() && std::holds_alternative<Disconnect>(m.back()); },
+        heard, 10s));
+    const Disconnect& goodbye = std::get<Disconnect>(heard.back());
+    EXPECT_EQ(goodbye.reason, "no file list within 0.3 s");
+    EXPECT_EQ(ReasonOf(goodbye), DisconnectReason::kFailed);
+}
+
+}  // namespace
+}  // namespace xferfm::tcptest
