@@ -29,7 +29,10 @@ using Creator = std::function<int(const std::string& path)>;
 
 // Creates the entry under its own name or, when that is taken, under the
 // first free name the proposer gives; 0 and the final path, or the errno
-// of the failure.
+// of the failure. A name is taken whatever holds it, a dangling symbolic
+// link included: when the proposer offers a name already tried or one that
+// exists (its own test follows links), the number in it is counted up,
+// "a(1).txt" -> "a(2).txt", "ok.txt" -> "ok(1).txt", until one is free.
 int ClaimName(const std::string& parent, const std::string& name, bool isDirectory, const NameProposer& propose,
               const Creator& create, std::string& finalPath);
 

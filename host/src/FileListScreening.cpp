@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include <climits>
 #include <exception>
 #include <unordered_set>
 
@@ -22,6 +23,24 @@ bool readDocument(const std::string& json, Json::Value& document)
     }
 }
 
+// The longest path an entry takes on its way: through the cache directory
+// (".xferfm-cache-XXXXXX/" under the root), and under a duplicate name
+// ("(N)" added) when its own is taken.
+constexpr size_t kPathOverhead = sizeof("/.xferfm-cache-XXXXXX/") - 1 + sizeof("(1000)") - 1;
+
+// A legal name can still make a path the system refuses; such an entry is
+// refused on its own, with the reason, so the rest of the list is copied.
+bool FitsUnderDestination(const std::string& destinationRoot, const std::string& name, std::string& error)
+{
+    const size_t length = destinationRoot.size() + kPathOverhead + name.size();
+    if (destinationRoot.empty() || length < PATH_MAX) {
+        return true;
+    }
+    error = "refused remote name " + QuoteRemoteName(name) + ": under the destination its path would be " +
+            std::to_string(length) + " bytes, longer than the system's limit of " + std::to_string(PATH_MAX);
+    return false;
+}
+
 // Empty when the entry may be copied; otherwise the refusal, naming it.
 std::string refusalOf(const std::string& filePath, const std::string& name, bool isDirectory,
                       const std::string& destinationRoot, std::unordered_set<std::string>& refusedDirectories)
@@ -30,7 +49,8 @@ std::string refusalOf(const std::string& filePath, const std::string& name, bool
     if (!filePath.empty() && refusedDirectories.count(filePath) != 0) {
         error = "refused remote name " + QuoteRemoteName(name) + ": it lies inside the refused directory " +
                 QuoteRemoteName(filePath);
-    } else if (CheckRemoteName(name, error) && CheckDestinationParents(destinationRoot, name, error)) {
+    } else if (CheckRemoteName(name, error) && CheckDestinationParents(destinationRoot, name, error) &&
+               FitsUnderDestination(destinationRoot, name, error)) {
         return "";
     }
     if (isDirectory) {

@@ -1,12 +1,14 @@
 // The serve loop: one session at a time, the senders that come meanwhile
 // held in a WaitingRoom, which is the listener's only user while a session
-// runs. Stop only raises a flag: the loop and the session in progress poll
+// runs. Everyone turned away leaves through one Farewells, so no goodbye
+// ever waits on the accepting thread. Stop only raises a flag: the loop and the session in progress poll
 // it, so no endpoint is ever called from the host's stopping thread.
 #include "xferfm/host/NetworkReceiver.h"
 
 #include <deque>
 #include <thread>
 
+#include "Farewells.h"
 #include "ReceiveSession.h"
 #include "WaitingRoom.h"
 
@@ -34,6 +36,7 @@ std::string NetworkReceiver::ActiveCacheDirectory() const
 void NetworkReceiver::Run()
 {
     unsigned sessions = 0;
+    Farewells farewells;
     std::deque<WaitingSender> waiting;  // connected while the last session ran
     while (!mStopRequested.load()) {
         TcpSocket connection;
@@ -55,7 +58,7 @@ void NetworkReceiver::Run()
             }
         }
         ++sessions;
-        WaitingRoom room(mListener, std::move(waiting), mOptions.waitingPatience,
+        WaitingRoom room(mListener, std::move(waiting), farewells, mOptions.waitingPatience,
                          BusyDisconnect(mOptions.serverName, sessions),
                          [this](const std::string& peer) { mObserver.OnTurnedAway(peer); });
         detail::ReceiveSessionSetup setup;
@@ -74,8 +77,8 @@ void NetworkReceiver::Run()
             const std::string finished = mOptions.serverName + " has finished its " +
                                          (sessions == 1 ? std::string("one session")
                                                         : std::to_string(sessions) + " sessions");
-            for (const WaitingSender& sender : waiting) {
-                WaitingRoom::TurnAway(sender.connection, Disconnect{false, finished});
+            for (WaitingSender& sender : waiting) {
+                farewells.Add(std::move(sender.connection), Disconnect{false, finished});
             }
             return;
         }

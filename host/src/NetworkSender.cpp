@@ -4,11 +4,24 @@
 // it is called without the lock held (its observer may call Cancel).
 #include "xferfm/host/NetworkSender.h"
 
+#include <algorithm>
+
 #include "DigestOfferingLink.h"
+#include "DurationText.h"
 #include "HostLog.h"
+#include "ListRequestVersionCheck.h"
+#include "ProgressWatchingLink.h"
 #include "xferfm/host/TcpTransport.h"
 
 namespace orin::xfer::host {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// WaitFinished waits in slices this long, checking progress between them.
+constexpr std::chrono::milliseconds kProgressCheck{200};
+
+}  // namespace
 
 NetworkSender::NetworkSender(NetworkSenderOptions options) : mOptions(std::move(options)) {}
 
@@ -64,8 +77,18 @@ NetworkSender::OfferResult NetworkSender::Offer(const std::vector<std::string>& 
 {
     TcpTransportOptions linkOptions;
     linkOptions.threadName = "xfer-send";
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mLastProgress = Clock::now();
+    }
+    auto checked = std::make_unique<ListRequestVersionCheck>(
+        std::make_unique<TcpTransport>(std::move(mConnection), linkOptions));
+    auto watched = std::make_unique<ProgressWatchingLink>(std::move(checked), [this] {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mLastProgress = Clock::now();
+        });
     auto link = std::make_unique<DigestOfferingLink>(
-        std::make_unique<TcpTransport>(std::move(mConnection), linkOptions), mOptions.digests,
+        std::move(watched), mOptions.digests,
         [this](const VerifyVerdict& verdict) {
             std::lock_guard<std::mutex> lock(mMutex);
             if (!mVerdict || !verdict.matched) {  // a failure is the last word
@@ -117,8 +140,16 @@ bool NetworkSender::WaitFinished(std::chrono::milliseconds timeout)
     if (endpoint == nullptr) {
         return true;
     }
-    if (!endpoint->WaitFinished(timeout)) {
-        return false;
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (endpoint->WaitFinished(std::clamp(left, std::chrono::milliseconds(0), kProgressCheck))) {
+            break;
+        }
+        CheckProgress(*endpoint);
+        if (Clock::now() >= deadline) {
+            return false;
+        }
     }
     const TransferSummary summary = endpoint->Summary();
     std::lock_guard<std::mutex> lock(mMutex);
@@ -126,6 +157,20 @@ bool NetworkSender::WaitFinished(std::chrono::milliseconds timeout)
         SetState(State::kEnded, summary.error.empty() ? "the copy is complete" : summary.error);
     }
     return true;
+}
+
+// Ends a session whose receiver has moved nothing on for the limit.
+void NetworkSender::CheckProgress(SenderEndpoint& endpoint)
+{
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mState != State::kSending || Clock::now() - mLastProgress <= mOptions.progressTimeout) {
+            return;
+        }
+        mStalled = true;
+        SetState(State::kCancelling, "the receiver moved nothing on for " + detail::DurationText(mOptions.progressTimeout));
+    }
+    endpoint.Cancel();
 }
 
 bool NetworkSender::Finished() const
@@ -162,7 +207,10 @@ SentSession NetworkSender::Result() const
     result.verdict = mVerdict;
     const bool ranToEnd = result.summary.completed || result.summary.partial;
     using Outcome = SentSession::Outcome;
-    if (mCancelRequested && !result.summary.completed) {
+    if (mStalled && !result.summary.completed) {
+        result.outcome = Outcome::kStalled;
+        result.failure = "the receiver moved nothing on for " + detail::DurationText(mOptions.progressTimeout);
+    } else if (mCancelRequested && !result.summary.completed) {
         result.outcome = Outcome::kCancelled;
     } else if (mVerdict && !mVerdict->matched) {
         result.outcome = Outcome::kVerifyFailed;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "DigestCheckingLink.h"
+#include "DurationText.h"
 #include "HostLog.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
@@ -21,13 +22,20 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kPollInterval{200};
 
 // What the receiving endpoint reports during one session.
+// Progress is what the endpoint reports about files: a request, written
+// bytes, a completion. Frames that move nothing (keepalives, repeated
+// acknowledgements, empty data) never count, so a peer cannot hold the
+// receiver by chattering.
 class SessionObserver final : public ReceiverObserver {
 public:
     void OnListReceived(size_t, uint64_t) override
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mListReceived = true;
+        mLastProgress = Clock::now();
     }
+    void OnFileStarted(const std::string&, uint64_t) override { NoteProgress(); }
+    void OnProgress(const std::string&, uint64_t, uint64_t, uint64_t, uint64_t) override { NoteProgress(); }
     void OnFileCompleted(const std::string& name, const std::string& finalPath) override { Record(name, finalPath); }
     void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
     {
@@ -45,6 +53,11 @@ public:
     {
         std::lock_guard<std::mutex> lock(mMutex);
         return mListReceived;
+    }
+    Clock::time_point LastProgress() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mLastProgress;
     }
     std::string Failure() const
     {
@@ -76,10 +89,17 @@ private:
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mFinalPaths[name] = finalPath;
+        mLastProgress = Clock::now();
+    }
+    void NoteProgress()
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mLastProgress = Clock::now();
     }
 
     mutable std::mutex mMutex;
     bool mListReceived = false;
+    Clock::time_point mLastProgress = Clock::now();
     std::string mFailure;
     std::map<std::string, std::string> mFinalPaths;
 };
@@ -88,7 +108,7 @@ class ReceiveSession {
 public:
     enum class State { kStarting, kAwaitingList, kReceiving, kCancelling, kEnded };
     // Why the session was cancelled, when it was.
-    enum class CancelCause { kNone, kStopped, kListTimeout };
+    enum class CancelCause { kNone, kStopped, kListTimeout, kStalled };
 
     ReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup)
         : mSetup(setup), mOptions(*setup.options), mConnection(std::move(connection))
@@ -202,7 +222,9 @@ ReceivedSession ReceiveSession::Run()
     const auto started = Clock::now();
     std::string startFailure;
     {
-        ReceiverEndpoint receiver(MakeLink(), options);
+        std::unique_ptr<ITransport> link = MakeLink();
+        ITransport* const linkToSender = link.get();  // owned by the endpoint, which outlives its use here
+        ReceiverEndpoint receiver(std::move(link), options);
         std::string error;
         if (receiver.Start(error)) {
             mSetup.onCacheDirectory(receiver.CacheDirectory());
@@ -227,6 +249,14 @@ ReceivedSession ReceiveSession::Run()
             } else if (mState == State::kAwaitingList && Clock::now() - started > mOptions.listTimeout) {
                 mCancelCause = CancelCause::kListTimeout;
                 SetState(State::kCancelling, "no file list within the time-out");
+                // The sender hears why before the endpoint's own "cancelled",
+                // which it then ignores: it was not cancelled by anyone.
+                linkToSender->Send(Disconnect{false, "no file list within " + DurationText(mOptions.listTimeout)});
+                receiver.Cancel();
+            } else if (mState == State::kReceiving &&
+                       Clock::now() - mEndpointObserver.LastProgress() > mOptions.progressTimeout) {
+                mCancelCause = CancelCause::kStalled;
+                SetState(State::kCancelling, "no file data moved within the progress time-out");
                 receiver.Cancel();
             }
         }
@@ -260,6 +290,9 @@ void ReceiveSession::Conclude(const std::string& startFailure)
         mResult.outcome = Outcome::kCancelled;
     } else if (mCancelCause == CancelCause::kListTimeout) {
         mResult.outcome = Outcome::kListTimeout;
+    } else if (mCancelCause == CancelCause::kStalled) {
+        mResult.outcome = Outcome::kStalled;
+        mResult.failure = "no file data moved for " + DurationText(mOptions.progressTimeout);
     } else if (!mResult.summary.completed) {
         const std::string failure = mEndpointObserver.Failure();
         mResult.outcome = Outcome::kFailed;

@@ -22,6 +22,10 @@
 //   files the accept is the brake: a file is accepted (FileAccept, which
 //   lets the sender stream it) only while the files accepted before it
 //   still have at most 4 MiB to write, or nothing at all.
+// - Sizes: the engine writes whatever data arrives for a transfer into the
+//   cache and only checks the size at the end. Data beyond a file's
+//   announced size is therefore refused here, before it reaches the engine,
+//   and fails that file at once.
 #include "ReceiverEndpointImpl.h"
 
 #include <map>
@@ -241,6 +245,8 @@ void ReceiverEndpoint::Impl::receiveData(uint32_t senderId, const uint8_t* bytes
 {
     uint32_t taskId = 0;
     uint32_t receiverId = 0;
+    std::string overflow;
+    std::string path;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mLastActivity = Clock::now();
@@ -248,8 +254,21 @@ void ReceiverEndpoint::Impl::receiveData(uint32_t senderId, const uint8_t* bytes
         if (slot == nullptr || slot->isDirectory || mState.Failure()) {
             return;
         }
+        if (size == 0 && slot->fileSize > 0) {
+            return;  // moves nothing; passed on, it would be written and acknowledged as a chunk
+        }
         taskId = slot->taskId;
         receiverId = slot->receiverId;
+        if (!mSlots.RecordDataReceived(senderId, size)) {
+            overflow = "'" + slot->name + "' was announced as " + std::to_string(slot->fileSize) +
+                       " bytes, and the sender sent more";
+            path = slot->name;
+        }
+    }
+    if (!overflow.empty()) {
+        // Refused here, before the engine writes a byte of it to the cache.
+        fail(path, overflow, false);
+        return;
     }
     std::lock_guard<std::mutex> input(mEngineInputMutex);
     if (mAborting) {

@@ -118,6 +118,16 @@ const ReceiverSlot* ReceiverSlotTable::ByReceiverId(uint32_t receiverId) const
     return nullptr;
 }
 
+bool ReceiverSlotTable::RecordDataReceived(uint32_t senderId, uint64_t size)
+{
+    ReceiverSlot* slot = bySenderId(senderId);
+    if (slot == nullptr || size > slot->fileSize - std::min(slot->bytesReceived, slot->fileSize)) {
+        return false;
+    }
+    slot->bytesReceived += size;
+    return true;
+}
+
 const ReceiverSlot* ReceiverSlotTable::BySenderId(uint32_t senderId) const
 {
     for (const ReceiverSlot& slot : mSlots) {

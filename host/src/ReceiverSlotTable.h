@@ -50,6 +50,7 @@ struct ReceiverSlot {
     bool completed = false;
     uint64_t bytesWritten = 0;
     uint64_t chunksWritten = 0;
+    uint64_t bytesReceived = 0;  // data the sender sent for it, written or not
 };
 
 // A FileAccept to send (with the window-0 acknowledgement where needed).
@@ -82,6 +83,10 @@ public:
     // The due accepts that fit now, oldest first, marked accepted.
     std::vector<ReceiverAccept> TakeDueAccepts();
 
+    // `size` bytes of data arrived for the file announced by `senderId`.
+    // False, and nothing counted, when that takes the file beyond its
+    // announced size: such data must never reach the engine.
+    bool RecordDataReceived(uint32_t senderId, uint64_t size);
     // A chunk of a file was written; null when the transfer is not in
     // flight. `ackDue` tells whether the chunk closes an acknowledgement
     // window.

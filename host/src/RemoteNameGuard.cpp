@@ -87,9 +87,29 @@ bool IsValidUtf8(const std::string& text)
 
 namespace {
 
-// Copies `text` with every control character and every byte outside a
-// valid UTF-8 sequence written as \xNN; `escapeQuoting` also escapes '"'
-// and '\\' for a quoted name.
+// A terminal acts on more than the C0 controls: the C1 controls
+// (U+0080..U+009F; U+009B opens an escape sequence on some terminals), and
+// the line separators and direction overrides reorder or break what is
+// shown. Each is written byte by byte as \xNN.
+bool NotPrintable(const std::string& text, size_t at, size_t length)
+{
+    const auto byte = [&](size_t offset) { return static_cast<uint8_t>(text[at + offset]); };
+    if (length == 2) {
+        return byte(0) == 0xC2 && byte(1) <= 0x9F;
+    }
+    if (length == 3 && byte(0) == 0xE2 && byte(1) == 0x80) {
+        return byte(2) == 0x8E || byte(2) == 0x8F || (byte(2) >= 0xA8 && byte(2) <= 0xAE);  // U+200E/F, U+2028..202E
+    }
+    if (length == 3 && byte(0) == 0xE2 && byte(1) == 0x81) {
+        return byte(2) >= 0xA6 && byte(2) <= 0xA9;  // U+2066..2069
+    }
+    return false;
+}
+
+// Copies `text` with every control character, every other character a
+// terminal would act on, and every byte outside a valid UTF-8 sequence
+// written as \xNN; `escapeQuoting` also escapes '"' and '\\' for a quoted
+// name.
 std::string Escaped(const std::string& text, bool escapeQuoting)
 {
     std::string out;
@@ -100,6 +120,13 @@ std::string Escaped(const std::string& text, bool escapeQuoting)
             out += '\\';
             out += static_cast<char>(byte);
             ++at;
+        } else if (length > 1 && NotPrintable(text, at, length)) {
+            for (size_t offset = 0; offset < length; ++offset) {
+                char escaped[8];
+                std::snprintf(escaped, sizeof escaped, "\\x%02X", static_cast<uint8_t>(text[at + offset]));
+                out += escaped;
+            }
+            at += length;
         } else if (length > 1 || (length == 1 && byte >= 0x20 && byte != 0x7F)) {
             out.append(text, at, length);
             at += length;
@@ -152,6 +179,13 @@ bool CheckRemoteName(const std::string& name, std::string& error)
     if (!IsValidUtf8(name)) {
         error = Refusal(name, "it is not valid UTF-8");
         return false;
+    }
+    // In valid UTF-8, 0xC2 followed by 0x80..0x9F is always a C1 control.
+    for (size_t at = 0; at + 1 < name.size(); ++at) {
+        if (static_cast<uint8_t>(name[at]) == 0xC2 && static_cast<uint8_t>(name[at + 1]) <= 0x9F) {
+            error = Refusal(name, "it contains a control character");
+            return false;
+        }
     }
     size_t start = 0;
     for (;;) {

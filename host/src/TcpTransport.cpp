@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -16,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "DurationText.h"
+#include "ThreadName.h"
 #include "xferfm/host/SystemErrorText.h"
 #include "WakeEvent.h"
 
@@ -31,14 +32,9 @@ constexpr size_t kReadBufferBytes = 256u << 10;
 
 struct OutFrame {
     std::vector<uint8_t> bytes;
-    uint64_t dataBytes = 0;  // counted against the backpressure bound
+    uint64_t dataBytes = 0;     // counted against the backpressure bound
+    uint64_t controlBytes = 0;  // counted against the bound on unread replies
 };
-
-void NameThisThread(const std::string& base, const char* suffix)
-{
-    const std::string name = (base + suffix).substr(0, 15);
-    pthread_setname_np(pthread_self(), name.c_str());
-}
 
 // A fixed buffer size turns the kernel's autotuning off and is cut to the
 // system's limit, so it is only asked for where the limit allows it whole.
@@ -51,11 +47,8 @@ void AskBufferSize(int fd, int option, const char* limitFile, int bytes)
     setsockopt(fd, SOL_SOCKET, option, &bytes, sizeof bytes);
 }
 
-std::string Seconds(std::chrono::milliseconds duration)
-{
-    const auto tenths = duration.count() / 100;
-    return std::to_string(tenths / 10) + (tenths % 10 ? "." + std::to_string(tenths % 10) : "") + " s";
-}
+using detail::DurationText;
+using detail::NameThisThread;
 
 }  // namespace
 
@@ -113,10 +106,15 @@ public:
             FailLink("cannot send to " + mPeer + ": " + error);
             return false;
         }
-        if (IsDataMessage(message)) {
-            frame.dataBytes = frame.bytes.size();
-        }
+        (IsDataMessage(message) ? frame.dataBytes : frame.controlBytes) = frame.bytes.size();
         std::unique_lock<std::mutex> lock(mMutex);
+        // Control frames never wait here: unbounded, a peer that does not read would grow them without end.
+        if (mQueuedControlBytes > 0 && mQueuedControlBytes + frame.controlBytes > mOptions.maxQueuedControlBytes) {
+            lock.unlock();
+            FailLink("the peer " + mPeer + " does not read what it is sent (" +
+                     std::to_string(mOptions.maxQueuedControlBytes) + " bytes of replies wait)");
+            return false;
+        }
         if (frame.dataBytes > 0) {
             mSpaceFreed.wait(lock, [this] { return !AcceptingLocked() || mQueuedDataBytes < mOptions.maxQueuedDataBytes; });
         }
@@ -124,6 +122,7 @@ public:
             return false;
         }
         mQueuedDataBytes += frame.dataBytes;
+        mQueuedControlBytes += frame.controlBytes;
         mPeakQueuedDataBytes = std::max(mPeakQueuedDataBytes, mQueuedDataBytes);
         mQueue.push_back(std::move(frame));
         mWriterWake.notify_one();
@@ -206,7 +205,7 @@ private:
 
     void WriterLoop()
     {
-        NameThisThread(mOptions.threadName, "-wr");
+        NameThisThread(mOptions.threadName + "-wr");
         auto lastWrite = Clock::now();
         std::unique_lock<std::mutex> lock(mMutex);
         while (!mLinkDown) {
@@ -214,6 +213,7 @@ private:
                 OutFrame frame = std::move(mQueue.front());
                 mQueue.pop_front();
                 mQueuedDataBytes -= frame.dataBytes;
+                mQueuedControlBytes -= frame.controlBytes;
                 mSpaceFreed.notify_all();
                 lock.unlock();
                 const bool written = WriteAll(frame.bytes);
@@ -272,12 +272,12 @@ private:
                 }
                 if (mFlushAndFinish && now >= mFlushDeadline) {
                     mLinkDown = true;
-                    mFailure = "the peer did not take the last frames within " + Seconds(mOptions.closeFlushTimeout);
+                    mFailure = "the peer did not take the last frames within " + DurationText(mOptions.closeFlushTimeout);
                     return false;
                 }
             }
             if (now - lastProgress >= mOptions.silenceTimeout) {
-                FailLink("the peer " + mPeer + " has taken no data for " + Seconds(mOptions.silenceTimeout));
+                FailLink("the peer " + mPeer + " has taken no data for " + DurationText(mOptions.silenceTimeout));
                 return false;
             }
         }
@@ -291,7 +291,7 @@ private:
         {
             const std::lock_guard<std::mutex> lock(mMutex);
         }
-        NameThisThread(mOptions.threadName, "-rd");
+        NameThisThread(mOptions.threadName + "-rd");
         std::vector<uint8_t> buffer(kReadBufferBytes);
         FrameDecoder decoder(mOptions.limits);
         std::vector<Message> messages;
@@ -345,7 +345,7 @@ private:
             if (ready == 0 && Clock::now() - lastReceived >= mOptions.silenceTimeout) {
                 // Judged only after a poll found nothing, so time spent in
                 // the handler never counts as the peer's silence.
-                reason = "nothing heard from " + mPeer + " for " + Seconds(mOptions.silenceTimeout);
+                reason = "nothing heard from " + mPeer + " for " + DurationText(mOptions.silenceTimeout);
                 break;
             }
             if (ready <= 0) {
@@ -460,6 +460,7 @@ private:
     std::condition_variable mSpaceFreed;  // data left the queue, or the link ended
     std::deque<OutFrame> mQueue;
     uint64_t mQueuedDataBytes = 0;
+    uint64_t mQueuedControlBytes = 0;
     uint64_t mPeakQueuedDataBytes = 0;
     bool mStarted = false;
     bool mLocalClosed = false;

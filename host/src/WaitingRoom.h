@@ -2,7 +2,9 @@
 // waits, without a word from the receiver, for up to `patience` (well
 // inside its link's silence timeout) and becomes the next session if the
 // current one ends by then; one that has waited longer is turned away with
-// a goodbye it can print (BusyDisconnect).
+// a goodbye it can print (BusyDisconnect). At most kMaxWaiting wait; one
+// more is turned away as it arrives. Turning away goes through Farewells,
+// so it never holds up accepting the next.
 //
 // Threading: a WaitingRoom owns one thread from construction until Leave
 // (or destruction), the only user of the listener meanwhile; `onTurnedAway`
@@ -16,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "Farewells.h"
 #include "xferfm/host/TcpListener.h"
 #include "xferfm/host/TransportMessages.h"
 
@@ -28,8 +31,10 @@ struct WaitingSender {
 
 class WaitingRoom {
 public:
+    static constexpr size_t kMaxWaiting = 16;
+
     // `waiting`: senders still waiting from before, oldest first.
-    WaitingRoom(TcpListener& listener, std::deque<WaitingSender> waiting,
+    WaitingRoom(TcpListener& listener, std::deque<WaitingSender> waiting, Farewells& farewells,
                 std::chrono::milliseconds patience, Disconnect busy,
                 std::function<void(const std::string& peer)> onTurnedAway);
     ~WaitingRoom();
@@ -39,14 +44,13 @@ public:
     // Stops accepting and hands over who still waits, oldest first.
     std::deque<WaitingSender> Leave();
 
-    // Turns `sender` away now: hello, the goodbye, end of stream.
-    static void TurnAway(const TcpSocket& connection, const Disconnect& goodbye);
-
 private:
     void run();
     void stop();
+    void turnAway(TcpSocket connection);
 
     TcpListener& mListener;
+    Farewells& mFarewells;
     const std::chrono::milliseconds mPatience;
     const Disconnect mBusy;
     const std::function<void(const std::string&)> mOnTurnedAway;

@@ -215,6 +215,11 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
                          std::to_string(kDefaultServePort) + ", serve's default")
         ->required()
         ->transform(hostDefaultPortTransform());
+    send->add_option("--progress-timeout", options.progressTimeoutSeconds,
+                     "End the send (exit code 12) when the receiver moves nothing on for this long")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.1, 86400.0))
+        ->capture_default_str();
     send->add_option("SOURCE", options.sources, "Files and directories to send")->required();
     send->footer(std::string("An entry whose name the receiver refuses is not sent (a line on stderr names it and "
                              "the rule); the rest is, and the exit code is 7.\n\n") +

@@ -63,6 +63,7 @@ struct ServeOptions : CommonOptions {
 
 struct SendOptions : TransferOptions {
     std::string address;  // HOST:PORT of a serving receiver
+    double progressTimeoutSeconds = 60;  // a receiver that moves nothing on this long ends the send
     std::vector<std::string> sources;
 };
 

@@ -18,6 +18,7 @@ enum class ExitCode : int {
     kPeerBusy = 9,              // send: the receiver is serving another sender
     kCancelledByPeer = 10,      // the other end cancelled the copy
     kEntriesSkipped = 11,       // some source entries cannot be copied and were skipped; the rest arrived
+    kReceiverStalled = 12,      // send: the receiver moved nothing on for the progress time-out
     kInterrupted = 130,         // SIGINT or SIGTERM
 };
 
@@ -41,6 +42,7 @@ inline const char* exitCodeHelp()
            "  10   the other end cancelled the copy\n"
            "  11   some source entries cannot be copied (named on stderr with the reason) and were\n"
            "       skipped; every other entry arrived\n"
+           "  12   send: the receiver moved nothing on for --progress-timeout\n"
            "  130  interrupted (Ctrl-C or SIGTERM); files already complete stay in DEST_DIR,\n"
            "       the file in flight is removed\n";
 }

@@ -11,6 +11,7 @@
 
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
+#include "ServeReport.h"
 #include "SourcePlan.h"
 #include "ToolError.h"
 #include "xferfm/host/NetworkSender.h"
@@ -69,7 +70,15 @@ public:
     // without it, and the totals shrink by a skipped file.
     void OnEntrySkipped(const std::string& sourcePath, const std::string& reason) override
     {
-        mConsole.writeLine("xferfm: not sent: " + host::PrintableText(sourcePath + ": " + reason));
+        switch (refusalLineFor(++mSkipped)) {
+        case RefusalLine::kNamed:
+            mConsole.writeLine("xferfm: not sent: " + host::PrintableText(sourcePath + ": " + reason));
+            break;
+        case RefusalLine::kRestCounted:
+            mConsole.writeLine("xferfm: more entries not sent; the summary counts them");
+            break;
+        case RefusalLine::kSilent: break;
+        }
         const auto file = mFileSizes.find(pathKey(sourcePath));
         if (file != mFileSizes.end()) {
             mTracker.fileSkipped(file->second);
@@ -102,6 +111,7 @@ private:
     StderrConsole& mConsole;
     std::set<std::string> mDirectories;            // fixed after construction
     std::map<std::string, uint64_t> mFileSizes;  // fixed after construction
+    size_t mSkipped = 0;  // entries skipped so far; the endpoint's observer calls are serialised
     mutable std::mutex mMutex;
     bool mFileInFlight = false;
     std::string mFailure;
@@ -155,6 +165,8 @@ int runSend(const SendOptions& options, ToolContext& context)
     ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
     SendProgress progress(tracker, plan, context.console);
     senderOptions.connectTimeout = kConnectTimeout;
+    senderOptions.progressTimeout =
+        std::chrono::milliseconds(static_cast<int64_t>(options.progressTimeoutSeconds * 1000));
     senderOptions.digests = digests;
     senderOptions.endpoint.ackWindow = options.window;
     senderOptions.endpoint.bandwidthKbps = options.bandwidthKbps;
@@ -205,6 +217,9 @@ int runSend(const SendOptions& options, ToolContext& context)
     // What the receiver said is shown with its control bytes escaped.
     if (result.outcome == Outcome::kVerifyFailed) {
         throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + host::PrintableText(result.verdict->Text()));
+    }
+    if (result.outcome == Outcome::kStalled) {
+        throw ToolError(ExitCode::kReceiverStalled, "send failed: " + result.failure);
     }
     if (result.outcome == Outcome::kLinkLost) {
         throw ToolError(ExitCode::kTransferFailed,

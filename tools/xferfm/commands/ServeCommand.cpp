@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <mutex>
 
 #include "ServeReport.h"
 #include "ToolError.h"
@@ -71,9 +72,27 @@ public:
     {
     }
 
+    // One session's refusals come from its delivery thread, in order.
     void OnEntryRefused(unsigned number, const std::string& peer, const host::RefusedEntry& entry) override
     {
-        mContext.console.writeLine(host::PrintableText(sessionPrefix(number, peer) + "not copied: " + entry.reason));
+        size_t count = 0;
+        {
+            std::lock_guard<std::mutex> lock(mRefusalMutex);
+            mRefusals = mRefusalSession == number ? mRefusals + 1 : 1;
+            mRefusalSession = number;
+            count = mRefusals;
+        }
+        switch (refusalLineFor(count)) {
+        case RefusalLine::kNamed:
+            mContext.console.writeLine(
+                host::PrintableText(sessionPrefix(number, peer) + "not copied: " + entry.reason));
+            break;
+        case RefusalLine::kRestCounted:
+            mContext.console.writeLine(host::PrintableText(sessionPrefix(number, peer)) +
+                                       "more entries not copied; the session line counts them");
+            break;
+        case RefusalLine::kSilent: break;
+        }
     }
     void OnSessionEnded(const host::ReceivedSession& session) override
     {
@@ -92,6 +111,9 @@ public:
 private:
     ToolContext& mContext;
     const std::chrono::milliseconds mListTimeout;
+    std::mutex mRefusalMutex;
+    unsigned mRefusalSession = 0;
+    size_t mRefusals = 0;
     int mExitCode = toInt(ExitCode::kInterrupted);
 };
 

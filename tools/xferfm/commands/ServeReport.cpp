@@ -75,6 +75,7 @@ std::string sessionLine(const host::ReceivedSession& session, std::chrono::milli
         line += "failed: the sender offered no file list within " +
                 std::to_string(std::chrono::duration_cast<std::chrono::seconds>(listTimeout).count()) + " s";
         break;
+    case Outcome::kStalled:
     case Outcome::kFailed: line += "failed: " + session.failure; break;
     }
     if (session.outcome != Outcome::kRefused && !session.refused.empty()) {
@@ -92,6 +93,7 @@ int exitCodeOf(const host::ReceivedSession& session)
     case Outcome::kCancelled: return toInt(ExitCode::kInterrupted);
     case Outcome::kRefused: return toInt(ExitCode::kNamesRefused);
     case Outcome::kListTimeout:
+    case Outcome::kStalled:
     case Outcome::kFailed: break;
     }
     return toInt(ExitCode::kTransferFailed);

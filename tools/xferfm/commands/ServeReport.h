@@ -5,17 +5,34 @@
 // The line: "session N from HOST:PORT: ok: received ..." or "...: failed:
 // REASON". A session whose list held refused names copies every other
 // entry and says "failed: refused K of N entries (...); received ..."
-// (each refused entry also got a line on stderr as it was refused).
+// (the first kRefusalLinesPrinted refused entries of a session also got a
+// line on stderr as they were refused, then one line saying the rest are
+// only counted: a hostile list of 100,000 bad names prints 21 lines).
 //
 // Threading: plain functions of their arguments.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
 #include "xferfm/host/NetworkReceiver.h"
 
 namespace xferfm::cli {
+
+// Refused entries named one line each, per session, at either end.
+constexpr size_t kRefusalLinesPrinted = 20;
+
+// What to print for the `count`-th refused entry of a session (1-based):
+// its line, a line saying the rest are only counted, or nothing.
+enum class RefusalLine { kNamed, kRestCounted, kSilent };
+inline RefusalLine refusalLineFor(size_t count)
+{
+    if (count <= kRefusalLinesPrinted) {
+        return RefusalLine::kNamed;
+    }
+    return count == kRefusalLinesPrinted + 1 ? RefusalLine::kRestCounted : RefusalLine::kSilent;
+}
 
 // "session N from HOST:PORT: "
 std::string sessionPrefix(unsigned number, const std::string& peer);

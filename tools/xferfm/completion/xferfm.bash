@@ -39,7 +39,7 @@ _xferfm()
             options="--help --bandwidth --window --verify --log-level --no-progress -p --preserve-perms
                      --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
         send)
-            options="--help --bandwidth --window --verify --log-level --no-progress" ;;
+            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout" ;;
         serve)
             options="--help --listen --once --port-file --log-level" ;;
         demo)

@@ -13,7 +13,9 @@
 // sender hears the verdict) -> ReceiverEndpoint. A sender that offers no
 // list within `listTimeout` is cancelled. A sender that connects during a
 // session waits up to `waitingPatience` for its turn, then is turned away
-// with BusyDisconnect(serverName, session). A failed or hostile session
+// with BusyDisconnect(serverName, session). Once the list is in, a session
+// that moves no file data for `progressTimeout` ends, however busy its
+// sender keeps the link. A failed or hostile session
 // never ends Run; the next sender is taken once it has been torn down.
 //
 // THREADING CONTRACT
@@ -58,6 +60,11 @@ struct NetworkReceiverOptions {
     // A sender must offer its list this soon after connecting: a client
     // that connects and says nothing useful must not hold the receiver.
     std::chrono::milliseconds listTimeout{30000};
+    // Once the list is in, a session that moves no file data this long
+    // ends (outcome kStalled). Progress counts, not frames: a request, a
+    // written chunk or a landed entry restarts it; keepalives, repeated
+    // acknowledgements and empty data frames do not.
+    std::chrono::milliseconds progressTimeout{45000};
     // How long a sender that connects during a session waits for its turn:
     // enough for back-to-back senders, well inside a link's 10 s silence
     // timeout.
@@ -76,6 +83,7 @@ struct ReceivedSession {
         kVerifyFailed,  // everything arrived, but copies differ from their sources
         kCancelled,     // Stop was called during the session
         kListTimeout,   // the sender offered no list within listTimeout
+        kStalled,       // no file data moved for progressTimeout after the list
         kFailed,        // anything else: `failure` says why
     };
     unsigned number = 0;  // 1 for the first session of Run

@@ -7,20 +7,29 @@
 // by) the copy is verified: the digests travel in the file list, the
 // receiver hashes what landed and its verdict comes back typed in Result.
 //
-// The link, innermost first: TcpTransport (frames, liveness) -> a digest
-// offer (adds the digests, reads the verdict, notes a link lost before the
-// receiver's goodbye) -> SenderEndpoint.
+// The link, innermost first: TcpTransport (frames, liveness) -> a check
+// of the list request's protocol version -> a progress watch -> a digest offer (adds the digests, reads the verdict,
+// notes a link lost before the receiver's goodbye) -> SenderEndpoint.
+//
+// Progress: a receiver that moves the copy on for no `progressTimeout`
+// (it never asks for the list, never accepts or acknowledges, only keeps
+// the link alive) ends the session as kStalled. Moving on is asking for
+// the list or an entry, accepting a file, acknowledging more written
+// chunks, refusing an entry; keepalives and repeated acknowledgements are
+// not. The limit also covers the receiver's hashing at the end of a
+// verified copy.
 //
 // The session is a state machine, each change logged with its reason:
 //   kIdle -> kConnecting -> kConnected -> kSending -> kEnded
-//   kSending -> kCancelling (Cancel) -> kEnded
+//   kSending -> kCancelling (Cancel, no progress) -> kEnded
 //   kConnecting / kConnected -> kEnded (no connection; nothing to offer)
 //
 // THREADING CONTRACT
 // 1. Connect and Offer are called once each, in that order, by one host
 //    thread, Offer only after Connect returned true; Connect blocks up to
 //    `connectTimeout`, Offer while the sources are listed. WaitFinished
-//    blocks up to its timeout.
+//    blocks up to its timeout; the progress limit is checked while it
+//    runs, so a host calls it until it returns true.
 // 2. Cancel, Finished, WaitFinished and Result may be called from any
 //    thread (Cancel also from a signal hook or an endpoint observer
 //    callback); Cancel is idempotent.
@@ -49,6 +58,7 @@ namespace orin::xfer::host {
 struct NetworkSenderOptions {
     HostPort address;
     std::chrono::milliseconds connectTimeout{10000};
+    std::chrono::milliseconds progressTimeout{60000};
     SenderOptions endpoint;
     FileDigests digests;  // empty: no verification
 };
@@ -61,6 +71,7 @@ struct SentSession {
         kVerifyFailed,  // the receiver found copies that differ from their sources
         kCancelled,     // Cancel was called
         kLinkLost,      // the link broke before the receiver said goodbye
+        kStalled,       // the receiver moved nothing on for progressTimeout: `failure` says so
         kFailed,        // anything else (the receiver ended it, say): `failure` says why
     };
     Outcome outcome = Outcome::kFailed;
@@ -97,6 +108,7 @@ private:
     static const char* StateName(State state);
     void SetState(State next, const std::string& why);  // with mMutex held
     SenderEndpoint* Endpoint() const;
+    void CheckProgress(SenderEndpoint& endpoint);
 
     const NetworkSenderOptions mOptions;
     TcpSocket mConnection;  // until Offer hands it to the link
@@ -104,6 +116,8 @@ private:
     std::unique_ptr<SenderEndpoint> mEndpoint;  // set by Offer, then fixed until destruction
     State mState = State::kIdle;
     bool mCancelRequested = false;  // the cause, kept past kCancelling
+    bool mStalled = false;          // the other cause
+    std::chrono::steady_clock::time_point mLastProgress;
     std::optional<VerifyVerdict> mVerdict;
     std::optional<std::string> mLinkLost;
 };

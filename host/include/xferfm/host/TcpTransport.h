@@ -14,7 +14,11 @@
 // the socket (a single larger message still goes when no data is queued);
 // the writer itself blocks in the socket's bounded send buffer, so a slow
 // peer slows its sender down. Control messages are queued at once and never
-// wait, and keep their place in the order.
+// wait, and keep their place in the order; a peer that lets more than
+// `maxQueuedControlBytes` of them pile up unread has the link closed (it
+// does not read what it is sent; a single larger one, a big file list,
+// still goes when none are queued), and one that reads nothing at all for
+// `silenceTimeout` likewise, whatever it sends meanwhile.
 //
 // Errors: a frame the decoder rejects, a stream cut inside a frame, a reset
 // or a silent peer closes the link; the handler hears OnTransportClosed with
@@ -48,6 +52,7 @@ namespace orin::xfer::host {
 struct TcpTransportOptions {
     std::string threadName = "xfer-tcp";  // threads are "<name>-rd" and "<name>-wr", cut to 15 chars
     uint64_t maxQueuedDataBytes = 1u << 20;
+    uint64_t maxQueuedControlBytes = 1u << 20;
     std::chrono::milliseconds keepaliveInterval{1000};
     std::chrono::milliseconds silenceTimeout{10000};
     std::chrono::milliseconds closeFlushTimeout{2000};
