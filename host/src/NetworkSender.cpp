@@ -75,6 +75,19 @@ bool NetworkSender::Connect(std::string& error)
 
 NetworkSender::OfferResult NetworkSender::Offer(const std::vector<std::string>& sources, std::string& error)
 {
+    return offer([&sources](SenderEndpoint& endpoint, std::string& why) { return endpoint.Offer(sources, why); },
+                 std::to_string(sources.size()) + " sources offered", error);
+}
+
+NetworkSender::OfferResult NetworkSender::Offer(const SourcePlan& plan, std::string& error)
+{
+    return offer([&plan](SenderEndpoint& endpoint, std::string& why) { return endpoint.Offer(plan, why); },
+                 std::to_string(plan.entries.size()) + " entries offered", error);
+}
+
+NetworkSender::OfferResult NetworkSender::offer(const std::function<bool(SenderEndpoint&, std::string&)>& offerTo,
+                                                const std::string& offeredWhat, std::string& error)
+{
     TcpTransportOptions linkOptions;
     linkOptions.threadName = "xfer-send";
     {
@@ -105,7 +118,7 @@ NetworkSender::OfferResult NetworkSender::Offer(const std::vector<std::string>& 
         mEndpoint = std::make_unique<SenderEndpoint>(std::move(link), mOptions.endpoint);
         endpoint = mEndpoint.get();
     }
-    const bool offered = endpoint->Offer(sources, error);
+    const bool offered = offerTo(*endpoint, error);
     // The receiver may have ended the session before anything was offered
     // (a busy receiver): that, not the sources, is the news.
     const std::string receiverEnded = !offered && endpoint->Finished() ? endpoint->Summary().error : "";
@@ -116,7 +129,7 @@ NetworkSender::OfferResult NetworkSender::Offer(const std::vector<std::string>& 
         return OfferResult::kOffered;
     }
     if (offered) {
-        SetState(State::kSending, std::to_string(sources.size()) + " sources offered");
+        SetState(State::kSending, offeredWhat);
         return OfferResult::kOffered;
     }
     if (!receiverEnded.empty()) {

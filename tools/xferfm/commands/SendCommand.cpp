@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -27,27 +26,18 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kConnectTimeout{10};
 
-// The plan and the endpoint spell a source differently ("a.txt" and
-// "./a.txt", "photos/" and "./photos"): compare them in one form.
-std::string pathKey(const std::string& path)
-{
-    std::string key = std::filesystem::path(path).lexically_normal().string();
-    while (key.size() > 1 && key.back() == '/') {
-        key.pop_back();
-    }
-    return key;
-}
-
 class SendProgress final : public host::SenderObserver {
 public:
     SendProgress(ProgressTracker& tracker, const SourcePlan& plan, StderrConsole& console)
         : mTracker(tracker), mConsole(console)
     {
-        for (const SourceEntry& entry : plan.entries) {
+        // The walk the endpoint offers, so its paths are spelled as the
+        // endpoint reports them.
+        for (const host::SourceEntry& entry : plan.walked.entries) {
             if (entry.isDirectory) {
-                mDirectories.insert(pathKey(entry.sourcePath));
+                mDirectories.insert(entry.sourcePath);
             } else {
-                mFileSizes[pathKey(entry.sourcePath)] = entry.size;
+                mFileSizes[entry.sourcePath] = entry.size;
             }
         }
     }
@@ -55,7 +45,7 @@ public:
     // Called for directories too; only files count as files.
     void OnFileStarted(const std::string& sourcePath, uint64_t) override
     {
-        if (mDirectories.count(pathKey(sourcePath)) != 0) {
+        if (mDirectories.count(sourcePath) != 0) {
             return;
         }
         std::lock_guard<std::mutex> lock(mMutex);
@@ -79,7 +69,7 @@ public:
             break;
         case RefusalLine::kSilent: break;
         }
-        const auto file = mFileSizes.find(pathKey(sourcePath));
+        const auto file = mFileSizes.find(sourcePath);
         if (file != mFileSizes.end()) {
             mTracker.fileSkipped(file->second);
         }
@@ -181,7 +171,7 @@ int runSend(const SendOptions& options, ToolContext& context)
             throw ToolError(ExitCode::kTransferFailed, error);
         }
         started = Clock::now();
-        const host::NetworkSender::OfferResult offered = sender.Offer(options.sources, error);
+        const host::NetworkSender::OfferResult offered = sender.Offer(plan.walked, error);
         if (offered != host::NetworkSender::OfferResult::kOffered) {
             context.engineLog.silence();
             if (offered == host::NetworkSender::OfferResult::kEndedByReceiver) {

@@ -42,6 +42,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -96,6 +97,9 @@ public:
     // False with `error` set when the receiver cannot be reached.
     bool Connect(std::string& error);
     OfferResult Offer(const std::vector<std::string>& sources, std::string& error);
+    // The same for a plan the host has already made (and shown): the
+    // sources are not walked again.
+    OfferResult Offer(const SourcePlan& plan, std::string& error);
 
     bool WaitFinished(std::chrono::milliseconds timeout);
     bool Finished() const;
@@ -104,6 +108,8 @@ public:
     SentSession Result() const;
 
 private:
+    OfferResult offer(const std::function<bool(SenderEndpoint&, std::string&)>& offerTo, const std::string& offeredWhat,
+                      std::string& error);
     enum class State { kIdle, kConnecting, kConnected, kSending, kCancelling, kEnded };
     static const char* StateName(State state);
     void SetState(State next, const std::string& why);  // with mMutex held
