@@ -11,6 +11,7 @@
 #include <iostream>
 #include <mutex>
 
+#include "DestinationDir.h"
 #include "ServeReport.h"
 #include "ToolError.h"
 #include "xferfm/host/TreeRemoval.h"
@@ -22,28 +23,6 @@ namespace xferfm::cli {
 namespace {
 
 namespace host = orin::xfer::host;
-
-// DEST_DIR as an absolute path, or ToolError when it cannot receive.
-std::string usableDestination(const std::string& destinationDir)
-{
-    struct stat status {};
-    char resolved[PATH_MAX];
-    int error = 0;
-    if (::stat(destinationDir.c_str(), &status) != 0) {
-        error = errno;
-    } else if (!S_ISDIR(status.st_mode)) {
-        error = ENOTDIR;
-    } else if (::access(destinationDir.c_str(), W_OK | X_OK) != 0) {
-        error = errno;
-    } else if (::realpath(destinationDir.c_str(), resolved) == nullptr) {
-        error = errno;
-    }
-    if (error != 0) {
-        throw ToolError(ExitCode::kDestinationUnusable,
-                        "cannot receive into '" + destinationDir + "': " + SystemErrorText(error));
-    }
-    return resolved;
-}
 
 // Written whole or not at all, so a reader never sees half a number.
 void writePortFile(const std::string& path, uint16_t port)
@@ -121,7 +100,7 @@ private:
 
 int runServe(const ServeOptions& options, ToolContext& context)
 {
-    const std::string destination = usableDestination(options.destinationDir);
+    const std::string destination = usableDestinationDir(options.destinationDir, DestinationNeed::kWritableDirectory, "cannot receive into");
     host::HostPort address;
     std::string error;
     if (!host::ParseHostPort(options.listen, address, error)) {
