@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "LinkTestSupport.h"
+#include "ServingReceiver.h"
 #include "TempDir.h"
 #include "TestSupport.h"
 #include "TreeCompare.h"
@@ -23,72 +24,6 @@ namespace {
 using namespace orin::xfer::test;
 
 using namespace std::chrono_literals;
-
-// Records what the receiver reports, for the test thread to read.
-class SessionLog final : public NetworkReceiverObserver {
-public:
-    void OnSessionEnded(const ReceivedSession& session) override
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mSessions.push_back(session);
-    }
-    void OnTurnedAway(const std::string& peer) override
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mTurnedAway.push_back(peer);
-    }
-    std::vector<ReceivedSession> Sessions() const
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mSessions;
-    }
-    size_t TurnedAwayCount() const
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mTurnedAway.size();
-    }
-
-private:
-    mutable std::mutex mMutex;
-    std::vector<ReceivedSession> mSessions;
-    std::vector<std::string> mTurnedAway;
-};
-
-// A NetworkReceiver running on its own thread until the test ends.
-class ServingReceiver {
-public:
-    ServingReceiver(const std::string& destination, NetworkReceiverOptions options = {})
-        : mListener(HostPort{"127.0.0.1", 0}, mError)
-    {
-        options.destinationDir = destination;
-        mReceiver = std::make_unique<NetworkReceiver>(mListener, options, mLog);
-        mThread = std::thread([this] { mReceiver->Run(); });
-    }
-    ~ServingReceiver() { Stop(); }
-
-    // Stops the receiver and waits for Run to return.
-    void Stop()
-    {
-        mReceiver->Stop();
-        if (mThread.joinable()) {
-            mThread.join();
-        }
-    }
-
-    HostPort Address() const { return HostPort{"127.0.0.1", mListener.Port()}; }
-    const SessionLog& Log() const { return mLog; }
-    bool WaitForSessions(size_t count) const
-    {
-        return waitUntil([this, count] { return mLog.Sessions().size() >= count; }, 20s);
-    }
-
-private:
-    std::string mError;
-    TcpListener mListener;
-    SessionLog mLog;
-    std::unique_ptr<NetworkReceiver> mReceiver;
-    std::thread mThread;
-};
 
 // Connects, offers and waits (bounded) for the end of the copy.
 SentSession SendOver(const HostPort& address, const std::vector<std::string>& sources, FileDigests digests = {})
@@ -118,7 +53,7 @@ TEST(NetworkSessionTest, ASenderCopiesATreeToAReceiverOverLoopback)
     WriteText(scratch / "src/a.txt", "hello");
     WriteBytes(scratch / "src/tree/b.bin", PatternBytes(300000, 7));
     WriteText(scratch / "dest/.keep", "");
-    ServingReceiver receiver(scratch / "dest");
+    LoopbackReceiver receiver(scratch / "dest");
 
     const SentSession sent = SendOver(receiver.Address(), {scratch / "src/a.txt", scratch / "src/tree"});
     EXPECT_EQ(sent.outcome, SentSession::Outcome::kCompleted) << sent.failure << sent.summary.error;
@@ -139,7 +74,7 @@ TEST(NetworkSessionTest, AVerifiedCopyBringsTheMatchingVerdictTypedToBothEnds)
     WriteText(scratch / "src/a.txt", "abc");
     WriteText(scratch / "src/b.txt", "defg");
     WriteText(scratch / "dest/.keep", "");
-    ServingReceiver receiver(scratch / "dest");
+    LoopbackReceiver receiver(scratch / "dest");
 
     const SentSession sent =
         SendOver(receiver.Address(), {scratch / "src/a.txt", scratch / "src/b.txt"},
@@ -161,7 +96,7 @@ TEST(NetworkSessionTest, ACopyThatDiffersFromItsDigestIsAVerifyFailureAtBothEnds
     TempDir scratch;
     WriteText(scratch / "src/a.txt", "abc");
     WriteText(scratch / "dest/.keep", "");
-    ServingReceiver receiver(scratch / "dest");
+    LoopbackReceiver receiver(scratch / "dest");
 
     const std::string otherDigest(64, '0');
     const SentSession sent = SendOver(receiver.Address(), {scratch / "src/a.txt"}, FileDigests{{"a.txt", otherDigest}});
@@ -185,7 +120,7 @@ TEST(NetworkSessionTest, ASenderArrivingDuringASessionIsTurnedAwayAsBusyOnceItsP
     NetworkReceiverOptions options;
     options.serverName = "the test receiver";
     options.waitingPatience = 100ms;
-    ServingReceiver receiver(scratch / "dest", options);
+    LoopbackReceiver receiver(scratch / "dest", options);
 
     RawClient first(receiver.Address().port);  // says hello, then offers nothing: the session waits for its list
     ASSERT_TRUE(first.SendHello());
@@ -217,7 +152,7 @@ TEST(NetworkSessionTest, StopCancelsTheSessionInProgress)
 {
     TempDir scratch;
     WriteText(scratch / "dest/.keep", "");
-    ServingReceiver receiver(scratch / "dest");
+    LoopbackReceiver receiver(scratch / "dest");
     RawClient client(receiver.Address().port);
     ASSERT_TRUE(client.SendHello());
     std::vector<Message> heard;
@@ -248,7 +183,7 @@ TEST(NetworkSessionTest, ASenderThatOffersNoListInTimeEndsItsSessionAsAListTimeO
     WriteText(scratch / "dest/.keep", "");
     NetworkReceiverOptions options;
     options.listTimeout = 300ms;
-    ServingReceiver receiver(scratch / "dest", options);
+    LoopbackReceiver receiver(scratch / "dest", options);
 
     RawClient silent(receiver.Address().port);
     ASSERT_TRUE(silent.SendHello());

@@ -49,14 +49,17 @@ private:
 
 class LoopbackReceiver {
 public:
-    LoopbackReceiver(const std::string& destination, NetworkReceiverOptions options)
+    explicit LoopbackReceiver(const std::string& destination, NetworkReceiverOptions options = {})
         : mListener(HostPort{"127.0.0.1", 0}, mError)
     {
         options.destinationDir = destination;
         mReceiver = std::make_unique<NetworkReceiver>(mListener, options, mLog);
         mThread = std::thread([this] { mReceiver->Run(); });
     }
-    ~LoopbackReceiver()
+    ~LoopbackReceiver() { Stop(); }
+
+    // Stops the receiver and waits for Run to return.
+    void Stop()
     {
         mReceiver->Stop();
         if (mThread.joinable()) {
