@@ -6,11 +6,13 @@ namespace orin::xfer::host {
 
 DigestOfferingLink::DigestOfferingLink(std::unique_ptr<ITransport> inner, FileDigests digests,
                                        std::function<void(const VerifyVerdict&)> onVerdict,
-                                       std::function<void(const std::string&)> onLinkLost)
+                                       std::function<void(const std::string&)> onLinkLost,
+                                       std::function<void(DisconnectReason)> onGoodbye)
     : ForwardingTransport(std::move(inner)),
       mDigests(std::move(digests)),
       mOnVerdict(std::move(onVerdict)),
-      mOnLinkLost(std::move(onLinkLost))
+      mOnLinkLost(std::move(onLinkLost)),
+      mOnGoodbye(std::move(onGoodbye))
 {
 }
 
@@ -33,6 +35,9 @@ void DigestOfferingLink::OnMessage(Message message)
     if (const auto* goodbye = std::get_if<Disconnect>(&message)) {
         mGoodbyeReceived = true;
         verdict = VerdictOf(*goodbye);
+        if (mOnGoodbye) {
+            mOnGoodbye(ReasonOf(*goodbye));
+        }
     } else if (const auto* error = std::get_if<TransferError>(&message)) {
         verdict = VerdictOf(*error);
     }

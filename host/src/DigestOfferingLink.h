@@ -23,7 +23,8 @@ class DigestOfferingLink final : public ForwardingTransport {
 public:
     DigestOfferingLink(std::unique_ptr<ITransport> inner, FileDigests digests,
                        std::function<void(const VerifyVerdict&)> onVerdict,
-                       std::function<void(const std::string& reason)> onLinkLost);
+                       std::function<void(const std::string& reason)> onLinkLost,
+                       std::function<void(DisconnectReason reason)> onGoodbye = {});
     ~DigestOfferingLink() override;
 
     bool Send(Message message) override;
@@ -35,6 +36,7 @@ private:
     const FileDigests mDigests;
     const std::function<void(const VerifyVerdict&)> mOnVerdict;
     const std::function<void(const std::string&)> mOnLinkLost;
+    const std::function<void(DisconnectReason)> mOnGoodbye;
     bool mGoodbyeReceived = false;  // delivery thread only
 };
 

@@ -111,6 +111,10 @@ NetworkSender::OfferResult NetworkSender::offer(const std::function<bool(SenderE
         [this](const std::string& reason) {
             std::lock_guard<std::mutex> lock(mMutex);
             mLinkLost = reason;
+        },
+        [this](DisconnectReason reason) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mGoodbye = reason;
         });
     SenderEndpoint* endpoint = nullptr;
     {
@@ -218,6 +222,7 @@ SentSession NetworkSender::Result() const
     }
     std::lock_guard<std::mutex> lock(mMutex);
     result.verdict = mVerdict;
+    result.goodbye = mGoodbye;
     const bool ranToEnd = result.summary.completed || result.summary.partial;
     using Outcome = SentSession::Outcome;
     if (mStalled && !result.summary.completed) {

@@ -83,7 +83,7 @@ TEST_F(DisconnectTest, ReceiverKilledMidFileFailsTheSenderClearly)
     const auto killed = Clock::now();
     ASSERT_TRUE(sender.WaitExit(10s)) << sender.Describe();
     EXPECT_LT(Clock::now() - killed, 5s);
-    EXPECT_EQ(sender.ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << sender.Describe();
+    EXPECT_EQ(sender.ExitCode(), toInt(cli::ExitCode::kLinkFailed)) << sender.Describe();
     EXPECT_NE(sender.Stderr().find("xferfm: send failed: the link to the receiver was lost: "), std::string::npos)
         << sender.Describe();
 }

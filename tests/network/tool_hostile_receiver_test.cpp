@@ -133,7 +133,7 @@ TEST(ToolHostileReceiverTest, AListRequestOfAnotherProtocolVersionIsRefusedNotAn
     EXPECT_EQ(std::get<Disconnect>(heard.back()).reason,
               "the receiver asks for the list with protocol version 1, this end speaks 2");
     ASSERT_TRUE(sender.WaitExit(10s));
-    EXPECT_EQ(sender.ExitCode(), 1) << sender.Describe();
+    EXPECT_EQ(sender.ExitCode(), toInt(cli::ExitCode::kLinkFailed)) << sender.Describe();
     EXPECT_EQ(LinesWith(sender.Stderr(), "protocol version 1, this end speaks 2").size(), 1u) << sender.Describe();
 }
 

@@ -126,7 +126,7 @@ TEST(ToolHostileSenderTest, ASenderThatDoesNotReadItsAcknowledgementsIsCutWithBo
     const auto started = Clock::now();
     Flood(sender, FileData{3, {'x'}}, size, serve.Process().Pid(), peak);  // kernel buffers may take it all
     ASSERT_TRUE(serve.Process().WaitExit(20s)) << serve.Process().Describe();
-    EXPECT_EQ(serve.Process().ExitCode(), 1) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << serve.Process().Describe();
     EXPECT_EQ(LinesWith(serve.Process().Stdout(), "does not read what it is sent").size(), 1u)
         << serve.Process().Describe();
     EXPECT_LT(Clock::now() - started, 15s);
@@ -163,7 +163,7 @@ TEST(ToolHostileSenderTest, DataBeyondTheAnnouncedSizeFailsThatFileAtOnceAndNeve
         largestCache = std::max(largestCache, CacheBytes(dest));
     }
     ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
-    EXPECT_EQ(serve.Process().ExitCode(), 1) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << serve.Process().Describe();
     EXPECT_EQ(LinesWith(serve.Process().Stdout(), "'small.txt' was announced as 10 bytes, and the sender sent more")
                   .size(),
               1u)
@@ -221,7 +221,7 @@ TEST(ToolHostileSenderTest, AFileListWithCommentsIsRefusedAsNotStrictJson)
     sender.ReadMessagesUntil(LastIs<Disconnect>, heard, 10s);
     sender.Close();
     ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
-    EXPECT_EQ(serve.Process().ExitCode(), 1) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << serve.Process().Describe();
     EXPECT_EQ(LinesWith(serve.Process().Stdout(), "(the list is strict JSON)").size(), 1u)
         << serve.Process().Describe();
     EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
@@ -354,7 +354,7 @@ TEST(ToolHostileSenderTest, AnEntryWhosePathWouldExceedTheSystemLimitIsRefusedAl
     }
     sender.Close();
     ASSERT_TRUE(serve.Process().WaitExit(20s)) << serve.Process().Describe();
-    EXPECT_EQ(serve.Process().ExitCode(), 7) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kNamesRefused)) << serve.Process().Describe();
     EXPECT_GE(LinesWith(serve.Process().Stderr(), "longer than the system's limit of 4096").size(), 1u)
         << serve.Process().Describe();
     EXPECT_TRUE(fs::is_regular_file(dest + "/ok.txt")) << serve.Process().Describe();

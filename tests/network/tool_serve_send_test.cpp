@@ -106,7 +106,7 @@ TEST(ServeSendTest, SecondSenderIsTurnedAwayWhileBusy)
 
     const auto second = RunSend(scratch, "second", {serve.Address(), scratch / "quick"}, 20s);
     ASSERT_TRUE(second->Exited()) << second->Describe();
-    EXPECT_EQ(second->ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << second->Describe();
+    EXPECT_EQ(second->ExitCode(), toInt(cli::ExitCode::kPeerBusy)) << second->Describe();
     EXPECT_NE(second->Stderr().find("xferfm serve is busy with another sender (session 1); try again when it is done"),
               std::string::npos)
         << second->Describe();
@@ -189,7 +189,7 @@ TEST(ServeSendTest, SendToNobodyFailsClearly)
     }
     const auto send = RunSend(scratch, "send", {"127.0.0.1:" + std::to_string(port), scratch / "a.txt"});
     ASSERT_TRUE(send->Exited());
-    EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kTransferFailed)) << send->Describe();
+    EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kLinkFailed)) << send->Describe();
     EXPECT_NE(send->Stderr().find("cannot connect to 127.0.0.1:" + std::to_string(port)), std::string::npos)
         << send->Describe();
 }

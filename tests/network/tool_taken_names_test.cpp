@@ -31,9 +31,9 @@ TEST(ToolTakenNamesTest, DanglingLinksTakeTheirNamesAndTheCopiesLandUnderTheNext
     ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
     const auto send = RunSend(scratch, "send",
                               {serve.Address(), scratch / "src/ok.txt", scratch / "src/a.txt", scratch / "src/d"});
-    EXPECT_EQ(send->ExitCode(), 0) << send->Describe();
+    EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kOk)) << send->Describe();
     ASSERT_TRUE(serve.Process().WaitExit(10s));
-    EXPECT_EQ(serve.Process().ExitCode(), 0) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kOk)) << serve.Process().Describe();
     EXPECT_EQ(NamesIn(dest), (std::vector<std::string>{"a(1).txt", "a(2).txt", "a.txt", "d", "d(1)", "d(2)", "ok(1).txt",
                                                        "ok.txt"}));
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(dest + "/ok(1).txt")));

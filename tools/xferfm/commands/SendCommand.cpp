@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 
 #include "ProgressRenderer.h"
@@ -25,6 +26,19 @@ namespace host = orin::xfer::host;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kConnectTimeout{10};
+
+// A receiver that ended the session says why: busy with another sender,
+// cancelled by its user, or failed.
+ExitCode exitCodeForGoodbye(const std::optional<host::DisconnectReason>& goodbye)
+{
+    if (goodbye == host::DisconnectReason::kBusy) {
+        return ExitCode::kPeerBusy;
+    }
+    if (goodbye == host::DisconnectReason::kCancelled) {
+        return ExitCode::kCancelledByPeer;
+    }
+    return ExitCode::kTransferFailed;
+}
 
 class SendProgress final : public host::SenderObserver {
 public:
@@ -168,14 +182,15 @@ int runSend(const SendOptions& options, ToolContext& context)
     {
         host::NetworkSender sender(senderOptions);
         if (!sender.Connect(error)) {
-            throw ToolError(ExitCode::kTransferFailed, error);
+            throw ToolError(ExitCode::kLinkFailed, error);
         }
         started = Clock::now();
         const host::NetworkSender::OfferResult offered = sender.Offer(plan.walked, error);
         if (offered != host::NetworkSender::OfferResult::kOffered) {
             context.engineLog.silence();
             if (offered == host::NetworkSender::OfferResult::kEndedByReceiver) {
-                throw ToolError(ExitCode::kTransferFailed, "send failed: " + host::PrintableText(error));
+                throw ToolError(exitCodeForGoodbye(sender.Result().goodbye),
+                                "send failed: " + host::PrintableText(error));
             }
             throw ToolError(ExitCode::kSourceUnreadable, "cannot read sources: " + error);
         }
@@ -212,12 +227,12 @@ int runSend(const SendOptions& options, ToolContext& context)
         throw ToolError(ExitCode::kReceiverStalled, "send failed: " + result.failure);
     }
     if (result.outcome == Outcome::kLinkLost) {
-        throw ToolError(ExitCode::kTransferFailed,
+        throw ToolError(ExitCode::kLinkFailed,
                         "send failed: the link to the receiver was lost: " + host::PrintableText(result.failure));
     }
     if (result.outcome == Outcome::kFailed) {
         const std::string failure = progress.failure();
-        throw ToolError(ExitCode::kTransferFailed,
+        throw ToolError(exitCodeForGoodbye(result.goodbye),
                         "send failed: " + host::PrintableText(failure.empty() ? result.failure : failure));
     }
     if (result.verdict && result.verdict->matched) {

@@ -79,6 +79,7 @@ struct SentSession {
     std::string failure;  // kLinkLost, kFailed: why, in the link's or the receiver's words
     TransferSummary summary;
     std::optional<VerifyVerdict> verdict;  // the receiver's, when digests went along
+    std::optional<DisconnectReason> goodbye;  // why the receiver ended the session, when it said so
 };
 
 class NetworkSender final {
@@ -126,6 +127,7 @@ private:
     std::chrono::steady_clock::time_point mLastProgress;
     std::optional<VerifyVerdict> mVerdict;
     std::optional<std::string> mLinkLost;
+    std::optional<DisconnectReason> mGoodbye;  // the receiver's, from its Disconnect
 };
 
 }  // namespace orin::xfer::host
