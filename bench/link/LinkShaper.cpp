@@ -145,17 +145,17 @@ void LinkShaper::ArmTimer()
             next = due;
         }
     }
-    itimerspec spec{};
+    itimerspec due{};
     if (next) {
         // steady_clock is CLOCK_MONOTONIC on Linux, so its epoch is the timer's.
         const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(next->time_since_epoch()).count();
-        spec.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
-        spec.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
-        if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) {
-            spec.it_value.tv_nsec = 1;  // zero would disarm
+        due.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
+        due.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
+        if (due.it_value.tv_sec == 0 && due.it_value.tv_nsec == 0) {
+            due.it_value.tv_nsec = 1;  // zero would disarm
         }
     }
-    ::timerfd_settime(timer_.Get(), TFD_TIMER_ABSTIME, &spec, nullptr);
+    ::timerfd_settime(timer_.Get(), TFD_TIMER_ABSTIME, &due, nullptr);
 }
 
 void LinkShaper::Run()
