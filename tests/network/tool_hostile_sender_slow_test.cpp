@@ -2,6 +2,10 @@
 // announce: each test is one promise that the excess never reaches the
 // cache, the file fails at once with a message naming it, and nothing
 // lands in DEST_DIR.
+//
+// Labelled slow: several tests measure the server's peak memory and how
+// soon it cuts a peer, which only mean something in an uninstrumented
+// build, so the sanitizer passes leave them out.
 #include <gtest/gtest.h>
 
 #include <chrono>
