@@ -102,6 +102,10 @@ tsan_summary=$(sanitizer_summary tsan)
 
 # The commit measured; XFERFM_RELIABILITY_COMMIT names it for an exported tree.
 commit=${XFERFM_RELIABILITY_COMMIT:-$(git rev-parse --short HEAD 2>/dev/null || echo "unknown")}
+# The limits section is kept by hand (its figures come from the hostile-peer
+# tests' own output): carry it over as it stands.
+limits_section=$(awk '/^## Limits under hostile peers/ { keep = 1 } keep' "$output" 2>/dev/null || true)
+
 {
   echo "# Reliability figures"
   echo
@@ -134,4 +138,7 @@ commit=${XFERFM_RELIABILITY_COMMIT:-$(git rev-parse --short HEAD 2>/dev/null || 
   echo "Reproduce: \`scripts/reliability.sh\`; one stress run: \`XFERFM_STRESS_SEED=$stress_seed\`"
   echo "\`build/reliability/tests/stress/stress_loopback_stress_test\`; one harness: \`fuzz/run --seconds 60 frame_decoder\`."
 } >"$output"
+if [ -n "$limits_section" ]; then
+  printf '\n%s\n' "$limits_section" >>"$output"
+fi
 echo "wrote $output"
