@@ -95,13 +95,25 @@ bool Flood(RawClient& sender, const Message& message, size_t count, pid_t pid, u
     return true;
 }
 
-TEST(ToolHostileSenderTest, EmptyDataFramesFromASenderThatDoesNotReadAreNeitherAcknowledgedNorQueued)
-{
+// Each test plays one sender by hand against a `serve --once` of its own,
+// receiving into an empty DEST_DIR.
+class ToolHostileSenderTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(serve.Listening()) << serve.Process().Describe(); }
+
+    static std::string MadeDirectory(const std::string& path)
+    {
+        fs::create_directories(path);
+        return path;
+    }
+
     TempDir scratch;
-    const std::string dest = scratch / "dest";
-    fs::create_directories(dest);
-    ServeProcess serve(scratch, dest, {"--once"});
-    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    const std::string dest = MadeDirectory(scratch / "dest");
+    ServeProcess serve{scratch, dest, {"--once"}};
+};
+
+TEST_F(ToolHostileSenderTest, EmptyDataFramesFromASenderThatDoesNotReadAreNeitherAcknowledgedNorQueued)
+{
     RawClient sender(serve.Port());
     PlayUpToTheAccept(sender, 1u << 20);
     const uint64_t before = PeakKiB(serve.Process().Pid());
@@ -113,13 +125,8 @@ TEST(ToolHostileSenderTest, EmptyDataFramesFromASenderThatDoesNotReadAreNeitherA
     std::cout << "[ FIGURE   ] serve peak " << before << " KiB -> " << peak << " KiB after 2,000,000 empty chunks\n";
 }
 
-TEST(ToolHostileSenderTest, ASenderThatDoesNotReadItsAcknowledgementsIsCutWithBoundedMemory)
+TEST_F(ToolHostileSenderTest, ASenderThatDoesNotReadItsAcknowledgementsIsCutWithBoundedMemory)
 {
-    TempDir scratch;
-    const std::string dest = scratch / "dest";
-    fs::create_directories(dest);
-    ServeProcess serve(scratch, dest, {"--once"});
-    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
     RawClient sender(serve.Port());
     const uint64_t size = 1u << 20;
     PlayUpToTheAccept(sender, size);
@@ -139,13 +146,8 @@ TEST(ToolHostileSenderTest, ASenderThatDoesNotReadItsAcknowledgementsIsCutWithBo
     EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
 }
 
-TEST(ToolHostileSenderTest, DataBeyondTheAnnouncedSizeFailsThatFileAtOnceAndNeverReachesTheCache)
+TEST_F(ToolHostileSenderTest, DataBeyondTheAnnouncedSizeFailsThatFileAtOnceAndNeverReachesTheCache)
 {
-    TempDir scratch;
-    const std::string dest = scratch / "dest";
-    fs::create_directories(dest);
-    ServeProcess serve(scratch, dest, {"--once"});
-    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
 
     RawClient sender(serve.Port());
     std::vector<Message> heard;
@@ -183,13 +185,8 @@ TEST(ToolHostileSenderTest, DataBeyondTheAnnouncedSizeFailsThatFileAtOnceAndNeve
 namespace orin::xfer::test {
 namespace {
 
-TEST(ToolHostileSenderTest, AC1ControlInANameIsRefusedAndNeverReachesTheTerminalRaw)
+TEST_F(ToolHostileSenderTest, AC1ControlInANameIsRefusedAndNeverReachesTheTerminalRaw)
 {
-    TempDir scratch;
-    const std::string dest = scratch / "dest";
-    fs::create_directories(dest);
-    ServeProcess serve(scratch, dest, {"--once"});
-    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
     RawClient sender(serve.Port());
     std::vector<Message> heard;
     ASSERT_TRUE(sender.SendHello());
@@ -208,13 +205,8 @@ TEST(ToolHostileSenderTest, AC1ControlInANameIsRefusedAndNeverReachesTheTerminal
     EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
 }
 
-TEST(ToolHostileSenderTest, AFileListWithCommentsIsRefusedAsNotStrictJson)
+TEST_F(ToolHostileSenderTest, AFileListWithCommentsIsRefusedAsNotStrictJson)
 {
-    TempDir scratch;
-    const std::string dest = scratch / "dest";
-    fs::create_directories(dest);
-    ServeProcess serve(scratch, dest, {"--once"});
-    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
     RawClient sender(serve.Port());
     std::vector<Message> heard;
     ASSERT_TRUE(sender.SendHello());
@@ -244,7 +236,7 @@ std::string OfferList(ServeProcess& serve, const std::string& json, size_t sessi
     return lines.size() >= sessions ? lines[sessions - 1] : std::string();
 }
 
-TEST(ToolHostileSenderTest, ListsOfTheWrongShapeAreRefusedBeforeTheyAreParsed)
+TEST(ToolHostileListShapeTest, ListsOfTheWrongShapeAreRefusedBeforeTheyAreParsed)
 {
     TempDir scratch;
     const std::string dest = scratch / "dest";
@@ -284,13 +276,8 @@ TEST(ToolHostileSenderTest, ListsOfTheWrongShapeAreRefusedBeforeTheyAreParsed)
 namespace orin::xfer::test {
 namespace {
 
-TEST(ToolHostileSenderTest, ThousandsOfRefusedEntriesPrintTwentyLinesAndACount)
+TEST_F(ToolHostileSenderTest, ThousandsOfRefusedEntriesPrintTwentyLinesAndACount)
 {
-    TempDir scratch;
-    const std::string dest = scratch / "dest";
-    fs::create_directories(dest);
-    ServeProcess serve(scratch, dest, {"--once"});
-    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
     std::string json = R"({"root":"/remote","fileList":[)";
     for (int index = 0; index < 5000; ++index) {
         json += std::string(index ? "," : "") + R"({"filePath":"","fileName":"bad\\x)" + std::to_string(index) +
@@ -317,13 +304,8 @@ TEST(ToolHostileSenderTest, ThousandsOfRefusedEntriesPrintTwentyLinesAndACount)
 namespace orin::xfer::test {
 namespace {
 
-TEST(ToolHostileSenderTest, AnEntryWhosePathWouldExceedTheSystemLimitIsRefusedAloneAndTheRestIsCopied)
+TEST_F(ToolHostileSenderTest, AnEntryWhosePathWouldExceedTheSystemLimitIsRefusedAloneAndTheRestIsCopied)
 {
-    TempDir scratch;
-    const std::string dest = scratch / "dest";
-    fs::create_directories(dest);
-    ServeProcess serve(scratch, dest, {"--once"});
-    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
     // Sixteen directories of 254-byte names: legal one by one, too long together.
     std::string json = R"({"root":"/remote","fileList":[)";
     std::string parent;
