@@ -19,6 +19,7 @@ enum class ExitCode : int {
     kCancelledByPeer = 10,      // send: the receiver cancelled the copy
     kEntriesSkipped = 11,       // some source entries cannot be copied and were skipped; the rest arrived
     kReceiverStalled = 12,      // send: the receiver moved nothing on for the progress time-out
+    kRemoteUnavailable = 13,    // copy over a remote shell: the far side could not be started
     kInterrupted = 130,         // SIGINT or SIGTERM
 };
 
@@ -43,6 +44,8 @@ inline const char* exitCodeHelp()
            "  11   some source entries cannot be copied (named on stderr with the reason) and were\n"
            "       skipped; every other entry arrived\n"
            "  12   send: the receiver moved nothing on for --progress-timeout\n"
+           "  13   copy to or from HOST:PATH: the far side could not be started (the remote shell could\n"
+           "       not connect or log in, or xferfm is missing there or not executable)\n"
            "  130  interrupted (Ctrl-C or SIGTERM); files already complete stay in DEST_DIR,\n"
            "       the file in flight is removed\n";
 }
