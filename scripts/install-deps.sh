@@ -20,6 +20,7 @@ packages=(
   libcli11-dev              # xferfm command-line parsing
   e2fsprogs                 # chattr, for the unremovable-file tests
   man-db groff-base         # man -l, for the manual page test
+  openssh-server openssh-client  # copy over SSH: the tests start their own sshd on 127.0.0.1
 )
 
 if [ "${1:-}" = --bench ]; then
