@@ -135,7 +135,10 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
     CLI::App* copy = app.add_subcommand(
         "copy", "Copy SOURCE files and directories into DEST_DIR. Each goes to a private cache directory "
                 "on DEST_DIR's file system first and is moved into place only when complete; a name "
-                "that already exists gets a \"name(1).ext\" name instead of being overwritten.");
+                "that already exists gets a \"name(1).ext\" name instead of being overwritten. "
+                "DEST_DIR, or every SOURCE, may be on another machine, written [USER@]HOST:PATH as for "
+                "scp (a colon before the first slash; ./a:b stays local): xferfm runs there through "
+                "the remote shell (--rsh) and the files travel over its standard input and output.");
     addTransferOptions(*copy, options, "Compare the SHA-256 of every source file with its copy afterwards");
     copy->add_flag("-p,--preserve-perms", options.preservePermissions,
                    "Keep the exact permission bits of the sources (default: under the umask, as cp does)");
@@ -162,6 +165,15 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
                    "Copy nothing when any entry cannot be copied (a device, FIFO or socket, a broken link, an "
                    "unreadable entry, a name holding a backslash); by default each is named and skipped, the rest "
                    "is copied and the exit code is 11");
+    copy->add_option("-e,--rsh", options.rsh,
+                     "Remote shell that reaches the host of a [USER@]HOST:PATH operand, with its arguments "
+                     "(\"ssh -p 2222 -i key\"); split into words as a shell would, nothing expanded")
+        ->type_name("COMMAND")
+        ->capture_default_str();
+    copy->add_option("--xferfm-path", options.xferfmPath,
+                     "Program that the remote shell runs on that host (a name looked up in its PATH, or a path)")
+        ->type_name("PROGRAM")
+        ->capture_default_str();
     copy->add_option("paths", paths, "SOURCE... DEST_DIR")
         ->required()
         ->expected(2, CLI::detail::expected_max_vector_size)

@@ -52,6 +52,11 @@ struct CopyOptions : TransferOptions, LandingOptions {
     bool quiet = false;                 // nothing on stdout, no progress
     bool verbose = false;               // one line per file
     bool json = false;                  // one JSON summary on stdout instead of the human lines
+    // A SOURCE or DEST_DIR written [USER@]HOST:PATH is reached through this
+    // remote shell (split into words, arguments allowed), which runs
+    // `xferfmPath` on that host.
+    std::string rsh = "ssh";
+    std::string xferfmPath = "xferfm";
 };
 
 struct ServeOptions : CommonOptions {

@@ -25,6 +25,12 @@ _xferfm()
     case "$prev" in
         --bandwidth|--window|--listen|--exclude)
             return 0 ;;
+        -e|--rsh)
+            COMPREPLY=($(compgen -c -- "$cur"))
+            return 0 ;;
+        --xferfm-path)
+            COMPREPLY=($(compgen -f -- "$cur"))
+            return 0 ;;
         --log-level)
             COMPREPLY=($(compgen -W "0 1 2 3 4 5 6" -- "$cur"))
             return 0 ;;
@@ -37,7 +43,8 @@ _xferfm()
     case "$command" in
         copy)
             options="--help --bandwidth --window --verify --log-level --no-progress -p --preserve-perms
-                     --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
+                     --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict
+                     -e --rsh --xferfm-path" ;;
         send)
             options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout" ;;
         serve)
