@@ -95,6 +95,13 @@ void RemoteLink::throwNotStarted()
     } else if (end->exitCode == toInt(ExitCode::kUsage)) {
         why = program + " on " + mHost + " refused its command line (exit code 2): it may be a version without "
               "--stdio";
+    } else if (end->exitCode > 0 && end->exitCode <= toInt(ExitCode::kReceiverStalled)) {
+        // xferfm itself ran there and refused before the copy began (a
+        // SOURCE missing there, a DEST_DIR it cannot use): its exit code
+        // means the same here, and its words are already shown above.
+        throw ToolError(static_cast<ExitCode>(end->exitCode),
+                        "xferfm on " + mHost + " ended before the copy started (" + end->describe() + "; its "
+                        "message is above)");
     } else {
         why = "the far side on " + mHost + " ended before the copy started (" + end->describe() + ")";
     }

@@ -46,7 +46,9 @@ public:
     // when `interrupted` turns true first, kRemoteUnavailable when the far
     // side ends first (the message names the cause by its exit code: 255
     // the remote shell could not connect or log in, 127 no such program
-    // there, 126 not executable, 2 an xferfm that refused the command line).
+    // there, 126 not executable, 2 an xferfm that refused the command line);
+    // an xferfm that ran there and refused before the copy (a SOURCE or a
+    // DEST_DIR it cannot use) ends the local side with its own exit code.
     void awaitFarSide(const std::function<bool()>& interrupted);
 
     // The ends for the copy's transport, once each, after awaitFarSide:
