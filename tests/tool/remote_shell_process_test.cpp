@@ -31,19 +31,17 @@ std::string readAll(int fd)
 TEST(RemoteShellProcess, ItsStandardStreamsArePipesToTheTool)
 {
     RemoteShellProcess child({"sh", "-c", "read line; echo \"got $line\"; echo said >&2"});
-    const int input = child.takeInput();
-    const int output = child.takeOutput();
-    const int errors = child.takeErrors();
-    ASSERT_EQ(::write(input, "hello\n", 6), 6);
-    ::close(input);
+    OwnedFd input = child.takeInput();
+    const OwnedFd output = child.takeOutput();
+    const OwnedFd errors = child.takeErrors();
+    ASSERT_EQ(::write(input.Fd(), "hello\n", 6), 6);
+    input.Reset();
 
-    EXPECT_EQ(readAll(output), "got hello\n");
-    EXPECT_EQ(readAll(errors), "said\n");
+    EXPECT_EQ(readAll(output.Fd()), "got hello\n");
+    EXPECT_EQ(readAll(errors.Fd()), "said\n");
     const std::optional<ChildEnd> end = child.waitEnd(10s);
     ASSERT_TRUE(end.has_value());
     EXPECT_EQ(end->exitCode, 0);
-    ::close(output);
-    ::close(errors);
 }
 
 TEST(RemoteShellProcess, AChildThatWritesHasSpokenAndItsBytesAreLeftUnread)
@@ -51,11 +49,10 @@ TEST(RemoteShellProcess, AChildThatWritesHasSpokenAndItsBytesAreLeftUnread)
     RemoteShellProcess child({"sh", "-c", "printf XFFM; sleep 5"});
 
     EXPECT_EQ(child.waitForFirstWord(never), RemoteShellProcess::FirstWord::kSpoke);
-    const int output = child.takeOutput();
+    const OwnedFd output = child.takeOutput();
     char first[4] = {};
-    ASSERT_EQ(::read(output, first, 4), 4);
+    ASSERT_EQ(::read(output.Fd(), first, 4), 4);
     EXPECT_EQ(std::string(first, 4), "XFFM");
-    ::close(output);
 }
 
 TEST(RemoteShellProcess, AChildThatEndsSilentlyNeverSpokeAndItsExitCodeIsKept)

@@ -17,15 +17,14 @@ constexpr size_t kLongestLine = 4096;
 
 }  // namespace
 
-RemoteErrorRelay::RemoteErrorRelay(int fd, std::string hostLabel, StderrConsole& console)
-    : mFd(fd), mPrefix(std::move(hostLabel) + ": "), mConsole(console), mThread([this] { run(); })
+RemoteErrorRelay::RemoteErrorRelay(orin::xfer::host::OwnedFd fd, std::string hostLabel, StderrConsole& console)
+    : mFd(std::move(fd)), mPrefix(std::move(hostLabel) + ": "), mConsole(console), mThread([this] { run(); })
 {
 }
 
 RemoteErrorRelay::~RemoteErrorRelay()
 {
     finish(std::chrono::milliseconds(500));
-    ::close(mFd);
 }
 
 void RemoteErrorRelay::finish(std::chrono::milliseconds timeout)
@@ -66,7 +65,7 @@ void RemoteErrorRelay::run()
     std::string pending;
     char buffer[4096];
     while (!mStop) {
-        pollfd watched{mFd, POLLIN, 0};
+        pollfd watched{mFd.Fd(), POLLIN, 0};
         const int ready = ::poll(&watched, 1, 50);
         if (ready < 0 && errno != EINTR) {
             break;
@@ -74,7 +73,7 @@ void RemoteErrorRelay::run()
         if (ready <= 0) {
             continue;
         }
-        const ssize_t got = ::read(mFd, buffer, sizeof buffer);
+        const ssize_t got = ::read(mFd.Fd(), buffer, sizeof buffer);
         if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
             continue;
         }

@@ -24,12 +24,13 @@
 #include <vector>
 
 #include "StderrConsole.h"
+#include "xferfm/host/OwnedFd.h"
 
 namespace xferfm::cli {
 
 class RemoteErrorRelay {
 public:
-    RemoteErrorRelay(int fd, std::string hostLabel, StderrConsole& console);
+    RemoteErrorRelay(orin::xfer::host::OwnedFd fd, std::string hostLabel, StderrConsole& console);
     ~RemoteErrorRelay();
     RemoteErrorRelay(const RemoteErrorRelay&) = delete;
     RemoteErrorRelay& operator=(const RemoteErrorRelay&) = delete;
@@ -44,7 +45,7 @@ private:
     void run();
     void show(const std::string& line);
 
-    const int mFd;
+    const orin::xfer::host::OwnedFd mFd;
     const std::string mPrefix;
     StderrConsole& mConsole;
     std::atomic<bool> mStop{false};

@@ -108,16 +108,14 @@ void RemoteLink::throwNotStarted()
     throw ToolError(ExitCode::kRemoteUnavailable, "cannot start the far side of the copy: " + why);
 }
 
-int RemoteLink::takeReadEnd()
+orin::xfer::host::StreamEnds RemoteLink::takeStreamEnds()
 {
     SetState(State::kHandedOver, "the copy's transport takes the pipes");
-    return mProcess.takeOutput();
-}
-
-int RemoteLink::takeWriteEnd()
-{
-    SetState(State::kHandedOver, "the copy's transport takes the pipes");
-    return mProcess.takeInput();
+    orin::xfer::host::StreamEnds ends;
+    ends.readEnd = mProcess.takeOutput();
+    ends.writeEnd = mProcess.takeInput();
+    ends.peer = mHost;
+    return ends;
 }
 
 std::optional<ChildEnd> RemoteLink::finish(std::chrono::milliseconds timeout)

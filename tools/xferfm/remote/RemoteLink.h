@@ -28,6 +28,7 @@
 #include "RemoteCommand.h"
 #include "RemoteErrorRelay.h"
 #include "RemoteShellProcess.h"
+#include "xferfm/host/StreamTransport.h"
 
 namespace xferfm::cli {
 
@@ -51,11 +52,9 @@ public:
     // DEST_DIR it cannot use) ends the local side with its own exit code.
     void awaitFarSide(const std::function<bool()>& interrupted);
 
-    // The ends for the copy's transport, once each, after awaitFarSide:
-    // the far side's standard output and its standard input. The caller
-    // owns them.
-    int takeReadEnd();
-    int takeWriteEnd();
+    // The ends for the copy's transport, once, after awaitFarSide: the far
+    // side's standard output and its standard input, labelled with the host.
+    orin::xfer::host::StreamEnds takeStreamEnds();
 
     // After the copy: waits up to `timeout` for the far side to end and
     // for its last stderr lines; its end, when it ended in time.

@@ -24,34 +24,19 @@ namespace {
 
 constexpr std::chrono::milliseconds kGracePeriod{2000};
 
-void closeQuietly(int& fd)
-{
-    if (fd >= 0) {
-        ::close(fd);
-        fd = -1;
-    }
-}
-
-// A pipe whose two ends are closed when it goes, unless taken.
+// A pipe whose two ends are closed when it goes, unless moved out.
 struct Pipe {
-    int ends[2] = {-1, -1};
+    OwnedFd readEnd;
+    OwnedFd writeEnd;
     Pipe()
     {
+        int ends[2] = {-1, -1};
         if (::pipe2(ends, O_CLOEXEC) != 0) {
             throw ToolError(ExitCode::kRemoteUnavailable,
                             "cannot start the remote shell: no pipe: " + SystemErrorText(errno));
         }
-    }
-    ~Pipe()
-    {
-        closeQuietly(ends[0]);
-        closeQuietly(ends[1]);
-    }
-    int take(int which)
-    {
-        const int fd = ends[which];
-        ends[which] = -1;
-        return fd;
+        readEnd.Reset(ends[0]);
+        writeEnd.Reset(ends[1]);
     }
 };
 
@@ -85,9 +70,9 @@ RemoteShellProcess::RemoteShellProcess(const std::vector<std::string>& argv)
     Pipe errors;
     SpawnSetup setup;
     // dup2 clears close-on-exec on the copy the child keeps.
-    posix_spawn_file_actions_adddup2(&setup.actions, input.ends[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&setup.actions, output.ends[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&setup.actions, errors.ends[1], STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&setup.actions, input.readEnd.Fd(), STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&setup.actions, output.writeEnd.Fd(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&setup.actions, errors.writeEnd.Fd(), STDERR_FILENO);
 
     sigset_t none;
     sigemptyset(&none);
@@ -111,16 +96,17 @@ RemoteShellProcess::RemoteShellProcess(const std::vector<std::string>& argv)
         throw ToolError(ExitCode::kRemoteUnavailable,
                         "cannot run the remote shell '" + argv[0] + "': " + SystemErrorText(error));
     }
-    mInput = input.take(1);
-    mOutput = output.take(0);
-    mErrors = errors.take(0);
+    // The child's ends close here, with the pipes: only the child holds them.
+    mInput = std::move(input.writeEnd);
+    mOutput = std::move(output.readEnd);
+    mErrors = std::move(errors.readEnd);
 }
 
 RemoteShellProcess::~RemoteShellProcess()
 {
-    closeQuietly(mInput);
-    closeQuietly(mOutput);
-    closeQuietly(mErrors);
+    mInput.Reset();
+    mOutput.Reset();
+    mErrors.Reset();
     if (mPid <= 0 || mReaped) {
         return;
     }
@@ -135,14 +121,10 @@ RemoteShellProcess::~RemoteShellProcess()
     }
 }
 
-int RemoteShellProcess::takeInput() { return std::exchange(mInput, -1); }
-int RemoteShellProcess::takeOutput() { return std::exchange(mOutput, -1); }
-int RemoteShellProcess::takeErrors() { return std::exchange(mErrors, -1); }
-
 RemoteShellProcess::FirstWord RemoteShellProcess::waitForFirstWord(const std::function<bool()>& stop)
 {
     while (!stop()) {
-        pollfd watched{mOutput, POLLIN, 0};
+        pollfd watched{mOutput.Fd(), POLLIN, 0};
         const int ready = ::poll(&watched, 1, 100);
         if (ready < 0 && errno != EINTR) {
             return FirstWord::kEnded;

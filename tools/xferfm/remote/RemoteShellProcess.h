@@ -15,8 +15,8 @@
 //
 // THREADING CONTRACT
 // 1. Construct, take the pipe ends and wait on one thread. takeInput,
-//    takeOutput and takeErrors hand each end over once; the caller owns it
-//    from then on (and closes it).
+//    takeOutput and takeErrors hand each end over once (an invalid OwnedFd
+//    after that).
 // 2. terminate may be called from any thread (a signal hook) at any time,
 //    also after the child has ended; it only sends a signal.
 // 3. The destructor blocks at most the grace period plus a moment.
@@ -29,9 +29,14 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "xferfm/host/OwnedFd.h"
+
 namespace xferfm::cli {
+
+using orin::xfer::host::OwnedFd;
 
 // How a child ended.
 struct ChildEnd {
@@ -50,10 +55,10 @@ public:
     RemoteShellProcess& operator=(const RemoteShellProcess&) = delete;
 
     // The write end of the child's standard input, its standard output's
-    // read end, its standard error's read end; -1 once taken.
-    int takeInput();
-    int takeOutput();
-    int takeErrors();
+    // read end, its standard error's read end.
+    OwnedFd takeInput() { return std::move(mInput); }
+    OwnedFd takeOutput() { return std::move(mOutput); }
+    OwnedFd takeErrors() { return std::move(mErrors); }
 
     enum class FirstWord {
         kSpoke,        // the child wrote to its standard output
@@ -77,9 +82,9 @@ private:
     pid_t mPid = -1;
     std::atomic<bool> mReaped{false};
     std::optional<ChildEnd> mEnd;
-    int mInput = -1;
-    int mOutput = -1;
-    int mErrors = -1;
+    OwnedFd mInput;
+    OwnedFd mOutput;
+    OwnedFd mErrors;
 };
 
 }  // namespace xferfm::cli
