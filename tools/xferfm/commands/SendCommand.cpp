@@ -3,141 +3,19 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <set>
 
-#include "ProgressRenderer.h"
-#include "ProgressTracker.h"
-#include "ServeReport.h"
+#include "PlanSending.h"
 #include "SourcePlan.h"
 #include "ToolError.h"
 #include "xferfm/host/NetworkSender.h"
 #include "xferfm/host/RemoteNameGuard.h"
-#include "xferfm/host/Sha256.h"
-#include "xferfm/host/TransferObserver.h"
 
 namespace xferfm::cli {
 namespace {
 
 namespace host = orin::xfer::host;
-using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kConnectTimeout{10};
-
-// A receiver that ended the session says why: busy with another sender,
-// cancelled by its user, or failed.
-ExitCode exitCodeForGoodbye(const std::optional<host::DisconnectReason>& goodbye)
-{
-    if (goodbye == host::DisconnectReason::kBusy) {
-        return ExitCode::kPeerBusy;
-    }
-    if (goodbye == host::DisconnectReason::kCancelled) {
-        return ExitCode::kCancelledByPeer;
-    }
-    return ExitCode::kTransferFailed;
-}
-
-class SendProgress final : public host::SenderObserver {
-public:
-    SendProgress(ProgressTracker& tracker, const SourcePlan& plan, StderrConsole& console)
-        : mTracker(tracker), mConsole(console)
-    {
-        // The walk the endpoint offers, so its paths are spelled as the
-        // endpoint reports them.
-        for (const host::SourceEntry& entry : plan.walked.entries) {
-            if (entry.isDirectory) {
-                mDirectories.insert(entry.sourcePath);
-            } else {
-                mFileSizes[entry.sourcePath] = entry.size;
-            }
-        }
-    }
-
-    // Called for directories too; only files count as files.
-    void OnFileStarted(const std::string& sourcePath, uint64_t) override
-    {
-        if (mDirectories.count(sourcePath) != 0) {
-            return;
-        }
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (mFileInFlight) {
-            mTracker.fileCompleted();  // the previous one was sent whole
-        }
-        mFileInFlight = true;
-        mTracker.fileStarted(sourcePath);
-    }
-    void OnBytesSent(uint64_t totalBytesSent) override { mTracker.setBytesDone(totalBytesSent); }
-    // One line per entry the receiver will not take; the copy goes on
-    // without it, and the totals shrink by a skipped file.
-    void OnEntrySkipped(const std::string& sourcePath, const std::string& reason) override
-    {
-        switch (refusalLineFor(++mSkipped)) {
-        case RefusalLine::kNamed:
-            mConsole.writeLine("xferfm: not sent: " + host::PrintableText(sourcePath + ": " + reason));
-            break;
-        case RefusalLine::kRestCounted:
-            mConsole.writeLine("xferfm: more entries not sent; the summary counts them");
-            break;
-        case RefusalLine::kSilent: break;
-        }
-        const auto file = mFileSizes.find(sourcePath);
-        if (file != mFileSizes.end()) {
-            mTracker.fileSkipped(file->second);
-        }
-    }
-    void OnFailure(const std::string&, const std::string& message) override
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (mFailure.empty()) {
-            mFailure = message;
-        }
-    }
-    void OnFinished(const host::TransferSummary& summary) override
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if ((summary.completed || summary.partial) && mFileInFlight) {
-            mTracker.fileCompleted();
-            mFileInFlight = false;
-        }
-    }
-
-    std::string failure() const
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mFailure;
-    }
-
-private:
-    ProgressTracker& mTracker;
-    StderrConsole& mConsole;
-    std::set<std::string> mDirectories;            // fixed after construction
-    std::map<std::string, uint64_t> mFileSizes;  // fixed after construction
-    size_t mSkipped = 0;  // entries skipped so far; the endpoint's observer calls are serialised
-    mutable std::mutex mMutex;
-    bool mFileInFlight = false;
-    std::string mFailure;
-};
-
-// The SHA-256 of every source file, by the name the receiver knows it by.
-host::FileDigests hashSources(const SourcePlan& plan)
-{
-    host::FileDigests digests;
-    for (const SourceEntry& entry : plan.entries) {
-        if (entry.isDirectory) {
-            continue;
-        }
-        std::string error;
-        const std::optional<std::string> digest = host::Sha256OfFile(entry.sourcePath, error);
-        if (!digest) {
-            throw ToolError(ExitCode::kSourceUnreadable, "cannot read '" + entry.sourcePath + "': " + error);
-        }
-        digests[entry.relativePath] = *digest;
-    }
-    return digests;
-}
 
 std::string summaryLine(const host::TransferSummary& summary, const std::string& address, double seconds)
 {
@@ -154,94 +32,28 @@ std::string summaryLine(const host::TransferSummary& summary, const std::string&
 int runSend(const SendOptions& options, ToolContext& context)
 {
     const SourcePlan plan = planSources(options.sources);
-    const host::FileDigests digests = options.verify ? hashSources(plan) : host::FileDigests{};
-    if (context.signals.interrupted()) {
-        throw ToolError(ExitCode::kInterrupted, "interrupted before anything was sent");
-    }
-
     host::NetworkSenderOptions senderOptions;
     std::string error;
     if (!host::ParseHostPort(options.address, senderOptions.address, error)) {
         throw ToolError(ExitCode::kUsage, error);
     }
-    ProgressTracker tracker;
-    tracker.start(plan.totalBytes, plan.fileCount);
-    ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
-    SendProgress progress(tracker, plan, context.console);
     senderOptions.connectTimeout = kConnectTimeout;
     senderOptions.progressTimeout =
         std::chrono::milliseconds(static_cast<int64_t>(options.progressTimeoutSeconds * 1000));
-    senderOptions.digests = digests;
-    senderOptions.endpoint.ackWindow = options.window;
-    senderOptions.endpoint.bandwidthKbps = options.bandwidthKbps;
-    senderOptions.endpoint.flowControl = options.bandwidthKbps != 0;
-    senderOptions.endpoint.observer = &progress;
 
-    Clock::time_point started;  // once connected
-    host::SentSession result;
-    {
-        host::NetworkSender sender(senderOptions);
-        if (!sender.Connect(error)) {
-            throw ToolError(ExitCode::kLinkFailed, error);
-        }
-        started = Clock::now();
-        const host::NetworkSender::OfferResult offered = sender.Offer(plan.walked, error);
-        if (offered != host::NetworkSender::OfferResult::kOffered) {
-            context.engineLog.silence();
-            if (offered == host::NetworkSender::OfferResult::kEndedByReceiver) {
-                throw ToolError(exitCodeForGoodbye(sender.Result().goodbye),
-                                "send failed: " + host::PrintableText(error));
-            }
-            throw ToolError(ExitCode::kSourceUnreadable, "cannot read sources: " + error);
-        }
-        ScopedSignalHooks hooks(
-            context.signals, [&sender, &context] {
-                context.engineLog.silence();
-                sender.Cancel();
-            },
-            [] {});
-        if (context.signals.interrupted()) {  // Ctrl-C came before the hook was in place
-            sender.Cancel();
-        }
-        renderer.start();
-        while (!sender.WaitFinished(std::chrono::seconds(1))) {
-        }
-        renderer.stop();
-        result = sender.Result();
-        if (!result.summary.completed) {
-            context.engineLog.silence();  // the failure is ours to report from here on
-        }
-    }
-    const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
-    const host::TransferSummary& summary = result.summary;
-
-    using Outcome = host::SentSession::Outcome;
-    if (context.signals.interrupted() || result.outcome == Outcome::kCancelled) {
-        throw ToolError(ExitCode::kInterrupted, "interrupted; the receiver removes the file that was in flight");
-    }
-    // What the receiver said is shown with its control bytes escaped.
-    if (result.outcome == Outcome::kVerifyFailed) {
-        throw ToolError(ExitCode::kVerifyMismatch, "the receiver's " + host::PrintableText(result.verdict->Text()));
-    }
-    if (result.outcome == Outcome::kStalled) {
-        throw ToolError(ExitCode::kReceiverStalled, "send failed: " + result.failure);
-    }
-    if (result.outcome == Outcome::kLinkLost) {
-        throw ToolError(ExitCode::kLinkFailed,
-                        "send failed: the link to the receiver was lost: " + host::PrintableText(result.failure));
-    }
-    if (result.outcome == Outcome::kFailed) {
-        const std::string failure = progress.failure();
-        throw ToolError(exitCodeForGoodbye(result.goodbye),
-                        "send failed: " + host::PrintableText(failure.empty() ? result.failure : failure));
-    }
+    const PlanSent sent = sendPlan(plan, senderOptions, options, options.showProgress, context,
+                                   [](host::NetworkSender& sender, std::string& failure) {
+                                       return sender.Connect(failure);
+                                   });
+    const host::SentSession& result = sent.result;
     if (result.verdict && result.verdict->matched) {
         std::cout << host::PrintableText(result.verdict->Text()) << "\n";
     }
-    std::cout << summaryLine(summary, options.address, seconds) << std::endl;
-    if (result.outcome == Outcome::kPartial) {
+    std::cout << summaryLine(result.summary, options.address, sent.seconds) << std::endl;
+    if (result.outcome == host::SentSession::Outcome::kPartial) {
         // Each entry was named on stderr as it was refused; this sums up.
-        throw ToolError(ExitCode::kNamesRefused, "not everything was sent: " + host::PrintableText(summary.error));
+        throw ToolError(ExitCode::kNamesRefused,
+                        "not everything was sent: " + host::PrintableText(result.summary.error));
     }
     return toInt(ExitCode::kOk);
 }
