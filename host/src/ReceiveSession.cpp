@@ -12,7 +12,6 @@
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 #include "xferfm/host/Sha256.h"
-#include "xferfm/host/TcpTransport.h"
 
 namespace orin::xfer::host::detail {
 namespace {
@@ -110,11 +109,11 @@ public:
     // Why the session was cancelled, when it was.
     enum class CancelCause { kNone, kStopped, kListTimeout, kStalled };
 
-    ReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup)
-        : mSetup(setup), mOptions(*setup.options), mConnection(std::move(connection))
+    ReceiveSession(std::unique_ptr<ITransport> link, std::string peer, const ReceiveSessionSetup& setup)
+        : mSetup(setup), mOptions(*setup.options), mLink(std::move(link))
     {
         mResult.number = setup.number;
-        mResult.peer = PeerAddressOf(mConnection.Fd());
+        mResult.peer = std::move(peer);
     }
 
     ReceivedSession Run();
@@ -128,7 +127,7 @@ private:
 
     const ReceiveSessionSetup& mSetup;
     const NetworkReceiverOptions& mOptions;
-    TcpSocket mConnection;
+    std::unique_ptr<ITransport> mLink;  // until MakeLink stacks the guards on it
     State mState = State::kStarting;  // Run's thread only
     CancelCause mCancelCause = CancelCause::kNone;
     SessionObserver mEndpointObserver;
@@ -161,11 +160,8 @@ void ReceiveSession::SetState(State next, const std::string& why)
 
 std::unique_ptr<ITransport> ReceiveSession::MakeLink()
 {
-    TcpTransportOptions linkOptions;
-    linkOptions.threadName = "xfer-serve";
-    auto tcp = std::make_unique<TcpTransport>(std::move(mConnection), linkOptions);
     auto guarded = std::make_unique<RemoteNameGuardTransport>(
-        std::move(tcp), mOptions.destinationDir, mOptions.listLimits,
+        std::move(mLink), mOptions.destinationDir, mOptions.listLimits,
         [this](const std::string& refusal) {
             std::lock_guard<std::mutex> lock(mMutex);
             mRefusal = refusal;
@@ -304,9 +300,9 @@ void ReceiveSession::Conclude(const std::string& startFailure)
 
 }  // namespace
 
-ReceivedSession RunReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup)
+ReceivedSession RunReceiveSession(std::unique_ptr<ITransport> link, std::string peer, const ReceiveSessionSetup& setup)
 {
-    ReceiveSession session(std::move(connection), setup);
+    ReceiveSession session(std::move(link), std::move(peer), setup);
     return session.Run();
 }
 
