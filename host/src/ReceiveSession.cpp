@@ -25,26 +25,68 @@ constexpr std::chrono::milliseconds kPollInterval{200};
 // bytes, a completion. Frames that move nothing (keepalives, repeated
 // acknowledgements, empty data) never count, so a peer cannot hold the
 // receiver by chattering.
+// Everything it hears is passed on to the host's own endpoint observer,
+// when it gave one (progress for a command line, say).
 class SessionObserver final : public ReceiverObserver {
 public:
-    void OnListReceived(size_t, uint64_t) override
+    explicit SessionObserver(ReceiverObserver* host) : mHost(host) {}
+
+    void OnListReceived(size_t entryCount, uint64_t totalBytes) override
     {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mListReceived = true;
-        mLastProgress = Clock::now();
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mListReceived = true;
+            mLastProgress = Clock::now();
+        }
+        if (mHost != nullptr) {
+            mHost->OnListReceived(entryCount, totalBytes);
+        }
     }
-    void OnFileStarted(const std::string&, uint64_t) override { NoteProgress(); }
-    void OnProgress(const std::string&, uint64_t, uint64_t, uint64_t, uint64_t) override { NoteProgress(); }
-    void OnFileCompleted(const std::string& name, const std::string& finalPath) override { Record(name, finalPath); }
+    void OnFileStarted(const std::string& name, uint64_t fileSize) override
+    {
+        NoteProgress();
+        if (mHost != nullptr) {
+            mHost->OnFileStarted(name, fileSize);
+        }
+    }
+    void OnProgress(const std::string& name, uint64_t fileBytesDone, uint64_t fileSize, uint64_t totalBytesDone,
+                    uint64_t totalBytes) override
+    {
+        NoteProgress();
+        if (mHost != nullptr) {
+            mHost->OnProgress(name, fileBytesDone, fileSize, totalBytesDone, totalBytes);
+        }
+    }
+    void OnFileCompleted(const std::string& name, const std::string& finalPath) override
+    {
+        Record(name, finalPath);
+        if (mHost != nullptr) {
+            mHost->OnFileCompleted(name, finalPath);
+        }
+    }
     void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
     {
         Record(name, finalPath);
+        if (mHost != nullptr) {
+            mHost->OnDirectoryCreated(name, finalPath);
+        }
     }
-    void OnFailure(const std::string&, const std::string& message) override
+    void OnFailure(const std::string& path, const std::string& message) override
     {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (mFailure.empty()) {
-            mFailure = message;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (mFailure.empty()) {
+                mFailure = message;
+            }
+        }
+        if (mHost != nullptr) {
+            mHost->OnFailure(path, message);
+        }
+    }
+    void OnFinished(const TransferSummary& summary) override
+    {
+        if (mHost != nullptr) {
+            mHost->OnFinished(summary);
         }
     }
 
@@ -96,6 +138,7 @@ private:
         mLastProgress = Clock::now();
     }
 
+    ReceiverObserver* const mHost;
     mutable std::mutex mMutex;
     bool mListReceived = false;
     Clock::time_point mLastProgress = Clock::now();
@@ -110,7 +153,7 @@ public:
     enum class CancelCause { kNone, kStopped, kListTimeout, kStalled };
 
     ReceiveSession(std::unique_ptr<ITransport> link, std::string peer, const ReceiveSessionSetup& setup)
-        : mSetup(setup), mOptions(*setup.options), mLink(std::move(link))
+        : mSetup(setup), mOptions(*setup.options), mLink(std::move(link)), mEndpointObserver(mOptions.endpointObserver)
     {
         mResult.number = setup.number;
         mResult.peer = std::move(peer);

@@ -1,5 +1,6 @@
 // xferfm: copies files and directory trees through two file-transfer
-// engines, joined in-process (`copy`, `demo`) or over TCP (`serve`, `send`).
+// engines, joined in-process (`copy`, `demo`), over TCP (`serve`, `send`)
+// or over a remote shell's pipes (`copy` to or from HOST:PATH).
 #include <sys/stat.h>
 
 #include "AllocatorTuning.h"
@@ -9,6 +10,7 @@
 #include "CopyReport.h"
 #include "DryRun.h"
 #include "DemoCommand.h"
+#include "RemoteCopy.h"
 #include "SchedulingTuning.h"
 #include "SendCommand.h"
 #include "ServeCommand.h"
@@ -36,6 +38,10 @@ int main(int argc, char** argv)
     switch (parsed.command) {
     case Command::kCopy:
         return runCommand(parsed.copy.logLevel, [&parsed](ToolContext& context) {
+            const CopyEnds ends = sortCopyOperands(parsed.copy.sources, parsed.copy.destinationDir);
+            if (ends.direction != CopyDirection::kLocal) {
+                return runRemoteCopy(parsed.copy, ends, context);
+            }
             if (parsed.copy.dryRun) {
                 return runDryRun(parsed.copy, context);
             }

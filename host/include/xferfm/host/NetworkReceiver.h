@@ -86,6 +86,12 @@ struct NetworkReceiverOptions {
     // waiting then hear that the receiver has finished.
     unsigned maxSessions = 0;
     FileListLimits listLimits;
+    // When set, also told everything each session's receiving endpoint
+    // reports (the list, each file's progress, what landed where, the
+    // failure), as ReceiverEndpoint calls its observer: from the endpoint's
+    // threads, serialised. For a host that shows progress; it must outlive
+    // Run or RunOne and must not call back into the receiver but Stop.
+    ReceiverObserver* endpointObserver = nullptr;
 };
 
 // How one session ended, and what it brought.
