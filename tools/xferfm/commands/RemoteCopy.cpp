@@ -67,12 +67,13 @@ std::string remoteSummaryLine(const host::TransferSummary& summary, const std::s
 
 int push(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
 {
+    const RemoteInvocation invocation = remoteInvocationFor(options, ends);  // usage errors first
     SourcePlan plan = planSources(ends.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip,
                                   options.excludes);
     reportSkipped(plan.skipped, context.console);
     const std::string where = ends.remote.login() + ":" + ends.destination;
 
-    RemoteLink link(remoteInvocationFor(options, ends), context.console);
+    RemoteLink link(invocation, context.console);
     link.awaitFarSide([&context] { return context.signals.interrupted(); });
     host::NetworkSenderOptions senderOptions;
     const PlanSent sent = sendPlan(plan, senderOptions, options, options.showProgress && !options.quiet, context,
@@ -96,13 +97,14 @@ int push(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
     return plan.skipped.empty() ? toInt(ExitCode::kOk) : toInt(ExitCode::kEntriesSkipped);
 }
 
-// What the receiving endpoint reports, for the progress line. The total is
-// known once the far side's list is in.
+// What the receiving endpoint reports, for the progress line. The totals
+// are known once the far side's list is in; it counts entries, so a
+// directory that lands counts as one done, as a file does.
 class PullProgress final : public host::ReceiverObserver {
 public:
     explicit PullProgress(ProgressTracker& tracker) : mTracker(tracker) {}
 
-    void OnListReceived(size_t, uint64_t totalBytes) override { mTracker.start(totalBytes, mFiles); }
+    void OnListReceived(size_t entryCount, uint64_t totalBytes) override { mTracker.start(totalBytes, entryCount); }
     void OnFileStarted(const std::string& name, uint64_t) override
     {
         if (mWriting.empty()) {
@@ -119,11 +121,11 @@ public:
         mTracker.setBytesDone(totalBytesDone);
     }
     void OnFileCompleted(const std::string&, const std::string&) override { mTracker.fileCompleted(); }
+    void OnDirectoryCreated(const std::string&, const std::string&) override { mTracker.fileCompleted(); }
 
 private:
     ProgressTracker& mTracker;
-    const uint64_t mFiles = 0;  // not in the list's summary: the line counts what completes
-    std::string mWriting;       // calls are serialised: no lock
+    std::string mWriting;  // calls are serialised: no lock
 };
 
 // Says nothing while the session runs: the local side reports at the end.
@@ -146,11 +148,12 @@ int exitCodeOfPull(const host::ReceivedSession& session)
 
 int pull(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
 {
+    const RemoteInvocation invocation = remoteInvocationFor(options, ends);  // usage errors first
     const std::string destination =
         usableDestinationDir(ends.destination, DestinationNeed::kWritableDirectory, "cannot copy into");
     const std::string from = "from " + ends.remote.login();
 
-    RemoteLink link(remoteInvocationFor(options, ends), context.console);
+    RemoteLink link(invocation, context.console);
     link.awaitFarSide([&context] { return context.signals.interrupted(); });
 
     ProgressTracker tracker;
