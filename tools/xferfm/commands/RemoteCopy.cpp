@@ -128,8 +128,31 @@ private:
     std::string mWriting;  // calls are serialised: no lock
 };
 
-// Says nothing while the session runs: the local side reports at the end.
-class QuietReceiverObserver final : public host::NetworkReceiverObserver {};
+// Names each entry of the far side's list that the name guard refuses, as
+// `serve` does (the first ones one line each, then a count).
+class PullRefusals final : public host::NetworkReceiverObserver {
+public:
+    PullRefusals(StderrConsole& console, std::string host) : mConsole(console), mHost(std::move(host)) {}
+
+    // One session's refusals come from its delivery thread, in order.
+    void OnEntryRefused(unsigned, const std::string&, const host::RefusedEntry& entry) override
+    {
+        switch (refusalLineFor(++mRefused)) {
+        case RefusalLine::kNamed:
+            mConsole.writeLine("xferfm: not copied from " + mHost + ": " + host::PrintableText(entry.reason));
+            break;
+        case RefusalLine::kRestCounted:
+            mConsole.writeLine("xferfm: more entries not copied from " + mHost + "; the summary counts them");
+            break;
+        case RefusalLine::kSilent: break;
+        }
+    }
+
+private:
+    StderrConsole& mConsole;
+    const std::string mHost;
+    size_t mRefused = 0;
+};
 
 int exitCodeOfPull(const host::ReceivedSession& session)
 {
@@ -160,12 +183,12 @@ int pull(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
     ProgressRenderer renderer(tracker, context.console,
                               chooseProgressStyle(options.showProgress && !options.quiet, context.console));
     PullProgress progress(tracker);
-    QuietReceiverObserver quiet;
+    PullRefusals refusals(context.console, ends.remote.hostLabel());
     host::NetworkReceiverOptions receiverOptions;
     receiverOptions.destinationDir = destination;
     receiverOptions.serverName = "xferfm copy";
     receiverOptions.endpointObserver = &progress;
-    host::NetworkReceiver receiver(receiverOptions, quiet);
+    host::NetworkReceiver receiver(receiverOptions, refusals);
     ScopedSignalHooks hooks(
         context.signals,
         [&receiver, &context] {
