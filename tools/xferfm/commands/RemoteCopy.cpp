@@ -169,6 +169,11 @@ int exitCodeOfPull(const host::ReceivedSession& session)
     return exitCodeOf(session);
 }
 
+// A far side that died of a signal, or a remote shell that lost its
+// connection (ssh's 255; a shell's 128 + signal), broke the link: the
+// copy failed for that, not for anything the receiver did.
+bool farSideBroke(const ChildEnd& end) { return end.signal != 0 || end.exitCode == 255 || end.exitCode > 128; }
+
 int pull(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
 {
     const RemoteInvocation invocation = remoteInvocationFor(options, ends);  // usage errors first
@@ -212,12 +217,17 @@ int pull(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
     if (session.outcome != host::ReceivedSession::Outcome::kOk) {
         context.engineLog.silence();
     }
-    link.finish(kFarSideExit);
+    const std::optional<ChildEnd> farSide = link.finish(kFarSideExit);
 
     const int exitCode = context.signals.interrupted() ? toInt(ExitCode::kInterrupted) : exitCodeOfPull(session);
     if (exitCode == toInt(ExitCode::kInterrupted)) {
         throw ToolError(ExitCode::kInterrupted, "interrupted: files already complete stay in " + destination +
                                                     "; the file being written was removed");
+    }
+    if (session.outcome == host::ReceivedSession::Outcome::kFailed && farSide && farSideBroke(*farSide)) {
+        throw ToolError(ExitCode::kLinkFailed, "the link to " + ends.remote.hostLabel() +
+                                                   " was lost mid-copy: the far side ended with " +
+                                                   farSide->describe() + "; the file being written was removed");
     }
     if (exitCode != toInt(ExitCode::kOk) && exitCode != toInt(ExitCode::kNamesRefused) &&
         exitCode != toInt(ExitCode::kVerifyMismatch)) {
