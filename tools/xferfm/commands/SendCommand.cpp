@@ -17,6 +17,7 @@
 #include "xferfm/host/NetworkSender.h"
 #include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/Sha256.h"
+#include "xferfm/host/StandardStreams.h"
 #include "xferfm/host/TransferObserver.h"
 
 namespace xferfm::cli {
@@ -153,6 +154,13 @@ std::string summaryLine(const host::TransferSummary& summary, const std::string&
 
 int runSend(const SendOptions& options, ToolContext& context)
 {
+    // With --stdio, standard output carries frames only: it is taken
+    // before anything can be printed, and every line goes to stderr.
+    std::string error;
+    host::StreamEnds stream;
+    if (options.stdio && !host::TakeStandardStreams(stream, error)) {
+        throw ToolError(ExitCode::kLinkFailed, error);
+    }
     const SourcePlan plan = planSources(options.sources);
     const host::FileDigests digests = options.verify ? hashSources(plan) : host::FileDigests{};
     if (context.signals.interrupted()) {
@@ -160,10 +168,10 @@ int runSend(const SendOptions& options, ToolContext& context)
     }
 
     host::NetworkSenderOptions senderOptions;
-    std::string error;
-    if (!host::ParseHostPort(options.address, senderOptions.address, error)) {
+    if (!options.stdio && !host::ParseHostPort(options.address, senderOptions.address, error)) {
         throw ToolError(ExitCode::kUsage, error);
     }
+    const std::string receiverName = options.stdio ? stream.peer : options.address;
     ProgressTracker tracker;
     tracker.start(plan.totalBytes, plan.fileCount);
     ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
@@ -181,7 +189,9 @@ int runSend(const SendOptions& options, ToolContext& context)
     host::SentSession result;
     {
         host::NetworkSender sender(senderOptions);
-        if (!sender.Connect(error)) {
+        if (options.stdio) {
+            sender.Attach(std::move(stream));
+        } else if (!sender.Connect(error)) {
             throw ToolError(ExitCode::kLinkFailed, error);
         }
         started = Clock::now();
@@ -238,7 +248,7 @@ int runSend(const SendOptions& options, ToolContext& context)
     if (result.verdict && result.verdict->matched) {
         std::cout << host::PrintableText(result.verdict->Text()) << "\n";
     }
-    std::cout << summaryLine(summary, options.address, seconds) << std::endl;
+    std::cout << summaryLine(summary, receiverName, seconds) << std::endl;
     if (result.outcome == Outcome::kPartial) {
         // Each entry was named on stderr as it was refused; this sums up.
         throw ToolError(ExitCode::kNamesRefused, "not everything was sent: " + host::PrintableText(summary.error));
