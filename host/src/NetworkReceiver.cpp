@@ -72,8 +72,10 @@ void NetworkReceiver::Run()
         TcpTransportOptions linkOptions;
         linkOptions.threadName = kLinkThreadName;
         std::string peer = PeerAddressOf(connection.Fd());
+        auto link = std::make_unique<TcpTransport>(std::move(connection), linkOptions);
+        const TcpTransport* const bare = link.get();  // alive whenever the session asks
         const ReceivedSession session =
-            Serve(sessions, std::make_unique<TcpTransport>(std::move(connection), linkOptions), std::move(peer));
+            Serve(sessions, std::move(link), std::move(peer), [bare] { return bare->PeerWentAway(); });
         waiting = room.Leave();
         mObserver.OnSessionEnded(session);
         if (mOptions.maxSessions != 0 && sessions >= mOptions.maxSessions) {
@@ -93,19 +95,23 @@ ReceivedSession NetworkReceiver::RunOne(StreamEnds stream)
     StreamTransportOptions linkOptions;
     linkOptions.threadName = kLinkThreadName;
     std::string peer = stream.peer;
+    auto link = std::make_unique<StreamTransport>(std::move(stream), linkOptions);
+    const StreamTransport* const bare = link.get();  // alive whenever the session asks
     const ReceivedSession session =
-        Serve(1, std::make_unique<StreamTransport>(std::move(stream), linkOptions), std::move(peer));
+        Serve(1, std::move(link), std::move(peer), [bare] { return bare->PeerWentAway(); });
     mObserver.OnSessionEnded(session);
     return session;
 }
 
-ReceivedSession NetworkReceiver::Serve(unsigned number, std::unique_ptr<ITransport> link, std::string peer)
+ReceivedSession NetworkReceiver::Serve(unsigned number, std::unique_ptr<ITransport> link, std::string peer,
+                                       std::function<bool()> senderWentAway)
 {
     detail::ReceiveSessionSetup setup;
     setup.number = number;
     setup.options = &mOptions;
     setup.observer = &mObserver;
     setup.stopRequested = &mStopRequested;
+    setup.senderWentAway = std::move(senderWentAway);
     setup.onCacheDirectory = [this](const std::string& cacheDirectory) {
         std::lock_guard<std::mutex> lock(mMutex);
         mActiveCache = cacheDirectory;

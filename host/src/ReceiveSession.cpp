@@ -9,6 +9,7 @@
 #include "DigestCheckingLink.h"
 #include "DurationText.h"
 #include "HostLog.h"
+#include "xferfm/host/ForwardingTransport.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 #include "xferfm/host/Sha256.h"
@@ -146,6 +147,50 @@ private:
     std::map<std::string, std::string> mFinalPaths;
 };
 
+// Innermost on the link: tells whether the sender went away without a
+// goodbye (kLinkLost) while the session was still on: neither end had said
+// goodbye when the link closed under it.
+class LinkEndWatch final : public ForwardingTransport {
+public:
+    LinkEndWatch(std::unique_ptr<ITransport> inner, std::function<bool()> peerWentAway,
+                 std::function<void()> onSenderGone)
+        : ForwardingTransport(std::move(inner)),
+          mPeerWentAway(std::move(peerWentAway)),
+          mOnSenderGone(std::move(onSenderGone))
+    {
+    }
+    ~LinkEndWatch() override { ReleaseInner(); }
+
+    bool Send(Message message) override
+    {
+        if (std::holds_alternative<Disconnect>(message)) {
+            mGoodbyeSent = true;
+        }
+        return ForwardingTransport::Send(std::move(message));
+    }
+
+private:
+    void OnMessage(Message message) override
+    {
+        if (std::holds_alternative<Disconnect>(message)) {
+            mGoodbyeHeard = true;
+        }
+        ForwardingTransport::OnMessage(std::move(message));
+    }
+    void OnTransportClosed(const std::string& reason) override
+    {
+        if (!mGoodbyeHeard && !mGoodbyeSent && mPeerWentAway && mPeerWentAway()) {
+            mOnSenderGone();
+        }
+        ForwardingTransport::OnTransportClosed(reason);
+    }
+
+    const std::function<bool()> mPeerWentAway;
+    const std::function<void()> mOnSenderGone;
+    bool mGoodbyeHeard = false;  // delivery thread only
+    std::atomic<bool> mGoodbyeSent{false};
+};
+
 class ReceiveSession {
 public:
     enum class State { kStarting, kAwaitingList, kReceiving, kCancelling, kEnded };
@@ -179,6 +224,7 @@ private:
     std::mutex mMutex;  // guards the three below, written from the link's threads
     std::optional<VerifyVerdict> mVerdict;
     std::string mRefusal;  // the guard refused the whole session
+    bool mSenderGone = false;  // the sender ended or broke the link without a goodbye
     std::vector<RefusedEntry> mRefused;
 };
 
@@ -203,8 +249,12 @@ void ReceiveSession::SetState(State next, const std::string& why)
 
 std::unique_ptr<ITransport> ReceiveSession::MakeLink()
 {
+    auto watched = std::make_unique<LinkEndWatch>(std::move(mLink), mSetup.senderWentAway, [this] {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mSenderGone = true;
+    });
     auto guarded = std::make_unique<RemoteNameGuardTransport>(
-        std::move(mLink), mOptions.destinationDir, mOptions.listLimits,
+        std::move(watched), mOptions.destinationDir, mOptions.listLimits,
         [this](const std::string& refusal) {
             std::lock_guard<std::mutex> lock(mMutex);
             mRefusal = refusal;
@@ -334,7 +384,7 @@ void ReceiveSession::Conclude(const std::string& startFailure)
         mResult.failure = "no file data moved for " + DurationText(mOptions.progressTimeout);
     } else if (!mResult.summary.completed) {
         const std::string failure = mEndpointObserver.Failure();
-        mResult.outcome = Outcome::kFailed;
+        mResult.outcome = mSenderGone ? Outcome::kLinkLost : Outcome::kFailed;
         mResult.failure = failure.empty() ? mResult.summary.error : failure;
     } else {
         mResult.outcome = mRefused.empty() ? Outcome::kOk : Outcome::kRefused;

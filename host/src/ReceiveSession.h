@@ -30,6 +30,9 @@ struct ReceiveSessionSetup {
     const std::atomic<bool>* stopRequested = nullptr;
     // Told the cache directory once the endpoint has one, and "" at the end.
     std::function<void(const std::string& cacheDirectory)> onCacheDirectory;
+    // Asked when the bare link closes under the session: did the sender end
+    // or break it (TcpTransport/StreamTransport::PeerWentAway)?
+    std::function<bool()> senderWentAway;
 };
 
 // `link` is the bare transport to the sender (not yet started); `peer` names

@@ -153,6 +153,7 @@ public:
     }
 
     const std::string& Peer() const { return mPeer; }
+    bool PeerWentAway() const { return mPeerWentAway; }
 
     uint64_t QueuedDataBytes() const
     {
@@ -171,14 +172,15 @@ private:
 
     // Marks the link broken: senders fail, the writer stops, and the reader
     // reports `reason` (the first one given) once it has taken what the
-    // peer already sent.
-    void FailLink(const std::string& reason)
+    // peer already sent. `peerGone`: the peer ended or broke the stream.
+    void FailLink(const std::string& reason, bool peerGone = false)
     {
         {
             const std::lock_guard<std::mutex> lock(mMutex);
             if (!mLinkDown) {
                 mLinkDown = true;
                 mFailure = reason;
+                mFailurePeerGone = peerGone;
             }
             mWriterWake.notify_all();
             mSpaceFreed.notify_all();
@@ -262,7 +264,7 @@ private:
                 continue;
             }
             if (error != EAGAIN && error != EWOULDBLOCK) {
-                FailLink("connection to " + mPeer + " lost while sending: " + SystemErrorText(error));
+                FailLink("connection to " + mPeer + " lost while sending: " + SystemErrorText(error), true);
                 return false;
             }
             // The kernel's buffer is full: wait for room, and look up now
@@ -304,6 +306,7 @@ private:
         auto lastReceived = Clock::now();
         std::string reason;
         bool protocolError = false;
+        bool peerGone = false;  // what `reason` tells: the peer ended or broke the stream
 
         // Decodes `size` bytes and delivers what they complete. False when
         // the bytes broke the protocol (reason set) or a local close
@@ -332,6 +335,7 @@ private:
                 const std::lock_guard<std::mutex> lock(mMutex);
                 if (mLinkDown) {
                     reason = mFailure;
+                    peerGone = mFailurePeerGone;
                 }
             }
             if (!reason.empty()) {
@@ -378,12 +382,14 @@ private:
             if (received == 0) {
                 reason = decoder.Finish() ? mPeer + " closed the connection"
                                           : "connection from " + mPeer + " cut short: " + decoder.Error();
+                peerGone = true;
                 break;
             }
             if (errno == EINTR || errno == EAGAIN) {
                 continue;
             }
             reason = "connection to " + mPeer + " lost: " + SystemErrorText(errno);
+            peerGone = true;
             break;
         }
 
@@ -398,11 +404,12 @@ private:
                 mEndWhenWriterStops = true;
                 writerStopped = mWriterStopped;
             }
-            FailLink(reason);
+            FailLink(reason, peerGone);
             if (writerStopped) {
                 mEnds.EndWriteSide();
             }
         }
+        mPeerWentAway = peerGone;
         if (!mDeliveriesStopped.exchange(true)) {
             mHandler->OnTransportClosed(reason);
         }
@@ -457,10 +464,12 @@ private:
     bool mEndWhenWriterStops = false;  // the peer ended or lost the link
     bool mWriterStopped = false;
     std::string mFailure;
+    bool mFailurePeerGone = false;
     ITransportHandler* mHandler = nullptr;
     std::thread::id mReaderId;
 
-    std::atomic<bool> mDeliveriesStopped{false};  // after Close or the one OnTransportClosed
+    std::atomic<bool> mDeliveriesStopped{false};
+    std::atomic<bool> mPeerWentAway{false};  // set before the one OnTransportClosed  // after Close or the one OnTransportClosed
     std::mutex mJoinMutex;
     std::thread mReader;
     std::thread mWriter;
@@ -480,6 +489,8 @@ bool StreamTransport::Send(Message message) { return mLink->Send(std::move(messa
 void StreamTransport::Close() { mLink->Close(); }
 
 const std::string& StreamTransport::Peer() const { return mLink->Peer(); }
+
+bool StreamTransport::PeerWentAway() const { return mLink->PeerWentAway(); }
 
 uint64_t StreamTransport::QueuedDataBytes() const { return mLink->QueuedDataBytes(); }
 

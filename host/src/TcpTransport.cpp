@@ -59,6 +59,8 @@ void TcpTransport::Close() { mLink->stream.Close(); }
 
 const std::string& TcpTransport::PeerAddress() const { return mLink->stream.Peer(); }
 
+bool TcpTransport::PeerWentAway() const { return mLink->stream.PeerWentAway(); }
+
 uint64_t TcpTransport::QueuedDataBytes() const { return mLink->stream.QueuedDataBytes(); }
 
 uint64_t TcpTransport::PeakQueuedDataBytes() const { return mLink->stream.PeakQueuedDataBytes(); }

@@ -112,7 +112,7 @@ TEST(StreamSessionTest, AReceiverWhoseStreamEndsBeforeItsGoodbyeIsALostLinkNamed
     EXPECT_NE(sent.failure.find("the receiver's pipes"), std::string::npos) << sent.failure;
 }
 
-TEST(StreamSessionTest, ASenderWhoseStreamEndsBeforeItsListFailsTheSessionAndLeavesNothingBehind)
+TEST(StreamSessionTest, ASenderWhoseStreamEndsBeforeItsListIsALostLinkThatLeavesNothingBehind)
 {
     TempDir scratch;
     WriteText(scratch / "dest/.keep", "");
@@ -123,7 +123,7 @@ TEST(StreamSessionTest, ASenderWhoseStreamEndsBeforeItsListFailsTheSessionAndLea
     }
     ASSERT_EQ(served.wait_for(20s), std::future_status::ready);
     const ReceivedSession session = served.get();
-    EXPECT_EQ(session.outcome, ReceivedSession::Outcome::kFailed);
+    EXPECT_EQ(session.outcome, ReceivedSession::Outcome::kLinkLost) << session.failure;
     EXPECT_NE(session.failure.find("first"), std::string::npos) << session.failure;
     EXPECT_EQ(NamesIn(scratch / "dest"), std::vector<std::string>{".keep"});
     EXPECT_TRUE(LeftoverCaches(scratch / "dest").empty());

@@ -162,17 +162,13 @@ int exitCodeOfPull(const host::ReceivedSession& session)
     case Outcome::kRefused: return toInt(ExitCode::kNamesRefused);
     case Outcome::kVerifyFailed: return toInt(ExitCode::kVerifyMismatch);
     case Outcome::kCancelled: return toInt(ExitCode::kInterrupted);
+    case Outcome::kLinkLost: return toInt(ExitCode::kLinkFailed);
     case Outcome::kListTimeout:
     case Outcome::kStalled: return toInt(ExitCode::kReceiverStalled);
     case Outcome::kFailed: break;
     }
     return exitCodeOf(session);
 }
-
-// A far side that died of a signal, or a remote shell that lost its
-// connection (ssh's 255; a shell's 128 + signal), broke the link: the
-// copy failed for that, not for anything the receiver did.
-bool farSideBroke(const ChildEnd& end) { return end.signal != 0 || end.exitCode == 255 || end.exitCode > 128; }
 
 int pull(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
 {
@@ -224,10 +220,11 @@ int pull(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
         throw ToolError(ExitCode::kInterrupted, "interrupted: files already complete stay in " + destination +
                                                     "; the file being written was removed");
     }
-    if (session.outcome == host::ReceivedSession::Outcome::kFailed && farSide && farSideBroke(*farSide)) {
-        throw ToolError(ExitCode::kLinkFailed, "the link to " + ends.remote.hostLabel() +
-                                                   " was lost mid-copy: the far side ended with " +
-                                                   farSide->describe() + "; the file being written was removed");
+    if (session.outcome == host::ReceivedSession::Outcome::kLinkLost) {
+        throw ToolError(ExitCode::kLinkFailed,
+                        "the link to " + ends.remote.hostLabel() + " was lost mid-copy" +
+                            (farSide ? " (the far side ended with " + farSide->describe() + ")" : std::string()) +
+                            ": " + host::PrintableText(session.failure) + "; the file being written was removed");
     }
     if (exitCode != toInt(ExitCode::kOk) && exitCode != toInt(ExitCode::kNamesRefused) &&
         exitCode != toInt(ExitCode::kVerifyMismatch)) {

@@ -9,6 +9,7 @@
 #include "ToolError.h"
 #include "xferfm/host/NetworkSender.h"
 #include "xferfm/host/RemoteNameGuard.h"
+#include "xferfm/host/StandardStreams.h"
 
 namespace xferfm::cli {
 namespace {
@@ -31,25 +32,36 @@ std::string summaryLine(const host::TransferSummary& summary, const std::string&
 
 int runSend(const SendOptions& options, ToolContext& context)
 {
+    // With --stdio, standard output carries frames only: it is taken
+    // before anything can be printed, and every line goes to stderr.
+    std::string error;
+    host::StreamEnds stream;
+    if (options.stdio && !host::TakeStandardStreams(stream, error)) {
+        throw ToolError(ExitCode::kLinkFailed, error);
+    }
     const SourcePlan plan = planSources(options.sources);
     host::NetworkSenderOptions senderOptions;
-    std::string error;
-    if (!host::ParseHostPort(options.address, senderOptions.address, error)) {
+    if (!options.stdio && !host::ParseHostPort(options.address, senderOptions.address, error)) {
         throw ToolError(ExitCode::kUsage, error);
     }
+    const std::string receiverName = options.stdio ? stream.peer : options.address;
     senderOptions.connectTimeout = kConnectTimeout;
     senderOptions.progressTimeout =
         std::chrono::milliseconds(static_cast<int64_t>(options.progressTimeoutSeconds * 1000));
 
     const PlanSent sent = sendPlan(plan, senderOptions, options, options.showProgress, context,
-                                   [](host::NetworkSender& sender, std::string& failure) {
+                                   [&options, &stream](host::NetworkSender& sender, std::string& failure) {
+                                       if (options.stdio) {
+                                           sender.Attach(std::move(stream));
+                                           return true;
+                                       }
                                        return sender.Connect(failure);
                                    });
     const host::SentSession& result = sent.result;
     if (result.verdict && result.verdict->matched) {
         std::cout << host::PrintableText(result.verdict->Text()) << "\n";
     }
-    std::cout << summaryLine(result.summary, options.address, sent.seconds) << std::endl;
+    std::cout << summaryLine(result.summary, receiverName, sent.seconds) << std::endl;
     if (result.outcome == host::SentSession::Outcome::kPartial) {
         // Each entry was named on stderr as it was refused; this sums up.
         throw ToolError(ExitCode::kNamesRefused,

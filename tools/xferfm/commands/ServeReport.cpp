@@ -76,6 +76,7 @@ std::string sessionLine(const host::ReceivedSession& session, std::chrono::milli
                 std::to_string(std::chrono::duration_cast<std::chrono::seconds>(listTimeout).count()) + " s";
         break;
     case Outcome::kStalled:
+    case Outcome::kLinkLost:
     case Outcome::kFailed: line += "failed: " + session.failure; break;
     }
     if (session.outcome != Outcome::kRefused && !session.refused.empty()) {
@@ -92,6 +93,7 @@ int exitCodeOf(const host::ReceivedSession& session)
     case Outcome::kVerifyFailed: return toInt(ExitCode::kVerifyMismatch);
     case Outcome::kCancelled: return toInt(ExitCode::kInterrupted);
     case Outcome::kRefused: return toInt(ExitCode::kNamesRefused);
+    case Outcome::kLinkLost: return toInt(ExitCode::kLinkFailed);
     case Outcome::kListTimeout:
     case Outcome::kStalled:
     case Outcome::kFailed: break;

@@ -50,6 +50,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -103,6 +104,8 @@ struct ReceivedSession {
         kCancelled,     // Stop was called during the session
         kListTimeout,   // the sender offered no list within listTimeout
         kStalled,       // no file data moved for progressTimeout after the list
+        kLinkLost,      // the sender ended or broke the link before the session was over, without a goodbye
+                        // (its process exited, say): `failure` says what was cut
         kFailed,        // anything else: `failure` says why
     };
     unsigned number = 0;  // 1 for the first session of Run
@@ -154,7 +157,8 @@ public:
     std::string ActiveCacheDirectory() const;
 
 private:
-    ReceivedSession Serve(unsigned number, std::unique_ptr<ITransport> link, std::string peer);
+    ReceivedSession Serve(unsigned number, std::unique_ptr<ITransport> link, std::string peer,
+                          std::function<bool()> senderWentAway);
 
     TcpListener* const mListener;  // null: RunOne only
     const NetworkReceiverOptions mOptions;

@@ -99,6 +99,12 @@ public:
 
     // The label of the other end, as given in StreamEnds.
     const std::string& Peer() const;
+    // True when the link was closed because the peer ended or broke the
+    // stream (its process exited, a reset, a write to a pipe no one reads),
+    // not by a rule of this end (a protocol error, silence, unread
+    // replies). Set before OnTransportClosed is called, so a handler may
+    // ask from inside it.
+    bool PeerWentAway() const;
 
     // Data bytes queued and not yet written now, and the most ever queued.
     uint64_t QueuedDataBytes() const;

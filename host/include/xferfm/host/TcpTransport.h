@@ -51,6 +51,8 @@ public:
 
     // "HOST:PORT" of the other end, fixed at construction.
     const std::string& PeerAddress() const;
+    // As StreamTransport::PeerWentAway.
+    bool PeerWentAway() const;
 
     // Data bytes queued and not yet written now, and the most ever queued.
     uint64_t QueuedDataBytes() const;
