@@ -209,6 +209,9 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
                     "every message goes to stderr). Used by copy over SSH; you rarely run it yourself")
         ->excludes(listen)
         ->excludes(portFile);
+    serve->add_flag("-q,--quiet", options.quiet,
+                    "Print no start line and no line for a session that went well; failures and refused names "
+                    "are still shown (copy over SSH runs the far side so)");
     addLogLevelOption(*serve, options);
     serve->add_option("DEST_DIR", options.destinationDir, "Directory that receives the copies")->required();
     serve->footer(std::string(
@@ -242,6 +245,9 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
                    "Send over standard input and output, to an `xferfm serve --stdio` at their other end, instead "
                    "of to HOST:PORT (every message goes to stderr). Used by copy over SSH; you rarely run it "
                    "yourself");
+    send->add_flag("-q,--quiet", options.quiet,
+                   "Print no summary and no progress; errors and refused names are still shown (copy over SSH "
+                   "runs the far side so)");
     send->add_option("SOURCE", options.sources, "Files and directories to send");
     send->footer(std::string("An entry whose name the receiver refuses is not sent (a line on stderr names it and "
                              "the rule); the rest is, and the exit code is 7.\n\n") +

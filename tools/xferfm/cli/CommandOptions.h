@@ -63,6 +63,7 @@ struct ServeOptions : CommonOptions {
     std::string listen = std::string(kDefaultListenHost) + ":" + std::to_string(kDefaultServePort);
     bool once = false;
     bool stdio = false;  // serve one session over standard input/output instead of listening
+    bool quiet = false;  // no start line, no line for a session that went well
     std::string portFile;  // when set, the bound port is written there once listening
     std::string destinationDir;
 };
@@ -70,6 +71,7 @@ struct ServeOptions : CommonOptions {
 struct SendOptions : TransferOptions {
     std::string address;  // HOST:PORT of a serving receiver ("" with stdio)
     bool stdio = false;   // the receiver is at the other end of standard input/output
+    bool quiet = false;   // no summary and no progress; errors and refusals still shown
     double progressTimeoutSeconds = 60;  // a receiver that moves nothing on this long ends the send
     std::vector<std::string> sources;
 };

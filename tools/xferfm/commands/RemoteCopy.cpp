@@ -258,11 +258,12 @@ RemoteInvocation remoteInvocationFor(const CopyOptions& options, const CopyEnds&
     invocation.target = ends.remote;
     if (ends.direction == CopyDirection::kPush) {
         invocation.role = RemoteRole::kReceive;
+        invocation.options = {"--quiet"};  // the local side reports; the far side speaks only of trouble
         invocation.paths = {ends.destination};
     } else {
         // The sender's options travel to the far side, which sends.
         invocation.role = RemoteRole::kSend;
-        invocation.options = {"--no-progress", "--window", std::to_string(options.window)};
+        invocation.options = {"--quiet", "--window", std::to_string(options.window)};
         if (options.bandwidthKbps != 0) {
             invocation.options.push_back("--bandwidth");
             invocation.options.push_back(std::to_string(options.bandwidthKbps));

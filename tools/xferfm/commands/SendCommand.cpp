@@ -49,7 +49,7 @@ int runSend(const SendOptions& options, ToolContext& context)
     senderOptions.progressTimeout =
         std::chrono::milliseconds(static_cast<int64_t>(options.progressTimeoutSeconds * 1000));
 
-    const PlanSent sent = sendPlan(plan, senderOptions, options, options.showProgress, context,
+    const PlanSent sent = sendPlan(plan, senderOptions, options, options.showProgress && !options.quiet, context,
                                    [&options, &stream](host::NetworkSender& sender, std::string& failure) {
                                        if (options.stdio) {
                                            sender.Attach(std::move(stream));
@@ -58,10 +58,12 @@ int runSend(const SendOptions& options, ToolContext& context)
                                        return sender.Connect(failure);
                                    });
     const host::SentSession& result = sent.result;
-    if (result.verdict && result.verdict->matched) {
-        std::cout << host::PrintableText(result.verdict->Text()) << "\n";
+    if (!options.quiet) {
+        if (result.verdict && result.verdict->matched) {
+            std::cout << host::PrintableText(result.verdict->Text()) << "\n";
+        }
+        std::cout << summaryLine(result.summary, receiverName, sent.seconds) << std::endl;
     }
-    std::cout << summaryLine(result.summary, receiverName, sent.seconds) << std::endl;
     if (result.outcome == host::SentSession::Outcome::kPartial) {
         // Each entry was named on stderr as it was refused; this sums up.
         throw ToolError(ExitCode::kNamesRefused,

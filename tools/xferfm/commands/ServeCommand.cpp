@@ -47,8 +47,9 @@ void writePortFile(const std::string& path, uint16_t port)
 // Prints what the kit's receiver reports, as it happens.
 class ServePrinter final : public host::NetworkReceiverObserver {
 public:
-    ServePrinter(ToolContext& context, std::chrono::milliseconds listTimeout)
-        : mContext(context), mListTimeout(listTimeout)
+    // `quiet`: no line for a session that went well.
+    ServePrinter(ToolContext& context, std::chrono::milliseconds listTimeout, bool quiet)
+        : mContext(context), mListTimeout(listTimeout), mQuiet(quiet)
     {
     }
 
@@ -76,9 +77,11 @@ public:
     }
     void OnSessionEnded(const host::ReceivedSession& session) override
     {
-        // On stdout, which is stderr under --stdio.
-        std::cout << sessionLine(session, mListTimeout) << std::endl;
         mExitCode = exitCodeOf(session);
+        if (!mQuiet || mExitCode != toInt(ExitCode::kOk)) {
+            // On stdout, which is stderr under --stdio.
+            std::cout << sessionLine(session, mListTimeout) << std::endl;
+        }
     }
     void OnTurnedAway(const std::string& peer) override
     {
@@ -92,6 +95,7 @@ public:
 private:
     ToolContext& mContext;
     const std::chrono::milliseconds mListTimeout;
+    const bool mQuiet;
     std::mutex mRefusalMutex;
     unsigned mRefusalSession = 0;
     size_t mRefusals = 0;
@@ -129,10 +133,12 @@ int serveOverStandardStreams(const ServeOptions& options, ToolContext& context)
     }
     const std::string destination =
         usableDestinationDir(options.destinationDir, DestinationNeed::kWritableDirectory, "cannot receive into");
-    std::cerr << "xferfm serve: receiving into " << destination << " over standard input/output" << std::endl;
+    if (!options.quiet) {
+        std::cerr << "xferfm serve: receiving into " << destination << " over standard input/output" << std::endl;
+    }
     host::NetworkReceiverOptions receiverOptions;
     receiverOptions.destinationDir = destination;
-    ServePrinter printer(context, receiverOptions.listTimeout);
+    ServePrinter printer(context, receiverOptions.listTimeout, options.quiet);
     host::NetworkReceiver receiver(receiverOptions, printer);
     receiveUntilStopped(receiver, context, [&] { receiver.RunOne(std::move(stream)); });
     return printer.lastExitCode();
@@ -155,8 +161,10 @@ int runServe(const ServeOptions& options, ToolContext& context)
     if (!listener.Valid()) {
         throw ToolError(ExitCode::kTransferFailed, error);
     }
-    std::cout << "xferfm serve: listening on " << listener.Address() << ", receiving into " << destination
-              << std::endl;
+    if (!options.quiet) {
+        std::cout << "xferfm serve: listening on " << listener.Address() << ", receiving into " << destination
+                  << std::endl;
+    }
     if (!options.portFile.empty()) {
         writePortFile(options.portFile, listener.Port());
     }
@@ -164,7 +172,7 @@ int runServe(const ServeOptions& options, ToolContext& context)
     host::NetworkReceiverOptions receiverOptions;
     receiverOptions.destinationDir = destination;
     receiverOptions.maxSessions = options.once ? 1 : 0;
-    ServePrinter printer(context, receiverOptions.listTimeout);
+    ServePrinter printer(context, receiverOptions.listTimeout, options.quiet);
     host::NetworkReceiver receiver(listener, receiverOptions, printer);
     receiveUntilStopped(receiver, context, [&receiver] { receiver.Run(); });
     if (options.once) {

@@ -46,9 +46,9 @@ _xferfm()
                      --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict
                      -e --rsh --xferfm-path" ;;
         send)
-            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout --stdio" ;;
+            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout --stdio -q --quiet" ;;
         serve)
-            options="--help --listen --once --port-file --stdio --log-level" ;;
+            options="--help --listen --once --port-file --stdio -q --quiet --log-level" ;;
         demo)
             options="--help --log-level --no-progress" ;;
     esac
