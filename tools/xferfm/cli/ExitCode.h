@@ -15,7 +15,8 @@ enum class ExitCode : int {
     kVerifyMismatch = 6,        // --verify found a destination that differs from its source
     kNamesRefused = 7,          // serve/send: the receiver refused some names; every other entry arrived
     kLinkFailed = 8,            // send: the connection could not be made or was lost; serve --once/--stdio:
-                                // the sender's end of the link ended or broke before the session was over
+                                // the sender's end of the link ended or broke before the session was over;
+                                // copy over a remote shell: the far side's link was lost mid-copy
     kPeerBusy = 9,              // send: the receiver is serving another sender
     kCancelledByPeer = 10,      // send: the receiver cancelled the copy
     kEntriesSkipped = 11,       // some source entries cannot be copied and were skipped; the rest arrived
@@ -40,7 +41,8 @@ inline const char* exitCodeHelp()
            "  6    --verify found a file whose copy differs from its source\n"
            "  7    serve/send: the receiver refused some names (named on stderr); every other entry arrived\n"
            "  8    send: the connection could not be made, or was lost; serve --once/--stdio:\n"
-           "       the sender's end of the link ended or broke before the session was over\n"
+           "       the sender's end of the link ended or broke before the session was over;\n"
+           "       copy to or from HOST:PATH: the link to the far side was lost mid-copy\n"
            "  9    send: the receiver is busy with another sender\n"
            "  10   send: the receiver cancelled the copy\n"
            "  11   some source entries cannot be copied (named on stderr with the reason) and were\n"
