@@ -24,7 +24,8 @@
 namespace xferfm::cli {
 
 // Opens the sender's link (Connect, or Attach to a stream); false with
-// `error` set when it cannot. Called once, after the digests are made.
+// `error` set when it cannot, or throws ToolError. Called once, after the
+// digests are made and before the progress line starts.
 using OpenSenderLink = std::function<bool(orin::xfer::host::NetworkSender&, std::string& error)>;
 
 struct PlanSent {

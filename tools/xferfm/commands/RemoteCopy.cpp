@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <iostream>
 #include <mutex>
+#include <optional>
 
 #include "CopyReport.h"
 #include "DestinationDir.h"
@@ -73,15 +74,19 @@ int push(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
     reportSkipped(plan.skipped, context.console);
     const std::string where = ends.remote.login() + ":" + ends.destination;
 
-    RemoteLink link(invocation, context.console);
-    link.awaitFarSide([&context] { return context.signals.interrupted(); });
+    // The far side is started only once the digests are made: it waits a
+    // limited time for the list, and hashing a large tree takes a while.
+    // It outlives the sender, which is gone when sendPlan returns.
+    std::optional<RemoteLink> link;
     host::NetworkSenderOptions senderOptions;
     const PlanSent sent = sendPlan(plan, senderOptions, options, options.showProgress && !options.quiet, context,
-                                   [&link](host::NetworkSender& sender, std::string&) {
-                                       sender.Attach(link.takeStreamEnds());
+                                   [&](host::NetworkSender& sender, std::string&) {
+                                       link.emplace(invocation, context.console);
+                                       link->awaitFarSide([&context] { return context.signals.interrupted(); });
+                                       sender.Attach(link->takeStreamEnds());
                                        return true;
                                    });
-    link.finish(kFarSideExit);
+    link->finish(kFarSideExit);
 
     const host::SentSession& result = sent.result;
     if (!options.quiet) {
