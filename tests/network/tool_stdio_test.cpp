@@ -101,7 +101,7 @@ TEST(StdioToolTest, ASenderKilledMidFileEndsTheReceiverWithExitCode8AndNothingPa
     fs::create_directories(dest);
 
     JoinedPair pair = StartJoined(scratch, dest, {"--bandwidth", "800", scratch / "src/big.bin"});
-    ASSERT_TRUE(waitUntil([&] { return BytesUnder(dest) > 0; }, 20s)) << pair.serve->Describe();
+    ASSERT_TRUE(waitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 20s)) << pair.serve->Describe();
     pair.send->Signal(SIGKILL);
 
     ASSERT_TRUE(pair.serve->WaitExit(15s)) << pair.serve->Describe();
