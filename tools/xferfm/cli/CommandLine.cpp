@@ -228,8 +228,8 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
         ->capture_default_str();
     send->add_flag("--stdio", options.stdio,
                    "Send over standard input and output, to an `xferfm serve --stdio` at their other end, instead "
-                   "of to HOST:PORT (every message goes to stderr). Used by copy over SSH; you rarely run it "
-                   "yourself");
+                   "of to HOST:PORT: every argument is then a SOURCE, and every message goes to stderr. Used by "
+                   "copy over SSH; you rarely run it yourself");
     send->add_option("SOURCE", options.sources, "Files and directories to send");
     send->footer(std::string("An entry whose name the receiver refuses is not sent (a line on stderr names it and "
                              "the rule); the rest is, and the exit code is 7.\n\n") +
