@@ -114,6 +114,7 @@ TEST_P(StreamTransportTest, AStreamCutInsideAFrameIsReportedAsCutShort)
 
     ASSERT_TRUE(firstHandler.WaitForClose());
     EXPECT_NE(firstHandler.CloseReason().find("cut short"), std::string::npos) << firstHandler.CloseReason();
+    EXPECT_TRUE(transport.PeerWentAway());
 }
 
 TEST_P(StreamTransportTest, APeerGoneMidWriteClosesTheLinkWithAReasonAndTheProcessLives)
@@ -141,6 +142,7 @@ TEST_P(StreamTransportTest, APeerGoneMidWriteClosesTheLinkWithAReasonAndTheProce
 
     ASSERT_TRUE(firstHandler.WaitForClose());
     EXPECT_NE(firstHandler.CloseReason().find("lost while sending"), std::string::npos) << firstHandler.CloseReason();
+    EXPECT_TRUE(transport.PeerWentAway()) << "the peer's doing, not a rule of ours";
     EXPECT_TRUE(waitUntil([&] { return senderDone.load(); })) << "a sender waiting for room is released";
     sender.join();
 }
@@ -161,6 +163,7 @@ TEST_P(StreamTransportTest, APeerSilentForTheTimeoutIsCutWithTheLabelInTheReason
     EXPECT_GE(std::chrono::steady_clock::now() - start, 400ms);
     EXPECT_NE(firstHandler.CloseReason().find("nothing heard from second for 0.4 s"), std::string::npos)
         << firstHandler.CloseReason();
+    EXPECT_FALSE(transport.PeerWentAway()) << "the silence limit is a rule of this end";
 }
 
 TEST_P(StreamTransportTest, DestroyingAnEndIsTheEndOfTheStreamAfterItsLastFrames)
