@@ -177,6 +177,18 @@ TEST_P(CopyOverRemoteShell, AFarSideProgramThatDoesNotExistIsReportedWithItsOwnE
     EXPECT_TRUE(NamesIn(remoteSide).empty());
 }
 
+TEST_P(CopyOverRemoteShell, AFarSideThatRefusesItsPathsEndsTheCopyWithItsOwnExitCode)
+{
+    const ToolResult push = runTool(copyArgs({source, host() + ":" + remoteSide + "/missing dir"}));
+    const ToolResult pull = runTool(copyArgs({host() + ":" + source + "/missing file", localSide}));
+
+    EXPECT_EQ(push.exitCode, toInt(cli::ExitCode::kDestinationUnusable)) << describe(push) << log();
+    EXPECT_NE(push.err.find(host() + ": xferfm: cannot receive into"), std::string::npos) << push.err;
+    EXPECT_EQ(pull.exitCode, toInt(cli::ExitCode::kSourceMissing)) << describe(pull) << log();
+    EXPECT_NE(pull.err.find("missing file"), std::string::npos) << pull.err;
+    EXPECT_TRUE(NamesIn(localSide).empty());
+}
+
 TEST_P(CopyOverRemoteShell, TheRemoteSenderKilledMidFileIsALostLinkAndLeavesNothingPartialHere)
 {
     writePatternFile(source + "/slow.bin", kSlowFileBytes, 3);
