@@ -175,6 +175,9 @@ private:
     std::condition_variable mSessionWake;  // an entry completed or failed, or a request returned
     detail::ReceiverSessionState mState;
     std::optional<ParsedFileList> mList;  // the sender's list, once it arrived
+    // With name rules: per entry of mList, its index in the list as offered
+    // (empty: the same index).
+    std::vector<size_t> mOfferedIndex;
     detail::ReceiverSlotTable mSlots;     // emptied at the end
     Clock::time_point mLastActivity = Clock::now();
     std::thread mSession;

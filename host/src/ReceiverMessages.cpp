@@ -30,6 +30,8 @@
 
 #include <map>
 
+#include "ListNaming.h"
+
 namespace orin::xfer::host {
 
 using detail::AnnouncementCheck;
@@ -161,10 +163,21 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
     }
     size_t entries = 0;
     uint64_t bytes = 0;
+    detail::NamedList named;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (mList) {
             return;  // one list per session
+        }
+        if (mOptions.names) {
+            named = detail::ApplyNameRules(parsed, *mOptions.names);
+            parsed = std::move(named.list);
+            mOfferedIndex = std::move(named.offeredIndex);
+            mLanding.UseLandingNames(std::move(named.landingNames));
+            for (const detail::NameRefusal& refusal : named.refused) {
+                mState.Summary().namesRefused.push_back({refusal.name, refusal.reason});
+            }
+            mState.Summary().namesMapped = named.mapped;
         }
         mList = std::move(parsed);
         mLanding.KeepModificationTimes(detail::ReadModificationTimes(list.json));
@@ -172,6 +185,16 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
         bytes = mList->totalFileBytes;
         mState.Summary().entriesTotal = entries;
         mState.Summary().bytesTotal = bytes;
+    }
+    // Every refusal is on its way, and heard, before anything is requested.
+    for (const detail::NameRefusal& refusal : named.refused) {
+        mTransport->Send(EntryRefused{refusal.index, refusal.reason});
+        mObserver.Notify([&](ReceiverObserver& observer) {
+            observer.OnNameRefused(refusal.index, refusal.name, refusal.reason);
+        });
+    }
+    for (const auto& [name, mapped] : named.mapped) {
+        mObserver.Notify([&](ReceiverObserver& observer) { observer.OnNameMapped(name, mapped); });
     }
     wakeSession();
     mObserver.Notify([&](ReceiverObserver& observer) { observer.OnListReceived(entries, bytes); });
