@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "DestinationDir.h"
+#include "NameReport.h"
 #include "ServeReport.h"
 #include "ToolError.h"
 #include "xferfm/host/TreeRemoval.h"
@@ -75,6 +76,7 @@ public:
     }
     void OnSessionEnded(const host::ReceivedSession& session) override
     {
+        printMappedNames(session.summary.namesMapped, host::PrintableText(sessionPrefix(session.number, session.peer)));
         std::cout << sessionLine(session, mListTimeout) << std::endl;
         mExitCode = exitCodeOf(session);
     }
@@ -119,6 +121,7 @@ int runServe(const ServeOptions& options, ToolContext& context)
     host::NetworkReceiverOptions receiverOptions;
     receiverOptions.destinationDir = destination;
     receiverOptions.maxSessions = options.once ? 1 : 0;
+    receiverOptions.names = receiverNameRules(options);
     ServePrinter printer(context, receiverOptions.listTimeout);
     host::NetworkReceiver receiver(listener, receiverOptions, printer);
     ScopedSignalHooks hooks(

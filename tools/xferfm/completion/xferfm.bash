@@ -28,6 +28,12 @@ _xferfm()
         --log-level)
             COMPREPLY=($(compgen -W "0 1 2 3 4 5 6" -- "$cur"))
             return 0 ;;
+        --names)
+            COMPREPLY=($(compgen -W "posix windows portable" -- "$cur"))
+            return 0 ;;
+        --name-action)
+            COMPREPLY=($(compgen -W "map refuse map-back" -- "$cur"))
+            return 0 ;;
         --port-file)
             COMPREPLY=($(compgen -f -- "$cur"))
             return 0 ;;
@@ -37,11 +43,12 @@ _xferfm()
     case "$command" in
         copy)
             options="--help --bandwidth --window --verify --log-level --no-progress -p --preserve-perms
-                     --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
+                     --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict
+                     --names --name-action" ;;
         send)
             options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout" ;;
         serve)
-            options="--help --listen --once --port-file --log-level" ;;
+            options="--help --listen --once --port-file --log-level --names --name-action" ;;
         demo)
             options="--help --log-level --no-progress" ;;
     esac

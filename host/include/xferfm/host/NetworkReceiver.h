@@ -46,6 +46,7 @@
 #include <vector>
 
 #include "xferfm/host/FileList.h"
+#include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 #include "xferfm/host/TcpListener.h"
 #include "xferfm/host/TransferObserver.h"
@@ -73,6 +74,11 @@ struct NetworkReceiverOptions {
     // waiting then hear that the receiver has finished.
     unsigned maxSessions = 0;
     FileListLimits listLimits;
+    // Names fitted to another platform (ReceiverEndpoint.h): the entries
+    // they refuse are refused like the guard's (OnEntryRefused, outcome
+    // kRefused; their index counts in the list after the guard's
+    // refusals), the mapped ones are in the summary's namesMapped.
+    std::optional<ReceiverNameRules> names;
 };
 
 // How one session ended, and what it brought.
