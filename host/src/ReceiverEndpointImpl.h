@@ -37,6 +37,7 @@ public:
     ~Impl() override;
 
     bool Start(std::string& error);
+    bool SetNameRules(std::optional<ReceiverNameRules> rules);
     bool WaitFinished(std::chrono::milliseconds timeout);
     bool Finished() const;
     void Cancel();

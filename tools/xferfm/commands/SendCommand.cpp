@@ -124,19 +124,12 @@ private:
 // The SHA-256 of every source file, by the name the receiver knows it by.
 host::FileDigests hashSources(const SourcePlan& plan)
 {
-    host::FileDigests digests;
-    for (const SourceEntry& entry : plan.entries) {
-        if (entry.isDirectory) {
-            continue;
-        }
-        std::string error;
-        const std::optional<std::string> digest = host::Sha256OfFile(entry.sourcePath, error);
-        if (!digest) {
-            throw ToolError(ExitCode::kSourceUnreadable, "cannot read '" + entry.sourcePath + "': " + error);
-        }
-        digests[entry.relativePath] = *digest;
+    std::string error;
+    std::optional<host::FileDigests> digests = host::DigestSourceFiles(plan.walked, error);
+    if (!digests) {
+        throw ToolError(ExitCode::kSourceUnreadable, error);
     }
-    return digests;
+    return std::move(*digests);
 }
 
 std::string summaryLine(const host::TransferSummary& summary, const std::string& address, double seconds)

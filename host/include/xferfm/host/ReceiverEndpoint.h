@@ -105,6 +105,11 @@ public:
     ReceiverEndpoint(const ReceiverEndpoint&) = delete;
     ReceiverEndpoint& operator=(const ReceiverEndpoint&) = delete;
 
+    // Name rules chosen after construction (ReceiverOptions::names is the
+    // usual way); before Start only: false, and nothing changed, once
+    // started or cancelled.
+    bool SetNameRules(std::optional<ReceiverNameRules> rules);
+
     // Creates the cache directory and asks the sender for its list; the
     // copy then runs on its own. False with `error` set when the
     // destination cannot be used, or when called twice or after Cancel.
