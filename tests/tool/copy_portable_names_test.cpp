@@ -112,6 +112,34 @@ TEST_F(CopyPortableNames, ByDefaultAndWithoutMapBackEveryNameLandsAsSent)
     EXPECT_EQ(plain.out.find("landed"), std::string::npos) << plain.out;
 }
 
+TEST_F(CopyPortableNames, ADryRunNamesWhatWouldBeMappedAndRefusedAndWritesNothing)
+{
+    const ToolResult result = copy(tree, work.Join("mapped"), {"--dry-run", "--names", "windows"});
+
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kNamesRefused)) << describe(result);
+    EXPECT_NE(result.out.find("would land 'tree/a:b' as 'tree/a" + kColon + "b'"), std::string::npos) << result.out;
+    EXPECT_NE(result.err.find("would not be copied: \"tree/aA\""), std::string::npos) << result.err;
+    EXPECT_TRUE(NamesIn(work.Join("mapped")).empty());
+}
+
+TEST_F(CopyPortableNames, MoreThanTwentyMappedNamesAreCountedInOneLine)
+{
+    for (int i = 0; i < 25; ++i) {
+        writeTextFile(tree + "/many:" + std::to_string(100 + i), "x");
+    }
+
+    const ToolResult result = copy(tree, work.Join("mapped"), {"--names", "windows"});
+
+    EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kNamesRefused)) << describe(result);
+    size_t lines = 0;
+    for (size_t at = result.out.find("landed '"); at != std::string::npos; at = result.out.find("landed '", at + 1)) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, 20u) << result.out;
+    EXPECT_NE(result.out.find("and 9 more names: landed under a mapped form"), std::string::npos) << result.out;
+    EXPECT_EQ(NamesIn(work.Join("mapped/tree")).size(), 6u + 25u);
+}
+
 TEST_F(CopyPortableNames, MapBackGoesWithPosixOnly)
 {
     const ToolResult result = copy(tree, work.Join("mapped"), {"--names", "windows", "--name-action", "map-back"});

@@ -29,27 +29,30 @@ std::string nameOptionsProblem(const NameOptions& options)
     return "";
 }
 
-void printMappedNames(const std::vector<std::pair<std::string, std::string>>& mapped, const std::string& prefix)
+void printMappedNames(const std::vector<std::pair<std::string, std::string>>& mapped, const std::string& prefix,
+                      const std::string& landed)
 {
     for (size_t index = 0; index < mapped.size(); ++index) {
         if (refusalLineFor(index + 1) == RefusalLine::kRestCounted) {
-            std::cout << prefix << "and " << mapped.size() - index << " more names landed under a mapped form\n";
+            std::cout << prefix << "and " << mapped.size() - index << " more names: " << landed
+                      << " under a mapped form\n";
             break;
         }
-        std::cout << prefix << "landed '" << host::PrintableText(mapped[index].first) << "' as '"
+        std::cout << prefix << landed << " '" << host::PrintableText(mapped[index].first) << "' as '"
                   << host::PrintableText(mapped[index].second) << "'\n";
     }
 }
 
-void printRefusedNames(const std::vector<host::SkippedEntry>& refused, StderrConsole& console)
+void printRefusedNames(const std::vector<host::SkippedEntry>& refused, StderrConsole& console,
+                       const std::string& notCopied)
 {
     for (size_t index = 0; index < refused.size(); ++index) {
         if (refusalLineFor(index + 1) == RefusalLine::kRestCounted) {
-            console.writeLine("xferfm: and " + std::to_string(refused.size() - index) +
-                              " more entries not copied for their names");
+            console.writeLine("xferfm: and " + std::to_string(refused.size() - index) + " more entries " +
+                              notCopied + " for their names");
             break;
         }
-        console.writeLine(host::PrintableText("xferfm: not copied: " + refused[index].reason));
+        console.writeLine(host::PrintableText("xferfm: " + notCopied + ": " + refused[index].reason));
     }
 }
 

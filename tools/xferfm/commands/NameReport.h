@@ -30,11 +30,15 @@ std::optional<orin::xfer::host::ReceiverNameRules> receiverNameRules(const NameO
 std::string nameOptionsProblem(const NameOptions& options);
 
 // "landed 'a:b' as 'a：b'" on stdout for each mapped name, the first 20,
-// then one line counting the rest. `prefix` starts each line.
-void printMappedNames(const std::vector<std::pair<std::string, std::string>>& mapped, const std::string& prefix);
+// then one line counting the rest. `prefix` starts each line; a preview
+// says "would land" for `landed`.
+void printMappedNames(const std::vector<std::pair<std::string, std::string>>& mapped, const std::string& prefix,
+                      const std::string& landed = "landed");
 
 // "xferfm: not copied: REASON" on stderr for each refused name, the first
-// 20, then one line counting the rest.
-void printRefusedNames(const std::vector<orin::xfer::host::SkippedEntry>& refused, StderrConsole& console);
+// 20, then one line counting the rest; a preview says "would not be
+// copied" for `notCopied`.
+void printRefusedNames(const std::vector<orin::xfer::host::SkippedEntry>& refused, StderrConsole& console,
+                       const std::string& notCopied = "not copied");
 
 }  // namespace xferfm::cli
