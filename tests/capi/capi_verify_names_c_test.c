@@ -222,6 +222,67 @@ static void refused_names_are_skipped_and_the_rest_is_copied(void)
     CHECK(result.receiver_verdict.state == XFERFM_VERIFY_MATCHED); /* refused ones are not missing */
 }
 
+/* The sender's skipped entries, by the end of their source path. */
+typedef struct sender_skips {
+    int count, colon_named, colon_reason_named, control_named;
+} sender_skips;
+
+static int ends_with(const char* text, const char* end)
+{
+    const size_t length = strlen(text), end_length = strlen(end);
+    return length >= end_length && strcmp(text + length - end_length, end) == 0;
+}
+
+static void on_sender_skipped(void* user, const char* name, const char* reason)
+{
+    sender_skips* skips = (sender_skips*)user;
+    skips->count++;
+    skips->colon_named += ends_with(name, "/c:d");
+    skips->colon_reason_named += ends_with(name, "/c:d") && strstr(reason, "Windows forbids") != NULL;
+    skips->control_named += ends_with(name, "/b\001");
+}
+
+static void screened_and_policy_refusals_each_reach_the_sender_for_their_own_entry(void)
+{
+    char source[512], destination[512];
+    const char* paths[1];
+    xferfm_callbacks callbacks;
+    xferfm_link *a = NULL, *b = NULL;
+    xferfm_sender* sender = NULL;
+    xferfm_receiver* receiver = NULL;
+    xferfm_summary summary;
+    sender_skips skips;
+
+    memset(&skips, 0, sizeof skips);
+    memset(&callbacks, 0, sizeof callbacks);
+    callbacks.user = &skips;
+    callbacks.on_entry_skipped = on_sender_skipped;
+    path_of(source, sizeof source, "mixed");
+    path_of(destination, sizeof destination, "dest-mixed");
+    CHECK(mkdir(destination, 0755) == 0);
+    paths[0] = source;
+    CHECK(xferfm_link_pair(&a, &b) == XFERFM_OK);
+    CHECK(xferfm_receiver_create(b, destination, XFERFM_RECEIVER_SCREEN_NAMES, 0, NULL, &receiver) == XFERFM_OK);
+    CHECK(xferfm_sender_create(a, 0, &callbacks, &sender) == XFERFM_OK);
+    CHECK(xferfm_receiver_set_names(receiver, XFERFM_NAMES_WINDOWS, XFERFM_NAMES_REFUSE) == XFERFM_OK);
+    CHECK(xferfm_sender_offer(sender, paths, 1) == XFERFM_OK);
+    CHECK(xferfm_receiver_start(receiver) == XFERFM_OK);
+    CHECK(xferfm_receiver_wait(receiver, 60000) == XFERFM_OK);
+    CHECK(xferfm_sender_wait(sender, 60000) == XFERFM_OK);
+    CHECK(xferfm_sender_summary(sender, &summary) == XFERFM_OK);
+    CHECK(summary.outcome == XFERFM_PARTIAL);
+    CHECK(summary.entries_skipped == 2);
+    /* The guard's refusal ("b\001", a control character) and the policy's
+     * ("c:d", after it in the list) each name their own entry. */
+    CHECK(skips.count == 2 && skips.colon_named == 1 && skips.colon_reason_named == 1);
+    CHECK(exists("dest-mixed/mixed/plain"));
+    CHECK(!exists("dest-mixed/mixed/c:d"));
+    xferfm_sender_destroy(sender);
+    xferfm_receiver_destroy(receiver);
+    xferfm_link_destroy(a);
+    xferfm_link_destroy(b);
+}
+
 static void bad_name_settings_are_refused(void)
 {
     xferfm_link *a = NULL, *b = NULL;
@@ -257,12 +318,17 @@ int main(void)
     make_file("odd/a:b", "colon");
     make_file("odd/CON.txt", "device");
     make_file("odd/plain", "plain");
+    make_dir("mixed");
+    make_file("mixed/b\001", "control");
+    make_file("mixed/c:d", "colon");
+    make_file("mixed/plain", "plain");
 
     a_verified_copy_reports_a_match_at_both_ends();
     an_unverified_copy_has_no_verdict();
     a_copy_altered_after_landing_is_reported_as_a_mismatch();
     names_are_mapped_through_the_receiver();
     refused_names_are_skipped_and_the_rest_is_copied();
+    screened_and_policy_refusals_each_reach_the_sender_for_their_own_entry();
     bad_name_settings_are_refused();
 
     snprintf(command, sizeof command, "rm -rf '%s'", g_root);
