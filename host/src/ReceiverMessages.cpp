@@ -161,40 +161,50 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
         fail("", "rejected the sender's file list: " + error, false);
         return;
     }
-    size_t entries = 0;
-    uint64_t bytes = 0;
-    detail::NamedList named;
+    std::optional<ReceiverNameRules> rules;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         if (mList) {
             return;  // one list per session
         }
-        if (mOptions.names) {
-            named = detail::ApplyNameRules(parsed, *mOptions.names);
-            parsed = std::move(named.list);
-            mOfferedIndex = std::move(named.offeredIndex);
-            mLanding.UseLandingNames(std::move(named.landingNames));
-            for (const detail::NameRefusal& refusal : named.refused) {
-                mState.Summary().namesRefused.push_back({refusal.name, refusal.reason});
-            }
-            mState.Summary().namesMapped = named.mapped;
+        rules = mOptions.names;  // settled: the list comes only after Start
+    }
+    // With name rules, every refusal is on its way to the sender, and heard
+    // by the observer, before the session thread can see the list and ask
+    // for anything.
+    detail::NamedList named;
+    if (rules) {
+        named = detail::ApplyNameRules(parsed, *rules);
+        parsed = std::move(named.list);
+        mLanding.UseLandingNames(std::move(named.landingNames));
+        for (const detail::NameRefusal& refusal : named.refused) {
+            mTransport->Send(EntryRefused{refusal.index, refusal.reason});
+            mObserver.Notify([&](ReceiverObserver& observer) {
+                observer.OnNameRefused(refusal.index, refusal.name, refusal.reason);
+            });
         }
+        for (const auto& [name, mapped] : named.mapped) {
+            mObserver.Notify([&](ReceiverObserver& observer) { observer.OnNameMapped(name, mapped); });
+        }
+    }
+    size_t entries = 0;
+    uint64_t bytes = 0;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mList) {
+            return;  // one list per session
+        }
+        mOfferedIndex = std::move(named.offeredIndex);
+        for (detail::NameRefusal& refusal : named.refused) {
+            mState.Summary().namesRefused.push_back({std::move(refusal.name), std::move(refusal.reason)});
+        }
+        mState.Summary().namesMapped = std::move(named.mapped);
         mList = std::move(parsed);
         mLanding.KeepModificationTimes(detail::ReadModificationTimes(list.json));
         entries = mList->entries.size();
         bytes = mList->totalFileBytes;
         mState.Summary().entriesTotal = entries;
         mState.Summary().bytesTotal = bytes;
-    }
-    // Every refusal is on its way, and heard, before anything is requested.
-    for (const detail::NameRefusal& refusal : named.refused) {
-        mTransport->Send(EntryRefused{refusal.index, refusal.reason});
-        mObserver.Notify([&](ReceiverObserver& observer) {
-            observer.OnNameRefused(refusal.index, refusal.name, refusal.reason);
-        });
-    }
-    for (const auto& [name, mapped] : named.mapped) {
-        mObserver.Notify([&](ReceiverObserver& observer) { observer.OnNameMapped(name, mapped); });
     }
     wakeSession();
     mObserver.Notify([&](ReceiverObserver& observer) { observer.OnListReceived(entries, bytes); });
