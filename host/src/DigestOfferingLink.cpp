@@ -19,12 +19,21 @@ DigestOfferingLink::DigestOfferingLink(std::unique_ptr<ITransport> inner, FileDi
 // The inner transport goes first: its deliveries use this object's members.
 DigestOfferingLink::~DigestOfferingLink() { ReleaseInner(); }
 
+void DigestOfferingLink::SetDigests(FileDigests digests)
+{
+    std::lock_guard<std::mutex> lock(mDigestsMutex);
+    mDigests = std::move(digests);
+}
+
 bool DigestOfferingLink::Send(Message message)
 {
-    if (auto* list = std::get_if<FileListMessage>(&message); list != nullptr && !mDigests.empty()) {
-        std::string error;
-        // A list this end cannot read goes as it is; the receiver judges it.
-        AddFileDigests(list->json, mDigests, error);
+    if (auto* list = std::get_if<FileListMessage>(&message)) {
+        std::lock_guard<std::mutex> lock(mDigestsMutex);
+        if (!mDigests.empty()) {
+            std::string error;
+            // A list this end cannot read goes as it is; the receiver judges it.
+            AddFileDigests(list->json, mDigests, error);
+        }
     }
     return Inner().Send(std::move(message));
 }

@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "xferfm/host/FileListDigests.h"
@@ -29,11 +30,17 @@ public:
 
     bool Send(Message message) override;
 
+    // Digests known only after the link was made (a host that hashes what
+    // it offers): replaces the constructor's; effective for a list sent
+    // after the call. Any thread.
+    void SetDigests(FileDigests digests);
+
 private:
     void OnMessage(Message message) override;
     void OnTransportClosed(const std::string& reason) override;
 
-    const FileDigests mDigests;
+    std::mutex mDigestsMutex;
+    FileDigests mDigests;  // guarded by mDigestsMutex
     const std::function<void(const VerifyVerdict&)> mOnVerdict;
     const std::function<void(const std::string&)> mOnLinkLost;
     const std::function<void(DisconnectReason)> mOnGoodbye;

@@ -33,6 +33,19 @@ void FileLanding::KeepModificationTimes(ModificationTimes times)
     mTimes = std::move(times);
 }
 
+void FileLanding::UseLandingNames(std::map<std::string, std::string> landingNames)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mLandingNames = std::move(landingNames);
+}
+
+std::string FileLanding::LandingNameOf(const FileListEntry& entry) const
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    const auto found = mLandingNames.find(entry.RequestName());
+    return found != mLandingNames.end() ? found->second : entry.fileName;
+}
+
 uint32_t FileLanding::WantedMode(const FileListEntry& entry) const
 {
     return entry.mode & 0777 & ~mPermissionMask;
@@ -120,13 +133,14 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
     const std::string name = entry.RequestName();
     // Owner access until the end, when the listed mode is applied.
     const mode_t createMode = entry.mode != 0 ? 0700 : 0777;
+    const std::string landingName = LandingNameOf(entry);
     LandingResult result;
     int error = 0;
     const std::string* resumed = ResumedName(name);
     if (resumed != nullptr) {
         // Continued: the directory may exist from the interrupted copy.
         result.finalPath = entry.filePath.empty() ? Destination() + "/" + *resumed
-                                                  : FinalParentOf(entry) + "/" + entry.fileName;
+                                                  : FinalParentOf(entry) + "/" + landingName;
         struct stat status {};
         error = MakeDirectory(result.finalPath, createMode);
         if (error == EEXIST && stat(result.finalPath.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
@@ -134,10 +148,10 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
         }
     } else if (entry.filePath.empty()) {
         error = ClaimName(
-            Destination(), entry.fileName, true, mPropose,
+            Destination(), landingName, true, mPropose,
             [createMode](const std::string& path) { return MakeDirectory(path, createMode); }, result.finalPath);
     } else {
-        result.finalPath = FinalParentOf(entry) + "/" + entry.fileName;
+        result.finalPath = FinalParentOf(entry) + "/" + landingName;
         error = MakeDirectory(result.finalPath, createMode);
     }
     if (error != 0) {
@@ -206,7 +220,7 @@ LandingResult FileLanding::CheckCachedFile(const FileListEntry& entry, uint64_t 
     }
     const uint64_t got = present ? static_cast<uint64_t>(status.st_size) : 0;
     const std::string reason = present && got < expected ? WriteFailureReason(entry.RequestName(), expected) : "";
-    result.failurePath = FinalParentOf(entry) + "/" + entry.fileName;
+    result.failurePath = FinalParentOf(entry) + "/" + LandingNameOf(entry);
     result.failureMessage = result.failurePath + ": writing failed" + (reason.empty() ? "" : ": " + reason) + " (" +
                             std::to_string(got) + " of " + std::to_string(expected) + " bytes reached the disk)";
     return result;
@@ -215,21 +229,22 @@ LandingResult FileLanding::CheckCachedFile(const FileListEntry& entry, uint64_t 
 LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMode)
 {
     const std::string cached = CachedPathOf(entry);
+    const std::string landingName = LandingNameOf(entry);
     LandingResult result;
     int error = 0;
     if (const std::string* resumed = ResumedName(entry.RequestName())) {
         // Continued: what is there under this name is an older or other
         // version the caller chose to replace.
         result.finalPath = entry.filePath.empty() ? Destination() + "/" + *resumed
-                                                  : FinalParentOf(entry) + "/" + entry.fileName;
+                                                  : FinalParentOf(entry) + "/" + landingName;
         error = rename(cached.c_str(), result.finalPath.c_str()) == 0 ? 0 : errno;
     } else {
         error = ClaimName(
-            FinalParentOf(entry), entry.fileName, false, mPropose,
+            FinalParentOf(entry), landingName, false, mPropose,
             [&cached](const std::string& path) { return MoveNoReplace(cached, path); }, result.finalPath);
     }
     if (error != 0) {
-        result.failurePath = FinalParentOf(entry) + "/" + entry.fileName;
+        result.failurePath = FinalParentOf(entry) + "/" + landingName;
         result.failureMessage = result.failurePath + ": cannot be moved into place: " + SystemErrorText(error);
         return result;
     }

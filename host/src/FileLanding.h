@@ -15,6 +15,8 @@
 // - Resuming, a top-level name listed in the resume names keeps the name it
 //   already has: its directories are entered when they exist and its files
 //   replace what is there (the caller sends only what is incomplete).
+// - With name rules, an entry lands under the name they gave it (its
+//   children follow it through their parent's final path).
 // The filesystem steps themselves are DestinationFiles'.
 //
 // THREADING CONTRACT: Prepare, then the Land* calls and ApplyDirectoryModes
@@ -59,6 +61,10 @@ public:
 
     // The sender's modification times, applied as entries land.
     void KeepModificationTimes(ModificationTimes times);
+
+    // Request name -> the last component it lands under, for the entries
+    // whose name the receiver's name rules changed; before they land.
+    void UseLandingNames(std::map<std::string, std::string> landingNames);
 
     // Resolves `destinationDir` and makes the cache directory inside it;
     // `adoptCache` hands the fresh cache to the engine before it becomes
@@ -107,6 +113,8 @@ private:
 
     // The name a resumed top-level entry continues under, or nullptr.
     const std::string* ResumedName(const std::string& requestName) const;
+    // The name `entry` is created under in its parent.
+    std::string LandingNameOf(const FileListEntry& entry) const;
     // The listed mode of `entry` less the mask.
     uint32_t WantedMode(const FileListEntry& entry) const;
     // The sender's time for request name `name`, if it sent one.
@@ -117,6 +125,7 @@ private:
     const std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
     mutable std::mutex mMutex;  // guards everything below
     ModificationTimes mTimes;
+    std::map<std::string, std::string> mLandingNames;  // request name -> last component
     std::string mDestination;
     std::string mCacheDir;
     std::map<std::string, std::string> mFinalDirectories;  // request name -> final path

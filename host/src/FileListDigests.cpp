@@ -6,6 +6,7 @@
 
 #include "FileTransferTypes.h"
 #include "StrictJson.h"
+#include "xferfm/host/Sha256.h"
 
 namespace orin::xfer::host {
 namespace {
@@ -82,6 +83,24 @@ FileDigests FileDigestsOf(const std::string& json)
             IsHexDigest(entry[kDigestKey].asString())) {
             digests[name] = entry[kDigestKey].asString();
         }
+    }
+    return digests;
+}
+
+std::optional<FileDigests> DigestSourceFiles(const SourcePlan& plan, std::string& error)
+{
+    FileDigests digests;
+    for (const SourceEntry& entry : plan.entries) {
+        if (entry.isDirectory) {
+            continue;
+        }
+        std::string why;
+        const std::optional<std::string> digest = Sha256OfFile(entry.sourcePath, why);
+        if (!digest) {
+            error = "cannot read '" + entry.sourcePath + "': " + why;
+            return std::nullopt;
+        }
+        digests[entry.relativePath] = *digest;
     }
     return digests;
 }

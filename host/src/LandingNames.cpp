@@ -2,6 +2,8 @@
 // (RenameDuplicatedFilePath), so a dry run and a real run agree.
 #include "xferfm/host/LandingNames.h"
 
+#include "ListNaming.h"
+
 #include <memory>
 
 #include "FileTransferTypes.h"
@@ -29,6 +31,20 @@ std::vector<std::string> PredictLandingNames(const std::string& destinationDir,
         names.push_back(list[i].destFileName.empty() ? entries[i].name : list[i].destFileName);
     }
     return names;
+}
+
+// The receiver's own decision, on the same list: a preview cannot drift.
+NameDecisions PredictNameDecisions(const std::vector<FileListEntry>& entries, const ReceiverNameRules& rules)
+{
+    ParsedFileList list;
+    list.entries = entries;
+    detail::NamedList named = detail::ApplyNameRules(list, rules);
+    NameDecisions decisions;
+    decisions.mapped = std::move(named.mapped);
+    for (detail::NameRefusal& refusal : named.refused) {
+        decisions.refused.push_back({std::move(refusal.name), std::move(refusal.reason)});
+    }
+    return decisions;
 }
 
 }  // namespace orin::xfer::host

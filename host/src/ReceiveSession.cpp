@@ -1,9 +1,11 @@
 #include "ReceiveSession.h"
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "DigestCheckingLink.h"
@@ -90,6 +92,45 @@ public:
             mHost->OnFinished(summary);
         }
     }
+    // The endpoint's own name rules: before any file is asked for.
+    void OnNameRefused(size_t index, const std::string& name, const std::string& reason) override
+    {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mRefusedNames.insert(name);
+        }
+        if (mOnRefused) {
+            mOnRefused(RefusedEntry{index, name, reason});
+        }
+        if (mHost != nullptr) {
+            mHost->OnNameRefused(index, name, reason);
+        }
+    }
+    void OnNameMapped(const std::string& name, const std::string& mapped) override
+    {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mMappedNames[name] = mapped;
+        }
+        if (mHost != nullptr) {
+            mHost->OnNameMapped(name, mapped);
+        }
+    }
+    void SetOnRefused(std::function<void(const RefusedEntry&)> onRefused) { mOnRefused = std::move(onRefused); }
+
+    // An entry the name rules refused, or one inside it (not expected to arrive).
+    bool RefusedByName(const std::string& name) const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        for (size_t end = name.find('/');; end = name.find('/', end + 1)) {
+            if (mRefusedNames.count(name.substr(0, end)) != 0) {
+                return true;
+            }
+            if (end == std::string::npos) {
+                return false;
+            }
+        }
+    }
 
     bool ListReceived() const
     {
@@ -119,7 +160,9 @@ public:
         std::vector<std::pair<std::string, std::string>> renamed;
         for (const auto& [name, finalPath] : mFinalPaths) {
             const std::string landed = finalPath.substr(finalPath.find_last_of('/') + 1);
-            if (name.find('/') == std::string::npos && landed != name) {
+            const auto mapped = mMappedNames.find(name);  // a mapped name is not a clash
+            const std::string& wanted = mapped != mMappedNames.end() ? mapped->second : name;
+            if (name.find('/') == std::string::npos && landed != wanted) {
                 renamed.emplace_back(name, landed);
             }
         }
@@ -145,6 +188,9 @@ private:
     Clock::time_point mLastProgress = Clock::now();
     std::string mFailure;
     std::map<std::string, std::string> mFinalPaths;
+    std::set<std::string> mRefusedNames;               // by the endpoint's name rules
+    std::map<std::string, std::string> mMappedNames;  // request name -> mapped request name
+    std::function<void(const RefusedEntry&)> mOnRefused;  // set before the endpoint starts
 };
 
 // Innermost on the link: tells whether the sender went away without a
@@ -253,21 +299,24 @@ std::unique_ptr<ITransport> ReceiveSession::MakeLink()
         std::lock_guard<std::mutex> lock(mMutex);
         mSenderGone = true;
     });
+    // Refusals by the guard and by the endpoint's name rules alike.
+    const auto onEntryRefused = [this](const RefusedEntry& entry) {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mRefused.push_back(entry);
+        }
+        if (mSetup.observer != nullptr) {
+            mSetup.observer->OnEntryRefused(mResult.number, mResult.peer, entry);
+        }
+    };
+    mEndpointObserver.SetOnRefused(onEntryRefused);
     auto guarded = std::make_unique<RemoteNameGuardTransport>(
         std::move(watched), mOptions.destinationDir, mOptions.listLimits,
         [this](const std::string& refusal) {
             std::lock_guard<std::mutex> lock(mMutex);
             mRefusal = refusal;
         },
-        [this](const RefusedEntry& entry) {
-            {
-                std::lock_guard<std::mutex> lock(mMutex);
-                mRefused.push_back(entry);
-            }
-            if (mSetup.observer != nullptr) {
-                mSetup.observer->OnEntryRefused(mResult.number, mResult.peer, entry);
-            }
-        });
+        onEntryRefused);
     return std::make_unique<DigestCheckingLink>(
         std::move(guarded), [this](const FileDigests& expected) { return CheckLandedFiles(expected); },
         [this](const VerifyVerdict& verdict) {
@@ -281,6 +330,9 @@ DigestCheck ReceiveSession::CheckLandedFiles(const FileDigests& expected) const
 {
     DigestCheck check;
     for (const auto& [name, digest] : expected) {
+        if (mEndpointObserver.RefusedByName(name)) {
+            continue;  // left out for its name: the sender heard so
+        }
         ++check.filesCompared;
         const std::optional<std::string> landed = mEndpointObserver.FinalPathOf(name);
         if (!landed) {
@@ -306,6 +358,7 @@ ReceivedSession ReceiveSession::Run()
     ReceiverOptions options;
     options.destinationDir = mOptions.destinationDir;
     options.listLimits = mOptions.listLimits;
+    options.names = mOptions.names;
     options.observer = &mEndpointObserver;
 
     const auto started = Clock::now();

@@ -76,6 +76,17 @@ ReceiverEndpoint::Impl::~Impl()
     mLanding.RemoveCache();
 }
 
+// The list, which the rules are read for, is asked for only by Start.
+bool ReceiverEndpoint::Impl::SetNameRules(std::optional<ReceiverNameRules> rules)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (!mState.Is(ReceiverState::Created)) {
+        return false;
+    }
+    mOptions.names = std::move(rules);
+    return true;
+}
+
 bool ReceiverEndpoint::Impl::Start(std::string& error)
 {
     {
@@ -286,6 +297,11 @@ ReceiverEndpoint::~ReceiverEndpoint() = default;
 bool ReceiverEndpoint::Start(std::string& error)
 {
     return mImpl->Start(error);
+}
+
+bool ReceiverEndpoint::SetNameRules(std::optional<ReceiverNameRules> rules)
+{
+    return mImpl->SetNameRules(std::move(rules));
 }
 
 bool ReceiverEndpoint::WaitFinished(std::chrono::milliseconds timeout)

@@ -37,6 +37,7 @@ public:
     ~Impl() override;
 
     bool Start(std::string& error);
+    bool SetNameRules(std::optional<ReceiverNameRules> rules);
     bool WaitFinished(std::chrono::milliseconds timeout);
     bool Finished() const;
     void Cancel();
@@ -175,6 +176,9 @@ private:
     std::condition_variable mSessionWake;  // an entry completed or failed, or a request returned
     detail::ReceiverSessionState mState;
     std::optional<ParsedFileList> mList;  // the sender's list, once it arrived
+    // With name rules: per entry of mList, its index in the list as offered
+    // (empty: the same index).
+    std::vector<size_t> mOfferedIndex;
     detail::ReceiverSlotTable mSlots;     // emptied at the end
     Clock::time_point mLastActivity = Clock::now();
     std::thread mSession;

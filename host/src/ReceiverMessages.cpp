@@ -30,6 +30,8 @@
 
 #include <map>
 
+#include "ListNaming.h"
+
 namespace orin::xfer::host {
 
 using detail::AnnouncementCheck;
@@ -159,6 +161,32 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
         fail("", "rejected the sender's file list: " + error, false);
         return;
     }
+    std::optional<ReceiverNameRules> rules;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mList) {
+            return;  // one list per session
+        }
+        rules = mOptions.names;  // settled: the list comes only after Start
+    }
+    // With name rules, every refusal is on its way to the sender, and heard
+    // by the observer, before the session thread can see the list and ask
+    // for anything.
+    detail::NamedList named;
+    if (rules) {
+        named = detail::ApplyNameRules(parsed, *rules);
+        parsed = std::move(named.list);
+        mLanding.UseLandingNames(std::move(named.landingNames));
+        for (const detail::NameRefusal& refusal : named.refused) {
+            mTransport->Send(EntryRefused{refusal.index, refusal.reason});
+            mObserver.Notify([&](ReceiverObserver& observer) {
+                observer.OnNameRefused(refusal.index, refusal.name, refusal.reason);
+            });
+        }
+        for (const auto& [name, mapped] : named.mapped) {
+            mObserver.Notify([&](ReceiverObserver& observer) { observer.OnNameMapped(name, mapped); });
+        }
+    }
     size_t entries = 0;
     uint64_t bytes = 0;
     {
@@ -166,6 +194,11 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
         if (mList) {
             return;  // one list per session
         }
+        mOfferedIndex = std::move(named.offeredIndex);
+        for (detail::NameRefusal& refusal : named.refused) {
+            mState.Summary().namesRefused.push_back({std::move(refusal.name), std::move(refusal.reason)});
+        }
+        mState.Summary().namesMapped = std::move(named.mapped);
         mList = std::move(parsed);
         mLanding.KeepModificationTimes(detail::ReadModificationTimes(list.json));
         entries = mList->entries.size();

@@ -156,6 +156,9 @@ void ReceiverEndpoint::Impl::sendRequest(size_t index, const FileListEntry& entr
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mSlots.Add(index, request.taskId, request.name, entry.isDirectory, entry.fileSize);
+        if (index < mOfferedIndex.size()) {
+            request.index = mOfferedIndex[index];  // entries refused for their names are passed over
+        }
         request.totalSize = mList->totalFileBytes;
         mLastActivity = Clock::now();
     }

@@ -24,12 +24,15 @@ RemoteNameGuardTransport::~RemoteNameGuardTransport() { ReleaseInner(); }
 // list it offered. A request beyond the endpoint's list stays beyond.
 bool RemoteNameGuardTransport::Send(Message message)
 {
-    if (auto* request = std::get_if<NextFileRequest>(&message)) {
+    // The endpoint's own refusals (its name rules) count in its list too.
+    auto* request = std::get_if<NextFileRequest>(&message);
+    auto* refused = std::get_if<EntryRefused>(&message);
+    uint64_t* index = request != nullptr ? &request->index : refused != nullptr ? &refused->index : nullptr;
+    if (index != nullptr) {
         std::lock_guard<std::mutex> lock(mMutex);
         if (!mOfferedIndex.empty() || mOfferedCount != 0) {
             const uint64_t kept = mOfferedIndex.size();
-            request->index = request->index < kept ? mOfferedIndex[static_cast<size_t>(request->index)]
-                                                   : mOfferedCount + (request->index - kept);
+            *index = *index < kept ? mOfferedIndex[static_cast<size_t>(*index)] : mOfferedCount + (*index - kept);
         }
     }
     return ForwardingTransport::Send(std::move(message));

@@ -15,9 +15,10 @@
  *   xferfm_receiver_wait(receiver, XFERFM_WAIT_FOREVER);
  *   xferfm_receiver_summary(receiver, &summary);
  *   xferfm_receiver_destroy(receiver); xferfm_sender_destroy(sender);
- * Checking the landed files against digests of their sources is not part
- * of this interface (the endpoints do not offer it; the command-line tool
- * adds it on top of them).
+ * Optional, before the session starts: xferfm_sender_set_verify (the
+ * receiver then checks every copy against its source's SHA-256; read the
+ * verdict with xferfm_*_verify_result) and xferfm_receiver_set_names (fit
+ * every name to a Windows or portable destination, mapping or refusing).
  * One endpoint serves one session (one offered list). Destination entries
  * land like `cp -r SOURCE... DEST_DIR`; an existing top-level name is never
  * overwritten (the entry gets a "name(1)" name instead).
@@ -227,7 +228,8 @@ typedef struct xferfm_callbacks {
     void (*on_entry_done)(void* user, const char* name, const char* final_path, int is_directory);
     /* An entry is not copied because the receiving side refused its name;
      * the rest of the list goes on. Sender: from the receiver's message.
-     * Receiver: with XFERFM_RECEIVER_SCREEN_NAMES, before any file starts. */
+     * Receiver: with XFERFM_RECEIVER_SCREEN_NAMES or xferfm_receiver_set_names,
+     * before any file starts. */
     void (*on_entry_skipped)(void* user, const char* name, const char* reason);
     /* The copy failed; once. `path` is "" when no entry is concerned. */
     void (*on_failure)(void* user, const char* path, const char* message);
@@ -279,6 +281,68 @@ int xferfm_receiver_summary(const xferfm_receiver* receiver, xferfm_summary* out
 /* Cancels a running session, closes the link, removes the private cache
  * directory, joins every thread. */
 void xferfm_receiver_destroy(xferfm_receiver* receiver);
+
+/* ---- verification ----------------------------------------------------- */
+
+/* Asks for verification (`enabled` non-zero): xferfm_sender_offer then
+ * hashes (SHA-256) every file it offers before it returns (it blocks for
+ * that, and fails with XFERFM_ERR_PATH, nothing offered, when a file cannot
+ * be read); the digests travel in the file list, and the receiver hashes
+ * every landed copy once the last one is in place and tells the sender its
+ * verdict. Every receiver of this interface checks when its sender asks.
+ * Call before xferfm_sender_offer: XFERFM_ERR_BAD_STATE after it. */
+int xferfm_sender_set_verify(xferfm_sender* sender, int enabled);
+
+typedef enum xferfm_verify_state {
+    XFERFM_VERIFY_NONE = 0,     /* not asked for, or the copy ended before the check */
+    XFERFM_VERIFY_MATCHED = 1,  /* every copy matched its source's digest */
+    XFERFM_VERIFY_MISMATCH = 2  /* copies differ or are missing: `details` names them */
+} xferfm_verify_state;
+
+typedef struct xferfm_verify_result {
+    int state; /* an xferfm_verify_state */
+    uint64_t files_compared;
+    uint64_t files_differing; /* 0 when matched */
+    char details[512];        /* what differs (cut to fit, NUL-terminated); "" when matched */
+} xferfm_verify_result;
+
+/* The verdict of a verified copy, the same at both ends. It is final before
+ * the endpoint's on_finished callback runs, so it may be read there. A
+ * mismatch also ends the sender's session as failed (the summary's error
+ * gives the verdict in words); the receiver's summary is that of the copy.
+ * XFERFM_VERIFY_NONE until then. */
+int xferfm_sender_verify_result(const xferfm_sender* sender, xferfm_verify_result* out);
+int xferfm_receiver_verify_result(const xferfm_receiver* receiver, xferfm_verify_result* out);
+
+/* ---- names for another platform --------------------------------------- */
+
+typedef enum xferfm_name_target {
+    XFERFM_NAMES_POSIX = 0,    /* any name but NUL: names land byte for byte */
+    XFERFM_NAMES_WINDOWS = 1,  /* no < > : " | ? * \ or control characters, no CON, PRN, AUX, NUL,
+                                  COM1-9, LPT1-9 (also with an extension), no trailing dot or space,
+                                  no names differing only in case, paths up to 260 */
+    XFERFM_NAMES_PORTABLE = 2  /* names that fit every target */
+} xferfm_name_target;
+
+typedef enum xferfm_name_action {
+    XFERFM_NAMES_MAP = 0,      /* land a bad name under its reversible mapped form (full-width
+                                  characters for the forbidden ones) */
+    XFERFM_NAMES_REFUSE = 1,   /* refuse such an entry (and what it holds); the rest is copied */
+    XFERFM_NAMES_MAP_BACK = 2  /* XFERFM_NAMES_POSIX only: names a mapping changed land under
+                                  the names they were mapped from */
+} xferfm_name_action;
+
+/* Fits every name the sender offers to `target` (an xferfm_name_target) by
+ * `action` (an xferfm_name_action), all of them when the list arrives,
+ * before the first file is asked for. A refused entry (also the later of
+ * two names landing on one, and a path too long, whatever the action) is
+ * reported through on_entry_skipped, the sender hears of it, and the
+ * session ends XFERFM_PARTIAL with `entries_skipped` counting it; a mapped
+ * one lands under its mapped name (on_entry_done gives the final path).
+ * Before xferfm_receiver_start: XFERFM_ERR_BAD_STATE after it;
+ * XFERFM_ERR_INVALID_ARGUMENT for an unknown value or a map-back to a
+ * target other than XFERFM_NAMES_POSIX. */
+int xferfm_receiver_set_names(xferfm_receiver* receiver, int target, int action);
 
 #ifdef __cplusplus
 }

@@ -1,9 +1,10 @@
-// The sender and receiver functions of the C interface: each handle owns
-// an endpoint and the observer that turns its calls into the host's C
-// callbacks.
-// - The observer is declared before the endpoint in each handle, so it
-//   outlives the endpoint (members are destroyed in reverse order), as the
-//   endpoints require.
+// The sender and receiver functions of the C interface: each handle
+// (CApiHandles.h) owns an endpoint and the observer that turns its calls
+// into the host's C callbacks.
+// - Every sender's link goes through a DigestOfferingLink (digests only
+//   when verification is asked for, set at offer time), every receiver's
+//   through a DigestCheckingLink (it checks only when the list carries
+//   digests), so either end can take part in a verified copy.
 // - Callbacks never let an exception out (a C host cannot throw; the
 //   strings built for them can): a failure there is logged and dropped.
 // - Waiting "forever" is a loop of bounded waits, so a long wait never
@@ -15,11 +16,20 @@
 #include <string>
 #include <vector>
 
+#include <map>
+#include <set>
+
 #include "CApiBoundary.h"
+#include "CApiHandles.h"
+#include "DigestCheckingLink.h"
+#include "DigestOfferingLink.h"
 #include "HostLog.h"
+#include "xferfm/host/Sha256.h"
 #include "xferfm/host/ReceiverEndpoint.h"
+#include "xferfm/host/FileListDigests.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 #include "xferfm/host/SenderEndpoint.h"
+#include "xferfm/host/SourcePlan.h"
 #include "xferfm/host/TransferObserver.h"
 
 using namespace orin::xfer::host;
@@ -27,13 +37,18 @@ using namespace orin::xfer::host::capi;
 
 namespace {
 
+// Entries refused for their names count as skipped, and make the
+// receiver's session partial as they make the sender's.
+
 void FillSummary(const TransferSummary& summary, bool finished, xferfm_summary& out)
 {
     out = xferfm_summary{};
     if (!finished) {
         out.outcome = XFERFM_RUNNING;
-    } else if (summary.completed) {
+    } else if (summary.completed && summary.namesRefused.empty()) {
         out.outcome = XFERFM_COMPLETED;
+    } else if (summary.completed) {
+        out.outcome = XFERFM_PARTIAL;
     } else if (summary.cancelled) {
         out.outcome = XFERFM_CANCELLED;
     } else if (summary.partial) {
@@ -44,7 +59,7 @@ void FillSummary(const TransferSummary& summary, bool finished, xferfm_summary& 
     out.entries_total = summary.entriesTotal;
     out.files_done = summary.filesDone;
     out.directories_done = summary.directoriesDone;
-    out.entries_skipped = summary.skipped.size();
+    out.entries_skipped = summary.skipped.size() + summary.namesRefused.size();
     out.bytes_total = summary.bytesTotal;
     out.bytes_done = summary.bytesDone;
     const size_t length = std::min(summary.error.size(), sizeof out.error - 1);
@@ -63,6 +78,10 @@ void Notify(const char* what, Call&& call) noexcept
         HOST_LOG_W << "C callback " << what << " dropped";
     }
 }
+
+}  // namespace
+
+namespace orin::xfer::host::capi {
 
 class CallbackSenderObserver final : public SenderObserver {
 public:
@@ -131,7 +150,20 @@ public:
     }
     void OnFileCompleted(const std::string& name, const std::string& finalPath) override
     {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mLandedFiles[name] = finalPath;
+        }
         EntryDone(name, finalPath, 0);
+    }
+    // The endpoint's name rules, before any file is asked for.
+    void OnNameRefused(size_t, const std::string& name, const std::string& reason) override
+    {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mRefusedNames.insert(name);
+        }
+        SkipEntry(name, reason);
     }
     void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
     {
@@ -155,15 +187,60 @@ public:
     }
     // From the name guard, on the link's delivery thread, before the
     // endpoint sees the list (so never alongside the calls above).
-    void OnEntryRefused(const RefusedEntry& entry)
+    void OnEntryRefused(const RefusedEntry& entry) { SkipEntry(entry.name, entry.reason); }
+
+    // Hashes each landed file named in `expected` (on the session thread,
+    // after the last one landed) and names every one that differs.
+    DigestCheck CheckLanded(const FileDigests& expected) const
     {
-        if (mCallbacks.on_entry_skipped != nullptr) {
-            Notify("on_entry_skipped",
-                   [&] { mCallbacks.on_entry_skipped(mCallbacks.user, entry.name.c_str(), entry.reason.c_str()); });
+        DigestCheck check;
+        for (const auto& [name, digest] : expected) {
+            std::optional<std::string> landed;
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                if (RefusedLocked(name)) {
+                    continue;  // left out for its name: the sender heard so
+                }
+                const auto found = mLandedFiles.find(name);
+                if (found != mLandedFiles.end()) {
+                    landed = found->second;
+                }
+            }
+            ++check.filesCompared;
+            std::string error;
+            const std::optional<std::string> actual = landed ? Sha256OfFile(*landed, error) : std::nullopt;
+            if (!landed) {
+                check.problems.push_back("'" + name + "' did not arrive");
+            } else if (!actual) {
+                check.problems.push_back("'" + *landed + "' cannot be read: " + error);
+            } else if (*actual != digest) {
+                check.problems.push_back("'" + *landed + "' has sha256 " + *actual + ", its source " + digest);
+            }
         }
+        return check;
     }
 
 private:
+    void SkipEntry(const std::string& name, const std::string& reason)
+    {
+        if (mCallbacks.on_entry_skipped != nullptr) {
+            Notify("on_entry_skipped",
+                   [&] { mCallbacks.on_entry_skipped(mCallbacks.user, name.c_str(), reason.c_str()); });
+        }
+    }
+    // `name` or a directory above it was refused for its name.
+    bool RefusedLocked(const std::string& name) const
+    {
+        for (size_t end = name.find('/');; end = name.find('/', end + 1)) {
+            if (mRefusedNames.count(name.substr(0, end)) != 0) {
+                return true;
+            }
+            if (end == std::string::npos) {
+                return false;
+            }
+        }
+    }
+
     void EntryDone(const std::string& name, const std::string& finalPath, int isDirectory)
     {
         if (mCallbacks.on_entry_done != nullptr) {
@@ -174,7 +251,14 @@ private:
     }
 
     const xferfm_callbacks mCallbacks;
+    mutable std::mutex mMutex;  // guards the two below
+    std::map<std::string, std::string> mLandedFiles;  // request name -> final path
+    std::set<std::string> mRefusedNames;
 };
+
+}  // namespace orin::xfer::host::capi
+
+namespace {
 
 xferfm_callbacks CallbacksOf(const xferfm_callbacks* callbacks)
 {
@@ -245,20 +329,6 @@ void DestroyHandle(Handle* handle)
 
 }  // namespace
 
-struct xferfm_sender {
-    std::unique_ptr<CallbackSenderObserver> observer;  // outlives the endpoint
-    std::unique_ptr<SenderEndpoint> endpoint;
-    std::mutex offerMutex;
-    bool offered = false;
-};
-
-struct xferfm_receiver {
-    std::unique_ptr<CallbackReceiverObserver> observer;  // outlives the endpoint
-    std::unique_ptr<ReceiverEndpoint> endpoint;
-    std::mutex startMutex;
-    bool started = false;
-};
-
 extern "C" int xferfm_sender_create(xferfm_link* link, uint32_t bandwidth_kbps, const xferfm_callbacks* callbacks,
                                     xferfm_sender** out)
 {
@@ -275,7 +345,12 @@ extern "C" int xferfm_sender_create(xferfm_link* link, uint32_t bandwidth_kbps, 
         SenderOptions options;
         options.bandwidthKbps = bandwidth_kbps;
         options.observer = sender->observer.get();
-        sender->endpoint = std::make_unique<SenderEndpoint>(std::move(transport), options);
+        sender->verdict = std::make_shared<VerdictBox>();
+        auto digestLink = std::make_unique<DigestOfferingLink>(
+            std::move(transport), FileDigests{},
+            [verdict = sender->verdict](const VerifyVerdict& reached) { verdict->Set(reached); }, nullptr);
+        sender->digestLink = digestLink.get();
+        sender->endpoint = std::make_unique<SenderEndpoint>(std::move(digestLink), options);
         *out = sender.release();
         return XFERFM_OK;
     });
@@ -299,7 +374,25 @@ extern "C" int xferfm_sender_offer(xferfm_sender* sender, const char* const* pat
             return Fail(XFERFM_ERR_BAD_STATE, "xferfm_sender_offer: the sender has offered its list already");
         }
         std::string error;
-        if (!sender->endpoint->Offer(list, error)) {
+        if (!sender->verify) {
+            if (!sender->endpoint->Offer(list, error)) {
+                return Fail(XFERFM_ERR_PATH, error);
+            }
+            sender->offered = true;
+            return XFERFM_OK;
+        }
+        // Verified: the files are hashed as walked, before the list goes out.
+        SourcePlan plan;
+        SourceProblem problem;
+        if (!PlanSources(list, plan, problem)) {
+            return Fail(XFERFM_ERR_PATH, DescribeSourceProblem(problem));
+        }
+        std::optional<FileDigests> digests = DigestSourceFiles(plan, error);
+        if (!digests) {
+            return Fail(XFERFM_ERR_PATH, error);
+        }
+        sender->digestLink->SetDigests(std::move(*digests));
+        if (!sender->endpoint->Offer(plan, error)) {
             return Fail(XFERFM_ERR_PATH, error);
         }
         sender->offered = true;
@@ -356,6 +449,11 @@ extern "C" int xferfm_receiver_create(xferfm_link* link, const char* destination
                 std::move(transport), options.destinationDir, options.listLimits, nullptr,
                 [observer](const RefusedEntry& entry) { observer->OnEntryRefused(entry); });
         }
+        receiver->verdict = std::make_shared<VerdictBox>();
+        CallbackReceiverObserver* checker = receiver->observer.get();
+        transport = std::make_unique<DigestCheckingLink>(
+            std::move(transport), [checker](const FileDigests& expected) { return checker->CheckLanded(expected); },
+            [verdict = receiver->verdict](const VerifyVerdict& reached) { verdict->Set(reached); });
         receiver->endpoint = std::make_unique<ReceiverEndpoint>(std::move(transport), options);
         *out = receiver.release();
         return XFERFM_OK;

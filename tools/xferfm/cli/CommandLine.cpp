@@ -3,9 +3,11 @@
 #include <CLI/CLI.hpp>
 
 #include <iostream>
+#include <map>
 #include <memory>
 
 #include "ExitCode.h"
+#include "NameReport.h"
 #include "xferfm/host/TcpSocket.h"
 
 #ifndef XFERFM_VERSION
@@ -130,6 +132,32 @@ void addTransferOptions(CLI::App& command, TransferOptions& options, const std::
     addNoProgressFlag(command, options);
 }
 
+// --names and --name-action, on every command that receives.
+void addNameOptions(CLI::App& command, NameOptions& options)
+{
+    using orin::xfer::host::NameTarget;
+    const std::map<std::string, NameTarget> targets{
+        {"posix", NameTarget::kPosix}, {"windows", NameTarget::kWindows}, {"portable", NameTarget::kPortable}};
+    const std::map<std::string, NameChoice> choices{
+        {"map", NameChoice::kMap}, {"refuse", NameChoice::kRefuse}, {"map-back", NameChoice::kMapBack}};
+    command
+        .add_option("--names", options.names,
+                    "Fit every received name to this platform's rules: posix (the default: names land byte for "
+                    "byte), windows (no < > : \" | ? * or control characters, no CON, PRN, AUX, NUL, COM1-9, "
+                    "LPT1-9, no trailing dot or space, no names differing only in case, paths up to 260), or "
+                    "portable (fits both)")
+        ->type_name("TARGET")
+        ->transform(CLI::CheckedTransformer(targets));
+    command
+        .add_option("--name-action", options.nameAction,
+                    "What happens to a name that breaks a rule of --names: map (the default: it lands under a "
+                    "reversible form, full-width characters for the forbidden ones, and a line names it), refuse "
+                    "(it is not copied, nor what it holds; each is named on stderr, the rest is copied, exit code "
+                    "7), or map-back (with --names posix: names a mapping changed land under their original form)")
+        ->type_name("ACTION")
+        ->transform(CLI::CheckedTransformer(choices));
+}
+
 CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::string>& paths)
 {
     CLI::App* copy = app.add_subcommand(
@@ -174,6 +202,7 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
                      "Program that the remote shell runs on that host (a name looked up in its PATH, or a path)")
         ->type_name("PROGRAM")
         ->capture_default_str();
+    addNameOptions(*copy, options);
     copy->add_option("paths", paths, "SOURCE... DEST_DIR")
         ->required()
         ->expected(2, CLI::detail::expected_max_vector_size)
@@ -212,6 +241,7 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
     serve->add_flag("-q,--quiet", options.quiet,
                     "Print no start line and no line for a session that went well; failures and refused names "
                     "are still shown (copy over SSH runs the far side so)");
+    addNameOptions(*serve, options);
     addLogLevelOption(*serve, options);
     serve->add_option("DEST_DIR", options.destinationDir, "Directory that receives the copies")->required();
     serve->footer(std::string(
@@ -307,6 +337,14 @@ ParsedCommandLine parseCommandLine(int argc, char** argv)
             return parsed;
         }
         printUsageError(app, error);
+        parsed.exitCode = toInt(ExitCode::kUsage);
+        return parsed;
+    }
+
+    const std::string nameProblem = nameOptionsProblem(serve->parsed() ? static_cast<const NameOptions&>(parsed.serve)
+                                                                        : static_cast<const NameOptions&>(parsed.copy));
+    if (!nameProblem.empty()) {
+        printUsageError(app, CLI::ValidationError(nameProblem));
         parsed.exitCode = toInt(ExitCode::kUsage);
         return parsed;
     }

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "xferfm/host/NamePolicy.h"
+
 namespace xferfm::cli {
 
 // Where `serve` listens when not told otherwise: this machine only, on a
@@ -31,8 +33,21 @@ struct TransferOptions : CommonOptions {
     bool showProgress = true;
 };
 
+// What the receiving side does with a name that breaks a rule of --names.
+enum class NameChoice {
+    kMap,      // land it under its reversible mapped form (the default)
+    kRefuse,   // leave it out, named; the rest is copied (exit code 7)
+    kMapBack,  // posix only: turn an earlier mapping's substitutes back
+};
+
+// --names and --name-action, taken by every command that receives.
+struct NameOptions {
+    orin::xfer::host::NameTarget names = orin::xfer::host::NameTarget::kPosix;
+    NameChoice nameAction = NameChoice::kMap;
+};
+
 // How the receiving side lands what arrives (`copy`; `serve` later).
-struct LandingOptions {
+struct LandingOptions : NameOptions {
     // Modes exactly as the source's; otherwise under the umask, as `cp`
     // without -p does.
     bool preservePermissions = false;
@@ -59,7 +74,7 @@ struct CopyOptions : TransferOptions, LandingOptions {
     std::string xferfmPath = "xferfm";
 };
 
-struct ServeOptions : CommonOptions {
+struct ServeOptions : CommonOptions, NameOptions {
     std::string listen = std::string(kDefaultListenHost) + ":" + std::to_string(kDefaultServePort);
     bool once = false;
     bool stdio = false;  // serve one session over standard input/output instead of listening

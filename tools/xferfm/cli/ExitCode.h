@@ -13,7 +13,7 @@ enum class ExitCode : int {
     kSourceUnreadable = 4,      // a source entry cannot be read (or vanished mid-copy)
     kDestinationUnusable = 5,   // DEST_DIR missing, not a directory, not writable, or a write into it failed
     kVerifyMismatch = 6,        // --verify found a destination that differs from its source
-    kNamesRefused = 7,          // serve/send: the receiver refused some names; every other entry arrived
+    kNamesRefused = 7,          // the receiver refused some names (serve/send, --names); every other entry arrived
     kLinkFailed = 8,            // send: the connection could not be made or was lost; serve --once/--stdio:
                                 // the sender's end of the link ended or broke before the session was over;
                                 // copy over a remote shell: the far side's link was lost mid-copy
@@ -39,7 +39,8 @@ inline const char* exitCodeHelp()
            "  5    DEST_DIR is missing, not a directory or not writable, or writing into it failed\n"
            "       (the system's reason is named, e.g. \"No space left on device\")\n"
            "  6    --verify found a file whose copy differs from its source\n"
-           "  7    serve/send: the receiver refused some names (named on stderr); every other entry arrived\n"
+           "  7    the receiver refused some names (named on stderr; serve/send, or --name-action refuse);\n"
+           "       every other entry arrived\n"
            "  8    send: the connection could not be made, or was lost; serve --once/--stdio:\n"
            "       the sender's end of the link ended or broke before the session was over;\n"
            "       copy to or from HOST:PATH: the link to the far side was lost mid-copy\n"

@@ -8,8 +8,10 @@
 #include <functional>
 #include <iostream>
 #include <mutex>
+#include <set>
 
 #include "CopyReport.h"
+#include "NameReport.h"
 #include "ResumePlan.h"
 #include "DestinationDir.h"
 #include "ProgressRenderer.h"
@@ -170,6 +172,27 @@ std::optional<std::string> firstSourceNowUnreadable(const SourcePlan& plan)
                     "copy failed: " + (message.empty() ? "unknown error" : message));
 }
 
+// The plan less the entries the receiver refused for their names (and what
+// they hold): those were never meant to arrive.
+SourcePlan withoutRefusedNames(const SourcePlan& plan, const std::vector<host::SkippedEntry>& refused)
+{
+    if (refused.empty()) {
+        return plan;
+    }
+    std::set<std::string> names;
+    for (const host::SkippedEntry& entry : refused) {
+        names.insert(entry.path);
+    }
+    SourcePlan kept = plan;
+    kept.entries.clear();
+    for (const SourceEntry& entry : plan.entries) {
+        if (names.count(entry.relativePath) == 0) {
+            kept.entries.push_back(entry);
+        }
+    }
+    return kept;
+}
+
 std::string lastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
 
 // What an interrupted copy leaves behind, said exactly: complete files stay,
@@ -243,6 +266,7 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     receiverOptions.destinationDir = outcome.destinationDir;
     receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
     receiverOptions.resumeNames = resumeNames;
+    receiverOptions.names = receiverNameRules(options);
     receiverOptions.observer = &receiverReport;
 
     const auto started = Clock::now();
@@ -335,15 +359,21 @@ CopyOutcome runCopyJob(const CopyOptions& options, ToolContext& context)
     outcome.finalPaths = receiverReport.finalPaths();
     outcome.filesCopied = summary.filesDone;
     outcome.bytesCopied = summary.bytesDone;
+    outcome.namesMapped = summary.namesMapped;
+    outcome.namesRefused = summary.namesRefused;
+    std::map<std::string, std::string> mappedNames(summary.namesMapped.begin(), summary.namesMapped.end());
     for (const std::string& name : outcome.plan.topLevelNames) {
         const auto found = outcome.finalPaths.find(name);
-        if (found != outcome.finalPaths.end() && lastComponent(found->second) != name && !resumeNames.count(name)) {
+        const auto mapped = mappedNames.find(name);  // landing under its mapped name is no rename
+        const std::string& wanted = mapped != mappedNames.end() ? mapped->second : name;
+        if (found != outcome.finalPaths.end() && lastComponent(found->second) != wanted && !resumeNames.count(name)) {
             outcome.renamed.push_back({name, lastComponent(found->second)});
         }
     }
     if (options.verify) {
         outcome.verification =
-            verifyCopy(outcome.plan, outcome.finalPaths, [&signals] { return signals.interrupted(); });
+            verifyCopy(withoutRefusedNames(outcome.plan, summary.namesRefused), outcome.finalPaths,
+                       [&signals] { return signals.interrupted(); });
         if (signals.interrupted()) {
             throw ToolError(ExitCode::kInterrupted,
                             "interrupted while verifying; the copy itself is complete in " + outcome.destinationDir);

@@ -15,6 +15,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CommandOptions.h"
@@ -22,6 +23,7 @@
 #include "StderrConsole.h"
 #include "ToolContext.h"
 #include "TreeVerifier.h"
+#include "xferfm/host/TransferObserver.h"
 
 namespace xferfm::cli {
 
@@ -40,6 +42,10 @@ struct CopyOutcome {
     uint64_t alreadyComplete = 0;  // --resume: files found complete and not sent again
     double seconds = 0.0;  // the transfer alone, verification not included
     std::optional<VerifyResult> verification;
+    // --names: entries that landed under a mapped name (request name,
+    // mapped request name) and entries refused for their names.
+    std::vector<std::pair<std::string, std::string>> namesMapped;
+    std::vector<orin::xfer::host::SkippedEntry> namesRefused;
 };
 
 // Runs the copy. Throws ToolError on every failure, with the exit code that

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "ExitCode.h"
+#include "NameReport.h"
 
 namespace xferfm::cli {
 
@@ -66,6 +67,20 @@ std::string jsonSummary(const CopyOutcome& outcome, bool dryRun, int exitCode)
         renamed["finalName"] = entry.finalName;
         document["renamed"].append(renamed);
     }
+    document["namesMapped"] = Json::Value(Json::arrayValue);
+    for (const auto& [name, mapped] : outcome.namesMapped) {
+        Json::Value entry(Json::objectValue);
+        entry["name"] = name;
+        entry["mapped"] = mapped;
+        document["namesMapped"].append(entry);
+    }
+    document["namesRefused"] = Json::Value(Json::arrayValue);
+    for (const orin::xfer::host::SkippedEntry& refused : outcome.namesRefused) {
+        Json::Value entry(Json::objectValue);
+        entry["name"] = refused.path;
+        entry["reason"] = refused.reason;
+        document["namesRefused"].append(entry);
+    }
     document["landed"] = Json::Value(Json::arrayValue);
     for (const std::string& name : outcome.plan.topLevelNames) {
         const auto found = outcome.finalPaths.find(name);
@@ -106,6 +121,10 @@ int reportCopy(const CopyOutcome& outcome, StderrConsole& console, ReportStyle s
                       << entry.finalName << "'\n";
         }
     }
+    if (human) {
+        printMappedNames(outcome.namesMapped, "");
+    }
+    printRefusedNames(outcome.namesRefused, console);
     int exitCode = toInt(ExitCode::kOk);
     if (outcome.verification) {
         const VerifyResult& result = *outcome.verification;
@@ -124,6 +143,16 @@ int reportCopy(const CopyOutcome& outcome, StderrConsole& console, ReportStyle s
                           << " entries do not match their source\n";
             }
             exitCode = toInt(ExitCode::kVerifyMismatch);
+        }
+    }
+    if (!outcome.namesRefused.empty()) {
+        if (human) {
+            std::cout << "refused " << outcome.namesRefused.size()
+                      << (outcome.namesRefused.size() == 1 ? " entry" : " entries")
+                      << " for their names (named on stderr); every other entry arrived\n";
+        }
+        if (exitCode == toInt(ExitCode::kOk)) {
+            exitCode = toInt(ExitCode::kNamesRefused);
         }
     }
     if (!outcome.plan.skipped.empty()) {

@@ -34,7 +34,8 @@ int reportCopy(const CopyOutcome& outcome, StderrConsole& console, ReportStyle s
 
 // The --json document: {"dryRun", "destination", "files", "directories",
 // "bytes", "seconds", "skipped": [{"path", "reason"}], "excluded",
-// "renamed": [{"name", "finalName"}], "landed": [{"name", "path"}] (each
+// "renamed": [{"name", "finalName"}], "namesMapped": [{"name", "mapped"}],
+// "namesRefused": [{"name", "reason"}], "landed": [{"name", "path"}] (each
 // top-level entry), "verify": null or {"filesCompared",
 // "mismatches": [{"source", "destination", "what"}]}, "exitCode"}.
 std::string jsonSummary(const CopyOutcome& outcome, bool dryRun, int exitCode);

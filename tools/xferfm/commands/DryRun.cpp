@@ -7,6 +7,7 @@
 #include "CopyReport.h"
 #include "DestinationDir.h"
 #include "ExitCode.h"
+#include "NameReport.h"
 #include "ResumePlan.h"
 #include "xferfm/host/LandingNames.h"
 
@@ -57,7 +58,24 @@ int runDryRun(const CopyOptions& options, ToolContext& context)
             outcome.renamed.push_back({topLevel[i].name, finalNames[i]});
         }
     }
-    const int exitCode = toInt(outcome.plan.skipped.empty() ? ExitCode::kOk : ExitCode::kEntriesSkipped);
+    if (const auto rules = receiverNameRules(options)) {
+        std::vector<host::FileListEntry> entries;
+        for (const SourceEntry& entry : outcome.plan.entries) {
+            const size_t slash = entry.relativePath.rfind('/');
+            host::FileListEntry listed;
+            listed.filePath = slash == std::string::npos ? "" : entry.relativePath.substr(0, slash);
+            listed.fileName = entry.relativePath.substr(slash + 1);
+            listed.isDirectory = entry.isDirectory;
+            entries.push_back(std::move(listed));
+        }
+        host::NameDecisions decisions = host::PredictNameDecisions(entries, *rules);
+        outcome.namesMapped = std::move(decisions.mapped);
+        outcome.namesRefused = std::move(decisions.refused);
+        printRefusedNames(outcome.namesRefused, context.console, "would not be copied");
+    }
+    const int exitCode = toInt(!outcome.namesRefused.empty() ? ExitCode::kNamesRefused
+                               : outcome.plan.skipped.empty() ? ExitCode::kOk
+                                                              : ExitCode::kEntriesSkipped);
 
     const ReportStyle style = reportStyleOf(options);
     if (style == ReportStyle::kJson) {
@@ -81,6 +99,11 @@ int runDryRun(const CopyOptions& options, ToolContext& context)
         } else if (options.verbose && !entry.isDirectory) {
             std::cout << "  " << entry.relativePath << '\n';
         }
+    }
+    printMappedNames(outcome.namesMapped, "", "would land");
+    if (!outcome.namesRefused.empty()) {
+        std::cout << "would refuse " << outcome.namesRefused.size()
+                  << (outcome.namesRefused.size() == 1 ? " entry" : " entries") << " for their names (named on stderr)\n";
     }
     if (!outcome.plan.skipped.empty()) {
         std::cout << "would skip " << outcome.plan.skipped.size()

@@ -11,7 +11,7 @@
 #include "ServeReport.h"
 #include "ToolError.h"
 #include "xferfm/host/RemoteNameGuard.h"
-#include "xferfm/host/Sha256.h"
+#include "xferfm/host/FileListDigests.h"
 #include "xferfm/host/TransferObserver.h"
 
 namespace xferfm::cli {
@@ -118,19 +118,12 @@ private:
 // The SHA-256 of every source file, by the name the receiver knows it by.
 host::FileDigests hashSources(const SourcePlan& plan)
 {
-    host::FileDigests digests;
-    for (const SourceEntry& entry : plan.entries) {
-        if (entry.isDirectory) {
-            continue;
-        }
-        std::string error;
-        const std::optional<std::string> digest = host::Sha256OfFile(entry.sourcePath, error);
-        if (!digest) {
-            throw ToolError(ExitCode::kSourceUnreadable, "cannot read '" + entry.sourcePath + "': " + error);
-        }
-        digests[entry.relativePath] = *digest;
+    std::string error;
+    std::optional<host::FileDigests> digests = host::DigestSourceFiles(plan.walked, error);
+    if (!digests) {
+        throw ToolError(ExitCode::kSourceUnreadable, error);
     }
-    return digests;
+    return std::move(*digests);
 }
 
 }  // namespace

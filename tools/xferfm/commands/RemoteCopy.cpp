@@ -8,6 +8,7 @@
 
 #include "CopyReport.h"
 #include "DestinationDir.h"
+#include "NameReport.h"
 #include "PlanSending.h"
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
@@ -194,6 +195,7 @@ int pull(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
     receiverOptions.destinationDir = destination;
     receiverOptions.serverName = "xferfm copy";
     receiverOptions.endpointObserver = &progress;
+    receiverOptions.names = receiverNameRules(options);
     host::NetworkReceiver receiver(receiverOptions, refusals);
     ScopedSignalHooks hooks(
         context.signals,
@@ -241,6 +243,7 @@ int pull(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
             std::cout << "'" << host::PrintableText(name) << "' already existed in " << destination
                       << ": copied as '" << host::PrintableText(landed) << "'\n";
         }
+        printMappedNames(session.summary.namesMapped, "");
         if (session.verdict) {
             std::cout << host::PrintableText(session.verdict->Text()) << "\n";
         }
@@ -264,6 +267,9 @@ RemoteInvocation remoteInvocationFor(const CopyOptions& options, const CopyEnds&
     if (ends.direction == CopyDirection::kPush) {
         invocation.role = RemoteRole::kReceive;
         invocation.options = {"--quiet"};  // the local side reports; the far side speaks only of trouble
+        for (std::string& argument : nameOptionArguments(options)) {
+            invocation.options.push_back(std::move(argument));
+        }
         invocation.paths = {ends.destination};
     } else {
         // The sender's options travel to the far side, which sends.

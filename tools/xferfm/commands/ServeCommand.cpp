@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "DestinationDir.h"
+#include "NameReport.h"
 #include "ServeReport.h"
 #include "ToolError.h"
 #include "xferfm/host/TreeRemoval.h"
@@ -77,6 +78,10 @@ public:
     }
     void OnSessionEnded(const host::ReceivedSession& session) override
     {
+        if (!mQuiet) {
+            printMappedNames(session.summary.namesMapped,
+                             host::PrintableText(sessionPrefix(session.number, session.peer)));
+        }
         mExitCode = exitCodeOf(session);
         if (!mQuiet || mExitCode != toInt(ExitCode::kOk)) {
             // On stdout, which is stderr under --stdio.
@@ -138,6 +143,7 @@ int serveOverStandardStreams(const ServeOptions& options, ToolContext& context)
     }
     host::NetworkReceiverOptions receiverOptions;
     receiverOptions.destinationDir = destination;
+    receiverOptions.names = receiverNameRules(options);
     ServePrinter printer(context, receiverOptions.listTimeout, options.quiet);
     host::NetworkReceiver receiver(receiverOptions, printer);
     receiveUntilStopped(receiver, context, [&] { receiver.RunOne(std::move(stream)); });
@@ -172,6 +178,7 @@ int runServe(const ServeOptions& options, ToolContext& context)
     host::NetworkReceiverOptions receiverOptions;
     receiverOptions.destinationDir = destination;
     receiverOptions.maxSessions = options.once ? 1 : 0;
+    receiverOptions.names = receiverNameRules(options);
     ServePrinter printer(context, receiverOptions.listTimeout, options.quiet);
     host::NetworkReceiver receiver(listener, receiverOptions, printer);
     receiveUntilStopped(receiver, context, [&receiver] { receiver.Run(); });

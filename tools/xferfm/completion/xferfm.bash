@@ -34,6 +34,12 @@ _xferfm()
         --log-level)
             COMPREPLY=($(compgen -W "0 1 2 3 4 5 6" -- "$cur"))
             return 0 ;;
+        --names)
+            COMPREPLY=($(compgen -W "posix windows portable" -- "$cur"))
+            return 0 ;;
+        --name-action)
+            COMPREPLY=($(compgen -W "map refuse map-back" -- "$cur"))
+            return 0 ;;
         --port-file)
             COMPREPLY=($(compgen -f -- "$cur"))
             return 0 ;;
@@ -44,11 +50,11 @@ _xferfm()
         copy)
             options="--help --bandwidth --window --verify --log-level --no-progress -p --preserve-perms
                      --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict
-                     -e --rsh --xferfm-path" ;;
+                     -e --rsh --xferfm-path --names --name-action" ;;
         send)
             options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout --stdio -q --quiet" ;;
         serve)
-            options="--help --listen --once --port-file --stdio -q --quiet --log-level" ;;
+            options="--help --listen --once --port-file --stdio -q --quiet --log-level --names --name-action" ;;
         demo)
             options="--help --log-level --no-progress" ;;
     esac

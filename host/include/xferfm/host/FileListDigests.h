@@ -4,11 +4,15 @@
 // wants checked, and the receiver reads them back. Lists without the key
 // are unchanged in meaning; the list parser ignores keys it does not know.
 //
-// THREADING CONTRACT: pure functions, safe from any thread.
+// THREADING CONTRACT: pure functions, safe from any thread (DigestSourceFiles
+// reads every file of the plan on the calling thread).
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
+
+#include "xferfm/host/SourcePlan.h"
 
 namespace orin::xfer::host {
 
@@ -23,5 +27,11 @@ bool AddFileDigests(std::string& json, const FileDigests& digests, std::string& 
 // The digests a list carries; empty when it carries none or cannot be read.
 // Values that are not 64 hex digits are left out.
 FileDigests FileDigestsOf(const std::string& json);
+
+// The SHA-256 of every file of `plan`, by the request name the receiver
+// knows it by (its relativePath): what a sender asking for verification
+// puts in its list. Nothing, with `error` naming the file, when one cannot
+// be read.
+std::optional<FileDigests> DigestSourceFiles(const SourcePlan& plan, std::string& error);
 
 }  // namespace orin::xfer::host

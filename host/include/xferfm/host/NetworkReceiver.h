@@ -59,6 +59,7 @@
 #include <vector>
 
 #include "xferfm/host/FileList.h"
+#include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 #include "xferfm/host/StreamTransport.h"
 #include "xferfm/host/TcpListener.h"
@@ -93,6 +94,11 @@ struct NetworkReceiverOptions {
     // threads, serialised. For a host that shows progress; it must outlive
     // Run or RunOne and must not call back into the receiver but Stop.
     ReceiverObserver* endpointObserver = nullptr;
+    // Names fitted to another platform (ReceiverEndpoint.h): the entries
+    // they refuse are refused like the guard's (OnEntryRefused, outcome
+    // kRefused; their index counts in the list after the guard's
+    // refusals), the mapped ones are in the summary's namesMapped.
+    std::optional<ReceiverNameRules> names;
 };
 
 // How one session ended, and what it brought.

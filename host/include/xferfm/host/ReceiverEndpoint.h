@@ -17,6 +17,17 @@
 // read-only directories still receive their content. The cache directory
 // is removed on every exit path.
 //
+// Names that must fit another platform (ReceiverOptions::names): when the
+// list arrives, before the first file is asked for, every path of it is
+// checked against the rules of the chosen target (NamePolicy.h), and the
+// clashes the mapping would make are looked for across the whole list. An
+// entry whose name breaks a rule lands under its mapped name (its children
+// follow it) or, with NameAction::kRefuse, is refused with its reason, and
+// so is everything inside a refused directory. The sender hears an
+// EntryRefused for each refused entry; the rest of the list is copied.
+// Requests and announcements keep the sender's names: only the names
+// created in destinationDir change.
+//
 // THREADING CONTRACT
 // 1. Every public call may be made from any thread; Start at most once.
 //    None of them blocks on the network except WaitFinished, which waits
@@ -41,13 +52,30 @@
 #include <map>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "xferfm/host/FileList.h"
+#include "xferfm/host/NamePolicy.h"
 #include "xferfm/host/TransferObserver.h"
 #include "xferfm/host/Transport.h"
 
 namespace orin::xfer::host {
+
+// How offered names are fitted to the destination's platform.
+struct ReceiverNameRules {
+    NameTarget target = NameTarget::kPosix;
+    // kMap: a name that breaks a rule lands under its reversible mapped
+    // form; kRefuse: such an entry is refused. The length rule, a NUL and
+    // empty components are refused either way, and so is the later entry
+    // of a clash (two names that would land on one).
+    NameAction action = NameAction::kMap;
+    // Names holding the substitutes of an earlier mapping land under the
+    // names they were mapped from (NamePolicy::MapBack), then are checked
+    // against `target` (meant for kPosix). Opt-in: with it a name that was
+    // made with a full-width character on purpose changes on the way.
+    bool mapBack = false;
+};
 
 struct ReceiverOptions {
     std::string destinationDir;  // must exist
@@ -64,6 +92,8 @@ struct ReceiverOptions {
     // exist, and a file that exists under it is replaced. Leave out what is
     // complete already: the receiver copies every entry it is sent.
     std::map<std::string, std::string> resumeNames;
+    // Unset: every name lands byte for byte as the sender sent it.
+    std::optional<ReceiverNameRules> names;
     ReceiverObserver* observer = nullptr;  // not owned; may be null
 };
 
@@ -74,6 +104,11 @@ public:
     ~ReceiverEndpoint();
     ReceiverEndpoint(const ReceiverEndpoint&) = delete;
     ReceiverEndpoint& operator=(const ReceiverEndpoint&) = delete;
+
+    // Name rules chosen after construction (ReceiverOptions::names is the
+    // usual way); before Start only: false, and nothing changed, once
+    // started or cancelled.
+    bool SetNameRules(std::optional<ReceiverNameRules> rules);
 
     // Creates the cache directory and asks the sender for its list; the
     // copy then runs on its own. False with `error` set when the

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orin::xfer::host {
@@ -39,6 +40,13 @@ struct TransferSummary {
     uint64_t bytesTotal = 0;
     uint64_t bytesDone = 0;
     std::string error;  // the first failure, naming its path; empty on success
+    // Receiving side with name rules (ReceiverOptions::names), decided when
+    // the list arrived: the entries refused for their names (left out;
+    // `completed` still tells whether the rest all arrived), with the
+    // request name as `path`, and the entries landed under a mapped name:
+    // (request name, mapped request name), in list order.
+    std::vector<SkippedEntry> namesRefused;
+    std::vector<std::pair<std::string, std::string>> namesMapped;
 };
 
 class ReceiverObserver {
@@ -49,6 +57,16 @@ public:
     {
         (void)entryCount, (void)totalBytes;
     }
+    // With name rules, when the list arrives (all of these before the first
+    // OnFileStarted): an entry left out for its name, `reason` naming the
+    // entry and the rule; `index` counts in the list the endpoint received.
+    virtual void OnNameRefused(size_t index, const std::string& name, const std::string& reason)
+    {
+        (void)index, (void)name, (void)reason;
+    }
+    // ... and an entry that lands under `mapped` (its request name with the
+    // entry's own last component mapped, and its parents' as they land).
+    virtual void OnNameMapped(const std::string& name, const std::string& mapped) { (void)name, (void)mapped; }
     // A file is about to be requested; `name` is its path relative to the
     // destination as the sender names it.
     virtual void OnFileStarted(const std::string& name, uint64_t fileSize) { (void)name, (void)fileSize; }
