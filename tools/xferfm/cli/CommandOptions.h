@@ -31,37 +31,45 @@ struct TransferOptions : CommonOptions {
     bool showProgress = true;
 };
 
-// How the receiving side lands what arrives (`copy`; `serve` later).
+// How the receiving side lands what arrives (`copy`, `serve`).
 struct LandingOptions {
     // Modes exactly as the source's; otherwise under the umask, as `cp`
     // without -p does.
     bool preservePermissions = false;
-    // Refuse the whole copy at the first entry that cannot be copied,
-    // instead of skipping each such entry.
-    bool strict = false;
     uint32_t umask = 022;  // the process's, read by main before any thread starts
 };
 
-// `copy` and `demo` (the demo fills sources and destination itself).
-struct CopyOptions : TransferOptions, LandingOptions {
-    std::vector<std::string> sources;
-    std::string destinationDir;
+// Which source entries go and what a run does with them (`copy`, `send`).
+struct SelectionOptions {
     std::vector<std::string> excludes;  // globs of entries to leave out
-    bool dryRun = false;                // say what would be copied, write nothing
-    bool resume = false;                // continue an interrupted copy into the same DEST_DIR
-    bool quiet = false;                 // nothing on stdout, no progress
-    bool verbose = false;               // one line per file
-    bool json = false;                  // one JSON summary on stdout instead of the human lines
+    // Refuse the whole copy at the first entry that cannot be copied,
+    // instead of skipping each such entry.
+    bool strict = false;
+    bool dryRun = false;  // say what would be copied, write nothing
+    bool resume = false;  // continue an interrupted copy into the same DEST_DIR
 };
 
-struct ServeOptions : CommonOptions {
+// How much a command says on stdout (`copy`, `send`, `serve --once`).
+struct OutputOptions {
+    bool quiet = false;    // nothing on stdout, no progress
+    bool verbose = false;  // one line per file
+    bool json = false;     // one JSON summary on stdout instead of the human lines
+};
+
+// `copy` and `demo` (the demo fills sources and destination itself).
+struct CopyOptions : TransferOptions, LandingOptions, SelectionOptions, OutputOptions {
+    std::vector<std::string> sources;
+    std::string destinationDir;
+};
+
+struct ServeOptions : CommonOptions, LandingOptions, OutputOptions {
     std::string listen = std::string(kDefaultListenHost) + ":" + std::to_string(kDefaultServePort);
     bool once = false;
     std::string portFile;  // when set, the bound port is written there once listening
     std::string destinationDir;
 };
 
-struct SendOptions : TransferOptions {
+struct SendOptions : TransferOptions, SelectionOptions, OutputOptions {
     std::string address;  // HOST:PORT of a serving receiver
     double progressTimeoutSeconds = 60;  // a receiver that moves nothing on this long ends the send
     std::vector<std::string> sources;

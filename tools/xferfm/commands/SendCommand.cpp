@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -11,6 +12,8 @@
 
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
+#include "CopyReport.h"
+#include "SendReport.h"
 #include "ServeReport.h"
 #include "SourcePlan.h"
 #include "ToolError.h"
@@ -42,8 +45,10 @@ ExitCode exitCodeForGoodbye(const std::optional<host::DisconnectReason>& goodbye
 
 class SendProgress final : public host::SenderObserver {
 public:
-    SendProgress(ProgressTracker& tracker, const SourcePlan& plan, StderrConsole& console)
-        : mTracker(tracker), mConsole(console)
+    // `fileLine`, when set, hears the source path of each file as it goes (-v).
+    SendProgress(ProgressTracker& tracker, const SourcePlan& plan, StderrConsole& console,
+                 std::function<void(const std::string&)> fileLine)
+        : mTracker(tracker), mConsole(console), mFileLine(std::move(fileLine))
     {
         // The walk the endpoint offers, so its paths are spelled as the
         // endpoint reports them.
@@ -68,6 +73,9 @@ public:
         }
         mFileInFlight = true;
         mTracker.fileStarted(sourcePath);
+        if (mFileLine) {
+            mFileLine("sending " + sourcePath);
+        }
     }
     void OnBytesSent(uint64_t totalBytesSent) override { mTracker.setBytesDone(totalBytesSent); }
     // One line per entry the receiver will not take; the copy goes on
@@ -113,6 +121,7 @@ public:
 private:
     ProgressTracker& mTracker;
     StderrConsole& mConsole;
+    const std::function<void(const std::string&)> mFileLine;
     std::set<std::string> mDirectories;            // fixed after construction
     std::map<std::string, uint64_t> mFileSizes;  // fixed after construction
     size_t mSkipped = 0;  // entries skipped so far; the endpoint's observer calls are serialised
@@ -139,21 +148,19 @@ host::FileDigests hashSources(const SourcePlan& plan)
     return digests;
 }
 
-std::string summaryLine(const host::TransferSummary& summary, const std::string& address, double seconds)
-{
-    const double mebibytes = static_cast<double>(summary.bytesDone) / (1024.0 * 1024.0);
-    char text[300];
-    std::snprintf(text, sizeof text, "sent %zu files (%llu bytes) to %s in %.2f s, %.1f MiB/s", summary.filesDone,
-                  static_cast<unsigned long long>(summary.bytesDone), address.c_str(), seconds,
-                  seconds > 0.0 ? mebibytes / seconds : 0.0);
-    return text;
-}
-
 }  // namespace
 
 int runSend(const SendOptions& options, ToolContext& context)
 {
-    const SourcePlan plan = planSources(options.sources);
+    // Every entry that cannot be copied is found and named before anything
+    // is sent, as `copy` does; the sender offers what is left.
+    SendOutcome outcome;
+    outcome.address = options.address;
+    outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip,
+                               options.excludes);
+    const SourcePlan& plan = outcome.plan;
+    reportSkipped(plan.skipped, context.console);
+    const ReportStyle style = reportStyleOf(options);
     const host::FileDigests digests = options.verify ? hashSources(plan) : host::FileDigests{};
     if (context.signals.interrupted()) {
         throw ToolError(ExitCode::kInterrupted, "interrupted before anything was sent");
@@ -166,8 +173,15 @@ int runSend(const SendOptions& options, ToolContext& context)
     }
     ProgressTracker tracker;
     tracker.start(plan.totalBytes, plan.fileCount);
-    ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(options.showProgress, context.console));
-    SendProgress progress(tracker, plan, context.console);
+    ProgressRenderer renderer(tracker, context.console,
+                              chooseProgressStyle(options.showProgress && !options.quiet, context.console));
+    std::function<void(const std::string&)> fileLine;
+    if (options.verbose && options.json) {
+        fileLine = [&context](const std::string& line) { context.console.writeLine(line); };  // stdout holds the JSON
+    } else if (options.verbose && !options.quiet) {
+        fileLine = [](const std::string& line) { std::cout << line << '\n'; };
+    }
+    SendProgress progress(tracker, plan, context.console, std::move(fileLine));
     senderOptions.connectTimeout = kConnectTimeout;
     senderOptions.progressTimeout =
         std::chrono::milliseconds(static_cast<int64_t>(options.progressTimeoutSeconds * 1000));
@@ -235,15 +249,22 @@ int runSend(const SendOptions& options, ToolContext& context)
         throw ToolError(exitCodeForGoodbye(result.goodbye),
                         "send failed: " + host::PrintableText(failure.empty() ? result.failure : failure));
     }
-    if (result.verdict && result.verdict->matched) {
-        std::cout << host::PrintableText(result.verdict->Text()) << "\n";
+    outcome.filesSent = summary.filesDone;
+    outcome.bytesSent = summary.bytesDone;
+    outcome.seconds = seconds;
+    outcome.verdict = result.verdict;
+    for (const host::SkippedEntry& entry : summary.skipped) {
+        outcome.refused.push_back({entry.path, entry.reason});
     }
-    std::cout << summaryLine(summary, options.address, seconds) << std::endl;
+    if (result.outcome == Outcome::kPartial && outcome.refused.empty()) {
+        outcome.refused.push_back({"", summary.error});  // the exit code must say so all the same
+    }
+    const int exitCode = reportSend(outcome, style);
     if (result.outcome == Outcome::kPartial) {
         // Each entry was named on stderr as it was refused; this sums up.
-        throw ToolError(ExitCode::kNamesRefused, "not everything was sent: " + host::PrintableText(summary.error));
+        context.console.writeLine("xferfm: not everything was sent: " + host::PrintableText(summary.error));
     }
-    return toInt(ExitCode::kOk);
+    return exitCode;
 }
 
 }  // namespace xferfm::cli

@@ -23,7 +23,7 @@ _xferfm()
 
     # Options that take a value.
     case "$prev" in
-        --bandwidth|--window|--listen|--exclude)
+        --bandwidth|--window|--listen|--exclude|--progress-timeout)
             return 0 ;;
         --log-level)
             COMPREPLY=($(compgen -W "0 1 2 3 4 5 6" -- "$cur"))
@@ -39,7 +39,8 @@ _xferfm()
             options="--help --bandwidth --window --verify --log-level --no-progress -p --preserve-perms
                      --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
         send)
-            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout" ;;
+            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout
+                     --exclude -q --quiet -v --verbose --json --strict" ;;
         serve)
             options="--help --listen --once --port-file --log-level" ;;
         demo)
