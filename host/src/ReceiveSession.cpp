@@ -1,5 +1,6 @@
 #include "ReceiveSession.h"
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -9,6 +10,7 @@
 #include "DigestCheckingLink.h"
 #include "DurationText.h"
 #include "HostLog.h"
+#include "SessionEndWatch.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 #include "xferfm/host/Sha256.h"
@@ -28,6 +30,12 @@ constexpr std::chrono::milliseconds kPollInterval{200};
 // receiver by chattering.
 class SessionObserver final : public ReceiverObserver {
 public:
+    // `onFileLanded` hears each file under its final path, on the endpoint's thread.
+    explicit SessionObserver(std::function<void(const std::string&, const std::string&)> onFileLanded)
+        : mOnFileLanded(std::move(onFileLanded))
+    {
+    }
+
     void OnListReceived(size_t, uint64_t) override
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -36,7 +44,11 @@ public:
     }
     void OnFileStarted(const std::string&, uint64_t) override { NoteProgress(); }
     void OnProgress(const std::string&, uint64_t, uint64_t, uint64_t, uint64_t) override { NoteProgress(); }
-    void OnFileCompleted(const std::string& name, const std::string& finalPath) override { Record(name, finalPath); }
+    void OnFileCompleted(const std::string& name, const std::string& finalPath) override
+    {
+        Record(name, finalPath);
+        mOnFileLanded(name, finalPath);
+    }
     void OnDirectoryCreated(const std::string& name, const std::string& finalPath) override
     {
         Record(name, finalPath);
@@ -97,6 +109,7 @@ private:
         mLastProgress = Clock::now();
     }
 
+    const std::function<void(const std::string&, const std::string&)> mOnFileLanded;
     mutable std::mutex mMutex;
     bool mListReceived = false;
     Clock::time_point mLastProgress = Clock::now();
@@ -111,7 +124,14 @@ public:
     enum class CancelCause { kNone, kStopped, kListTimeout, kStalled };
 
     ReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup)
-        : mSetup(setup), mOptions(*setup.options), mConnection(std::move(connection))
+        : mSetup(setup),
+          mOptions(*setup.options),
+          mConnection(std::move(connection)),
+          mEndpointObserver([this](const std::string& name, const std::string& finalPath) {
+              if (mSetup.observer != nullptr) {
+                  mSetup.observer->OnFileReceived(mResult.number, name, finalPath);
+              }
+          })
     {
         mResult.number = setup.number;
         mResult.peer = PeerAddressOf(mConnection.Fd());
@@ -133,6 +153,8 @@ private:
     CancelCause mCancelCause = CancelCause::kNone;
     SessionObserver mEndpointObserver;
     ReceivedSession mResult;
+    SessionEndWatch* mEndWatch = nullptr;  // in the endpoint's link; valid while the endpoint lives
+    SessionEndWatch::Ending mEnding;       // read from mEndWatch before the endpoint goes
 
     std::mutex mMutex;  // guards the three below, written from the link's threads
     std::optional<VerifyVerdict> mVerdict;
@@ -164,8 +186,10 @@ std::unique_ptr<ITransport> ReceiveSession::MakeLink()
     TcpTransportOptions linkOptions;
     linkOptions.threadName = "xfer-serve";
     auto tcp = std::make_unique<TcpTransport>(std::move(mConnection), linkOptions);
+    auto watched = std::make_unique<SessionEndWatch>(std::move(tcp));
+    mEndWatch = watched.get();
     auto guarded = std::make_unique<RemoteNameGuardTransport>(
-        std::move(tcp), mOptions.destinationDir, mOptions.listLimits,
+        std::move(watched), mOptions.destinationDir, mOptions.listLimits,
         [this](const std::string& refusal) {
             std::lock_guard<std::mutex> lock(mMutex);
             mRefusal = refusal;
@@ -217,6 +241,7 @@ ReceivedSession ReceiveSession::Run()
     ReceiverOptions options;
     options.destinationDir = mOptions.destinationDir;
     options.listLimits = mOptions.listLimits;
+    options.permissionMask = mOptions.permissionMask;
     options.observer = &mEndpointObserver;
 
     const auto started = Clock::now();
@@ -261,6 +286,7 @@ ReceivedSession ReceiveSession::Run()
             }
         }
         mResult.summary = receiver.Summary();
+        mEnding = mEndWatch->Ended();
         // Leaving the scope closes the link and removes the cache directory.
     }
     mSetup.onCacheDirectory("");
@@ -293,6 +319,12 @@ void ReceiveSession::Conclude(const std::string& startFailure)
     } else if (mCancelCause == CancelCause::kStalled) {
         mResult.outcome = Outcome::kStalled;
         mResult.failure = "no file data moved for " + DurationText(mOptions.progressTimeout);
+    } else if (!mResult.summary.completed && mEnding.end == SessionEndWatch::End::kSenderGoodbye &&
+               mEnding.senderReason == DisconnectReason::kCancelled) {
+        mResult.outcome = Outcome::kCancelledBySender;
+    } else if (!mResult.summary.completed && mEnding.end == SessionEndWatch::End::kLinkBroken) {
+        mResult.outcome = Outcome::kLinkLost;
+        mResult.failure = mEnding.linkReason;
     } else if (!mResult.summary.completed) {
         const std::string failure = mEndpointObserver.Failure();
         mResult.outcome = Outcome::kFailed;

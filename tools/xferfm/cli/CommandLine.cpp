@@ -217,6 +217,13 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
     serve->add_flag("--once", options.once, "Exit after one session (its result is the exit code)");
     serve->add_option("--port-file", options.portFile, "Write the port actually bound to this file once listening")
         ->type_name("PATH");
+    serve->add_flag("-p,--preserve-perms", options.preservePermissions,
+                    "Land files and directories with the exact permission bits the sender lists (default: under "
+                    "this process's umask, as scp and rsync without -p do)");
+    addOutputOptions(*serve, options, "received, as it lands",
+                     "one line per session: its number, peer, destination, outcome and failure, files, "
+                     "directories, bytes, seconds, refused entries, renames, the verify result and the exit code "
+                     "(with --once, the one document)");
     addLogLevelOption(*serve, options);
     serve->add_option("DEST_DIR", options.destinationDir, "Directory that receives the copies")->required();
     serve->footer(std::string(
@@ -226,7 +233,9 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
                       "Every name a sender sends is checked first: an entry whose name is absolute, holds \"..\", "
                       "a backslash, a control character or invalid UTF-8, or leads through a symbolic link, is not "
                       "copied (nor anything inside it), with a line on stderr naming it and the rule; the rest of "
-                      "the list is copied and the session counts as failed (exit code 7 with --once).\n\n") +
+                      "the list is copied and the session counts as failed (exit code 7 with --once).\n"
+                      "Modification times are kept; permission bits land under this process's umask unless -p. "
+                      "With --once, a session whose link is lost exits 8, one the sender cancels 10.\n\n") +
                   exitCodeHelp());
     return serve;
 }

@@ -46,9 +46,26 @@ void writePortFile(const std::string& path, uint16_t port)
 // Prints what the kit's receiver reports, as it happens.
 class ServePrinter final : public host::NetworkReceiverObserver {
 public:
-    ServePrinter(ToolContext& context, std::chrono::milliseconds listTimeout)
-        : mContext(context), mListTimeout(listTimeout)
+    ServePrinter(ToolContext& context, const ServeOptions& options, const std::string& destination,
+                 std::chrono::milliseconds listTimeout)
+        : mContext(context), mOptions(options), mDestination(destination), mListTimeout(listTimeout)
     {
+    }
+
+    // -v: one line per file as it lands (on stderr when stdout holds JSON).
+    void OnFileReceived(unsigned number, const std::string& name, const std::string& finalPath) override
+    {
+        if (!mOptions.verbose) {
+            return;
+        }
+        const std::string line = host::PrintableText("session " + std::to_string(number) + ": received " + name +
+                                                     " -> " + finalPath);
+        if (mOptions.json) {
+            mContext.console.writeLine(line);
+        } else if (!mOptions.quiet) {
+            std::lock_guard<std::mutex> lock(mStdoutMutex);
+            std::cout << line << '\n';
+        }
     }
 
     // One session's refusals come from its delivery thread, in order.
@@ -75,8 +92,16 @@ public:
     }
     void OnSessionEnded(const host::ReceivedSession& session) override
     {
-        std::cout << sessionLine(session, mListTimeout) << std::endl;
         mExitCode = exitCodeOf(session);
+        std::lock_guard<std::mutex> lock(mStdoutMutex);
+        if (mOptions.json) {
+            std::cout << sessionJson(session, mDestination, mListTimeout) << std::endl;
+        } else if (!mOptions.quiet) {
+            std::cout << sessionLine(session, mListTimeout) << std::endl;
+        } else if (mExitCode != toInt(ExitCode::kOk)) {
+            // Quiet keeps stdout empty; a failed session still says why.
+            mContext.console.writeLine("xferfm serve: " + sessionLine(session, mListTimeout));
+        }
     }
     void OnTurnedAway(const std::string& peer) override
     {
@@ -89,7 +114,10 @@ public:
 
 private:
     ToolContext& mContext;
+    const ServeOptions& mOptions;
+    const std::string mDestination;
     const std::chrono::milliseconds mListTimeout;
+    std::mutex mStdoutMutex;  // the file lines and the session lines come from different threads
     std::mutex mRefusalMutex;
     unsigned mRefusalSession = 0;
     size_t mRefusals = 0;
@@ -110,8 +138,10 @@ int runServe(const ServeOptions& options, ToolContext& context)
     if (!listener.Valid()) {
         throw ToolError(ExitCode::kTransferFailed, error);
     }
-    std::cout << "xferfm serve: listening on " << listener.Address() << ", receiving into " << destination
-              << std::endl;
+    if (!options.quiet && !options.json) {
+        std::cout << "xferfm serve: listening on " << listener.Address() << ", receiving into " << destination
+                  << std::endl;
+    }
     if (!options.portFile.empty()) {
         writePortFile(options.portFile, listener.Port());
     }
@@ -119,7 +149,10 @@ int runServe(const ServeOptions& options, ToolContext& context)
     host::NetworkReceiverOptions receiverOptions;
     receiverOptions.destinationDir = destination;
     receiverOptions.maxSessions = options.once ? 1 : 0;
-    ServePrinter printer(context, receiverOptions.listTimeout);
+    // The sender's modes under this process's umask, as scp and rsync
+    // without -p land them; exact with -p.
+    receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
+    ServePrinter printer(context, options, destination, receiverOptions.listTimeout);
     host::NetworkReceiver receiver(listener, receiverOptions, printer);
     ScopedSignalHooks hooks(
         context.signals, [&receiver] { receiver.Stop(); },

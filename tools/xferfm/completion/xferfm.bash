@@ -42,7 +42,8 @@ _xferfm()
             options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout
                      --exclude -q --quiet -v --verbose --json --strict" ;;
         serve)
-            options="--help --listen --once --port-file --log-level" ;;
+            options="--help --listen --once --port-file --log-level -p --preserve-perms -q --quiet -v --verbose
+                     --json" ;;
         demo)
             options="--help --log-level --no-progress" ;;
     esac

@@ -30,7 +30,8 @@
 //    OnSessionStarted, OnSessionEnded and OnAcceptFailed from Run's thread;
 //    OnEntryRefused from the session's delivery thread (all of a session's
 //    refusals before its first file is asked for, and before its
-//    OnSessionEnded); OnTurnedAway from the thread that watches the
+//    OnSessionEnded); OnFileReceived from the session's endpoint threads,
+//    one at a time and before its OnSessionEnded; OnTurnedAway from the thread that watches the
 //    waiting senders. They must be quick; they may call Stop, never Run.
 // 4. Lifetime: the listener and the observer must outlive the receiver;
 //    destroy the receiver only after Run has returned.
@@ -73,18 +74,24 @@ struct NetworkReceiverOptions {
     // waiting then hear that the receiver has finished.
     unsigned maxSessions = 0;
     FileListLimits listLimits;
+    // Bits cleared from every mode a sender lists (ReceiverOptions): pass
+    // the process umask to land files the way `cp` without -p does; 0, the
+    // default, keeps the sender's modes exact.
+    uint32_t permissionMask = 0;
 };
 
 // How one session ended, and what it brought.
 struct ReceivedSession {
     enum class Outcome {
-        kOk,            // every entry offered arrived
-        kRefused,       // the refused entries were left out, the rest arrived
-        kVerifyFailed,  // everything arrived, but copies differ from their sources
-        kCancelled,     // Stop was called during the session
-        kListTimeout,   // the sender offered no list within listTimeout
-        kStalled,       // no file data moved for progressTimeout after the list
-        kFailed,        // anything else: `failure` says why
+        kOk,                 // every entry offered arrived
+        kRefused,            // the refused entries were left out, the rest arrived
+        kVerifyFailed,       // everything arrived, but copies differ from their sources
+        kCancelled,          // Stop was called during the session
+        kCancelledBySender,  // the sender cancelled the copy (its user pressed Ctrl-C, say)
+        kLinkLost,           // the link broke before either end said goodbye: `failure` says how
+        kListTimeout,        // the sender offered no list within listTimeout
+        kStalled,            // no file data moved for progressTimeout after the list
+        kFailed,             // anything else: `failure` says why
     };
     unsigned number = 0;  // 1 for the first session of Run
     std::string peer;     // "HOST:PORT" of the sender
@@ -108,6 +115,12 @@ public:
     virtual void OnEntryRefused(unsigned number, const std::string& peer, const RefusedEntry& entry)
     {
         (void)number, (void)peer, (void)entry;
+    }
+    // A file of the session landed under `finalPath` (`name` as the list
+    // names it).
+    virtual void OnFileReceived(unsigned number, const std::string& name, const std::string& finalPath)
+    {
+        (void)number, (void)name, (void)finalPath;
     }
     virtual void OnSessionEnded(const ReceivedSession& session) { (void)session; }
     // A waiting sender was told the receiver is busy.
