@@ -30,6 +30,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,6 +57,10 @@ public:
     // `propose` gives duplicate names (the engine's rule); the bits of
     // `permissionMask` are cleared from every listed mode (0: exact modes).
     FileLanding(NameProposer propose, uint32_t permissionMask, std::map<std::string, std::string> resumeNames = {});
+
+    // More top-level names to continue under, learnt once the list is in
+    // (before anything lands).
+    void ContinueUnder(std::map<std::string, std::string> resumeNames);
 
     // The sender's modification times, applied as entries land.
     void KeepModificationTimes(ModificationTimes times);
@@ -106,7 +111,7 @@ private:
     };
 
     // The name a resumed top-level entry continues under, or nullptr.
-    const std::string* ResumedName(const std::string& requestName) const;
+    std::optional<std::string> ResumedName(const std::string& requestName) const;
     // The listed mode of `entry` less the mask.
     uint32_t WantedMode(const FileListEntry& entry) const;
     // The sender's time for request name `name`, if it sent one.
@@ -114,8 +119,8 @@ private:
 
     const NameProposer mPropose;
     const uint32_t mPermissionMask;
-    const std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
     mutable std::mutex mMutex;  // guards everything below
+    std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
     ModificationTimes mTimes;
     std::string mDestination;
     std::string mCacheDir;

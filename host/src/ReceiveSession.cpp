@@ -1,5 +1,6 @@
 #include "ReceiveSession.h"
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -10,9 +11,11 @@
 #include "DigestCheckingLink.h"
 #include "DurationText.h"
 #include "HostLog.h"
+#include "OfferAnswerLink.h"
 #include "SessionEndWatch.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
+#include "xferfm/host/ResumeNote.h"
 #include "xferfm/host/Sha256.h"
 #include "xferfm/host/TcpTransport.h"
 
@@ -82,6 +85,18 @@ public:
         const auto found = mFinalPaths.find(name);
         return found == mFinalPaths.end() ? std::nullopt : std::optional<std::string>(found->second);
     }
+    // Each top-level entry that landed, by name -> its final path.
+    std::map<std::string, std::string> TopLevelLanded() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        std::map<std::string, std::string> landed;
+        for (const auto& [name, finalPath] : mFinalPaths) {
+            if (name.find('/') == std::string::npos) {
+                landed[name] = finalPath;
+            }
+        }
+        return landed;
+    }
     // Each top-level name that was taken in the destination, by name.
     std::vector<std::pair<std::string, std::string>> Renamed() const
     {
@@ -143,6 +158,7 @@ private:
     std::unique_ptr<ITransport> MakeLink();
     DigestCheck CheckLandedFiles(const FileDigests& expected) const;
     void Conclude(const std::string& startFailure);
+    void NoteWhatLanded();
     void SetState(State next, const std::string& why);
     static const char* StateName(State state);
 
@@ -155,6 +171,7 @@ private:
     ReceivedSession mResult;
     SessionEndWatch* mEndWatch = nullptr;  // in the endpoint's link; valid while the endpoint lives
     SessionEndWatch::Ending mEnding;       // read from mEndWatch before the endpoint goes
+    OfferAnswerLink* mOfferAnswer = nullptr;  // in the endpoint's link; valid while the endpoint lives
 
     std::mutex mMutex;  // guards the three below, written from the link's threads
     std::optional<VerifyVerdict> mVerdict;
@@ -203,8 +220,10 @@ std::unique_ptr<ITransport> ReceiveSession::MakeLink()
                 mSetup.observer->OnEntryRefused(mResult.number, mResult.peer, entry);
             }
         });
+    auto answering = std::make_unique<OfferAnswerLink>(std::move(guarded), mOptions.destinationDir);
+    mOfferAnswer = answering.get();
     return std::make_unique<DigestCheckingLink>(
-        std::move(guarded), [this](const FileDigests& expected) { return CheckLandedFiles(expected); },
+        std::move(answering), [this](const FileDigests& expected) { return CheckLandedFiles(expected); },
         [this](const VerifyVerdict& verdict) {
             std::lock_guard<std::mutex> lock(mMutex);
             mVerdict = verdict;
@@ -243,6 +262,7 @@ ReceivedSession ReceiveSession::Run()
     options.listLimits = mOptions.listLimits;
     options.permissionMask = mOptions.permissionMask;
     options.observer = &mEndpointObserver;
+    options.resumeNamesFromLink = [this] { return mOfferAnswer->ResumeNames(); };
 
     const auto started = Clock::now();
     std::string startFailure;
@@ -287,13 +307,44 @@ ReceivedSession ReceiveSession::Run()
         }
         mResult.summary = receiver.Summary();
         mEnding = mEndWatch->Ended();
+        const OfferAnswerLink::Answer answer = mOfferAnswer->Answered();
+        mResult.offer = answer.options;
+        mResult.landings = answer.landings;
+        mResult.entriesComplete = answer.entriesComplete;
         // Leaving the scope closes the link and removes the cache directory.
     }
     mSetup.onCacheDirectory("");
     mResult.duration = Clock::now() - started;
     Conclude(startFailure);
+    NoteWhatLanded();
     SetState(State::kEnded, startFailure.empty() ? mResult.summary.error : startFailure);
     return std::move(mResult);
+}
+
+// An interrupted session leaves the note a resumed one continues from (the
+// top-level names it landed under); a complete one removes it. A dry run
+// touches neither.
+void ReceiveSession::NoteWhatLanded()
+{
+    using Outcome = ReceivedSession::Outcome;
+    if (mResult.offer.dryRun) {
+        return;
+    }
+    if (mResult.outcome == Outcome::kOk || mResult.outcome == Outcome::kRefused) {
+        RemoveResumeNote(mOptions.destinationDir);
+        return;
+    }
+    if (mResult.outcome != Outcome::kCancelled && mResult.outcome != Outcome::kCancelledBySender &&
+        mResult.outcome != Outcome::kLinkLost && mResult.outcome != Outcome::kStalled) {
+        return;
+    }
+    std::map<std::string, std::string> landed = ReadResumeNote(mOptions.destinationDir);
+    for (const auto& [name, finalPath] : mEndpointObserver.TopLevelLanded()) {
+        landed[name] = finalPath.substr(finalPath.find_last_of('/') + 1);
+    }
+    if (!landed.empty()) {
+        WriteResumeNote(mOptions.destinationDir, landed);
+    }
 }
 
 // The first that applies, in this order, decides the outcome.
@@ -303,6 +354,14 @@ void ReceiveSession::Conclude(const std::string& startFailure)
     mResult.verdict = mVerdict;
     mResult.refused = mRefused;
     mResult.renamed = mEndpointObserver.Renamed();
+    // A resumed entry continues under the name it had: not a rename.
+    for (const EntryLanding& landing : mResult.landings) {
+        if (landing.resumed) {
+            mResult.renamed.erase(std::remove_if(mResult.renamed.begin(), mResult.renamed.end(),
+                                                 [&landing](const auto& renamed) { return renamed.first == landing.name; }),
+                                  mResult.renamed.end());
+        }
+    }
     using Outcome = ReceivedSession::Outcome;
     if (!mRefusal.empty()) {
         mResult.outcome = Outcome::kFailed;

@@ -256,6 +256,7 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
         ->type_name("SECONDS")
         ->check(CLI::Range(0.1, 86400.0))
         ->capture_default_str();
+    addRunModeOptions(*send, options, "send");
     addSelectionOptions(*send, options, "send");
     addOutputOptions(*send, options, "sent",
                      "the receiver's address, files, directories, bytes, seconds, skipped entries with reasons, "

@@ -161,7 +161,9 @@ int runSend(const SendOptions& options, ToolContext& context)
     const SourcePlan& plan = outcome.plan;
     reportSkipped(plan.skipped, context.console);
     const ReportStyle style = reportStyleOf(options);
-    const host::FileDigests digests = options.verify ? hashSources(plan) : host::FileDigests{};
+    // A dry run sends no file, so there is nothing to verify.
+    const host::FileDigests digests =
+        options.verify && !options.dryRun ? hashSources(plan) : host::FileDigests{};
     if (context.signals.interrupted()) {
         throw ToolError(ExitCode::kInterrupted, "interrupted before anything was sent");
     }
@@ -186,6 +188,8 @@ int runSend(const SendOptions& options, ToolContext& context)
     senderOptions.progressTimeout =
         std::chrono::milliseconds(static_cast<int64_t>(options.progressTimeoutSeconds * 1000));
     senderOptions.digests = digests;
+    senderOptions.offer.dryRun = options.dryRun;
+    senderOptions.offer.resume = options.resume;
     senderOptions.endpoint.ackWindow = options.window;
     senderOptions.endpoint.bandwidthKbps = options.bandwidthKbps;
     senderOptions.endpoint.flowControl = options.bandwidthKbps != 0;
@@ -231,7 +235,16 @@ int runSend(const SendOptions& options, ToolContext& context)
 
     using Outcome = host::SentSession::Outcome;
     if (context.signals.interrupted() || result.outcome == Outcome::kCancelled) {
-        throw ToolError(ExitCode::kInterrupted, "interrupted; the receiver removes the file that was in flight");
+        // The receiver notes under which names what landed stays, so a
+        // resumed send continues there.
+        // Sent is what this end knows: the receiver keeps each of those
+        // that arrived whole.
+        throw ToolError(ExitCode::kInterrupted,
+                        "interrupted after sending " + std::to_string(result.summary.filesDone) + " of " +
+                            std::to_string(plan.fileCount) +
+                            " files; the receiver keeps every file that arrived whole, under the names it gave "
+                            "them, and removes the one in flight. To send the rest, run the same command again "
+                            "with --resume");
     }
     // What the receiver said is shown with its control bytes escaped.
     if (result.outcome == Outcome::kVerifyFailed) {
@@ -253,6 +266,9 @@ int runSend(const SendOptions& options, ToolContext& context)
     outcome.bytesSent = summary.bytesDone;
     outcome.seconds = seconds;
     outcome.verdict = result.verdict;
+    outcome.dryRun = result.outcome == Outcome::kPreviewed;
+    outcome.landings = result.landings;
+    outcome.alreadyComplete = result.alreadyComplete.size();
     for (const host::SkippedEntry& entry : summary.skipped) {
         outcome.refused.push_back({entry.path, entry.reason});
     }

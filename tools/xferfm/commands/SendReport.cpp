@@ -7,6 +7,44 @@
 #include "xferfm/host/RemoteNameGuard.h"
 
 namespace xferfm::cli {
+namespace {
+
+namespace host = orin::xfer::host;
+
+// `--dry-run`: where each top-level entry would land, and the totals.
+void printPreview(const SendOutcome& outcome)
+{
+    for (const host::EntryLanding& landing : outcome.landings) {
+        std::cout << "would send '" << host::PrintableText(landing.name) << "' to '"
+                  << host::PrintableText(landing.landedAs) << "' on " << outcome.address;
+        if (landing.resumed) {
+            std::cout << " (continuing the interrupted copy)";
+        } else if (landing.landedAs != landing.name) {
+            std::cout << " ('" << host::PrintableText(landing.name) << "' is taken)";
+        }
+        std::cout << '\n';
+    }
+    if (!outcome.plan.skipped.empty()) {
+        std::cout << "would skip " << outcome.plan.skipped.size()
+                  << (outcome.plan.skipped.size() == 1 ? " entry" : " entries")
+                  << " that cannot be copied (named on stderr)\n";
+    }
+    if (!outcome.refused.empty()) {
+        std::cout << "the receiver would refuse " << outcome.refused.size()
+                  << (outcome.refused.size() == 1 ? " entry" : " entries") << " (named on stderr)\n";
+    }
+    if (outcome.alreadyComplete != 0) {
+        std::cout << "resuming: " << outcome.alreadyComplete << " files are complete already and would be kept\n";
+    }
+    std::cout << "dry run: would send " << outcome.plan.fileCount << " files (" << outcome.plan.totalBytes
+              << " bytes) in " << outcome.plan.directoryCount << " directories";
+    if (outcome.plan.excluded != 0) {
+        std::cout << ", " << outcome.plan.excluded << " entries excluded";
+    }
+    std::cout << "; nothing was written" << std::endl;
+}
+
+}  // namespace
 
 std::string sendSummaryLine(const SendOutcome& outcome)
 {
@@ -22,14 +60,30 @@ std::string sendSummaryLine(const SendOutcome& outcome)
 std::string sendJsonSummary(const SendOutcome& outcome, int exitCode)
 {
     Json::Value document(Json::objectValue);
-    document["dryRun"] = false;
+    document["dryRun"] = outcome.dryRun;
     document["destination"] = outcome.address;
-    document["files"] = static_cast<Json::UInt64>(outcome.filesSent);
+    document["files"] = static_cast<Json::UInt64>(outcome.dryRun ? outcome.plan.fileCount : outcome.filesSent);
     document["directories"] = static_cast<Json::UInt64>(outcome.plan.directoryCount);
-    document["bytes"] = static_cast<Json::UInt64>(outcome.bytesSent);
+    document["bytes"] = static_cast<Json::UInt64>(outcome.dryRun ? outcome.plan.totalBytes : outcome.bytesSent);
     document["seconds"] = outcome.seconds;
     document["skipped"] = skippedJson(outcome.plan.skipped);
     document["excluded"] = static_cast<Json::UInt64>(outcome.plan.excluded);
+    document["alreadyComplete"] = static_cast<Json::UInt64>(outcome.alreadyComplete);
+    document["renamed"] = Json::Value(Json::arrayValue);
+    document["landed"] = Json::Value(Json::arrayValue);
+    for (const orin::xfer::host::EntryLanding& landing : outcome.landings) {
+        Json::Value landed(Json::objectValue);
+        landed["name"] = host::PrintableText(landing.name);
+        landed["finalName"] = host::PrintableText(landing.landedAs);
+        landed["resumed"] = landing.resumed;
+        document["landed"].append(landed);
+        if (!landing.resumed && landing.landedAs != landing.name) {
+            Json::Value renamed(Json::objectValue);
+            renamed["name"] = landed["name"];
+            renamed["finalName"] = landed["finalName"];
+            document["renamed"].append(renamed);
+        }
+    }
     document["refused"] = Json::Value(Json::arrayValue);
     for (const RefusedEntryReport& entry : outcome.refused) {
         Json::Value refused(Json::objectValue);
@@ -68,14 +122,27 @@ int reportSend(const SendOutcome& outcome, ReportStyle style)
     if (style == ReportStyle::kQuiet) {
         return exitCode;
     }
+    if (outcome.dryRun) {
+        printPreview(outcome);
+        return exitCode;
+    }
     // What the receiver said is shown with its control bytes escaped.
     if (outcome.verdict && outcome.verdict->matched) {
-        std::cout << orin::xfer::host::PrintableText(outcome.verdict->Text()) << "\n";
+        std::cout << host::PrintableText(outcome.verdict->Text()) << "\n";
     }
     if (!outcome.plan.skipped.empty()) {
         std::cout << "skipped " << outcome.plan.skipped.size()
                   << (outcome.plan.skipped.size() == 1 ? " entry" : " entries")
                   << " that cannot be copied (named on stderr)\n";
+    }
+    for (const host::EntryLanding& landing : outcome.landings) {
+        if (!landing.resumed && landing.landedAs != landing.name) {
+            std::cout << "'" << host::PrintableText(landing.name) << "' already existed at the receiver: sent as '"
+                      << host::PrintableText(landing.landedAs) << "'\n";
+        }
+    }
+    if (outcome.alreadyComplete != 0) {
+        std::cout << "resumed: " << outcome.alreadyComplete << " files were complete already and kept\n";
     }
     std::cout << sendSummaryLine(outcome) << std::endl;
     return exitCode;

@@ -30,6 +30,11 @@ struct SendOutcome {
     double seconds = 0.0;  // from connecting to the receiver's goodbye
     std::vector<RefusedEntryReport> refused;
     std::optional<orin::xfer::host::VerifyVerdict> verdict;  // when --verify
+    bool dryRun = false;  // the receiver only said what it would do
+    // With --dry-run or --resume: where each top-level entry landed (or
+    // would), as the receiver answered.
+    std::vector<orin::xfer::host::EntryLanding> landings;
+    uint64_t alreadyComplete = 0;  // --resume: files the receiver had complete and kept
 };
 
 // "sent N files (B bytes) to HOST:PORT in T s, R MiB/s"
@@ -37,8 +42,11 @@ std::string sendSummaryLine(const SendOutcome& outcome);
 
 // The --json document: {"dryRun", "destination" (the receiver's address),
 // "files", "directories", "bytes", "seconds", "skipped": [{"path",
-// "reason"}], "excluded", "refused": [{"path", "reason"}], "verify": null or
-// {"filesCompared", "filesDiffering", "matched"}, "exitCode"}.
+// "reason"}], "excluded", "alreadyComplete", "refused": [{"path",
+// "reason"}], "renamed": [{"name", "finalName"}], "landed": [{"name",
+// "finalName", "resumed"}] (with --dry-run or --resume), "verify": null or
+// {"filesCompared", "filesDiffering", "matched"}, "exitCode"}. A dry run
+// counts the files and bytes it would send.
 std::string sendJsonSummary(const SendOutcome& outcome, int exitCode);
 
 // 7 when the receiver refused entries, else 11 when source entries were

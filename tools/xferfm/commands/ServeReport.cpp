@@ -21,6 +21,17 @@ constexpr size_t kRefusalsNamed = 3;
 // verification and the renames when there are any.
 std::string describeReceived(const host::ReceivedSession& session)
 {
+    if (session.offer.dryRun) {
+        std::string line = "dry run, nothing written";
+        for (size_t index = 0; index < session.landings.size(); ++index) {
+            const host::EntryLanding& landing = session.landings[index];
+            line += (index == 0 ? "; would land " : ", ") + ("'" + landing.name + "' as '" + landing.landedAs + "'");
+        }
+        if (session.entriesComplete != 0) {
+            line += "; " + std::to_string(session.entriesComplete) + " files are complete already";
+        }
+        return line;
+    }
     const host::TransferSummary& summary = session.summary;
     const double seconds = std::chrono::duration<double>(session.duration).count();
     char text[200];
@@ -34,6 +45,9 @@ std::string describeReceived(const host::ReceivedSession& session)
     for (size_t index = 0; index < session.renamed.size(); ++index) {
         const auto& [name, landed] = session.renamed[index];
         line += (index == 0 ? "; already existed, so received " : ", ") + ("'" + name + "' as '" + landed + "'");
+    }
+    if (session.entriesComplete != 0) {
+        line += "; resumed: " + std::to_string(session.entriesComplete) + " files were complete already and kept";
     }
     return line;
 }
@@ -125,6 +139,8 @@ std::string sessionJson(const host::ReceivedSession& session, const std::string&
     document["peer"] = session.peer;
     document["destination"] = destination;
     document["outcome"] = outcomeName(session.outcome);
+    document["dryRun"] = session.offer.dryRun;
+    document["alreadyComplete"] = static_cast<Json::UInt64>(session.entriesComplete);
     document["failure"] = host::PrintableText(failureOf(session, listTimeout));
     document["files"] = static_cast<Json::UInt64>(session.summary.filesDone);
     document["directories"] = static_cast<Json::UInt64>(session.summary.directoriesDone);

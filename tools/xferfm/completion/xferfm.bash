@@ -40,7 +40,7 @@ _xferfm()
                      --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
         send)
             options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout
-                     --exclude -q --quiet -v --verbose --json --strict" ;;
+                     --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
         serve)
             options="--help --listen --once --port-file --log-level -p --preserve-perms -q --quiet -v --verbose
                      --json" ;;

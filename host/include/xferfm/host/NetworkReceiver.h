@@ -104,6 +104,13 @@ struct ReceivedSession {
     // Top-level entries that landed under another name because theirs was
     // taken in the destination: (name offered, name it landed as).
     std::vector<std::pair<std::string, std::string>> renamed;
+    // What the sender asked beyond a plain copy (OfferOptions), and the
+    // answer: where each top-level entry lands (or would, in a dry run,
+    // which lands nothing) and, resuming, how many files were complete
+    // already and kept.
+    OfferOptions offer;
+    std::vector<EntryLanding> landings;
+    uint64_t entriesComplete = 0;
 };
 
 class NetworkReceiverObserver {

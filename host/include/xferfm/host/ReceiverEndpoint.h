@@ -40,6 +40,7 @@
 #include <chrono>
 #include <map>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -64,6 +65,11 @@ struct ReceiverOptions {
     // exist, and a file that exists under it is replaced. Leave out what is
     // complete already: the receiver copies every entry it is sent.
     std::map<std::string, std::string> resumeNames;
+    // The same, for a link that learns them from the list itself (a network
+    // session resuming): when set, called once as the list arrives, on the
+    // transport's delivery thread and before anything lands; its names are
+    // added to resumeNames.
+    std::function<std::map<std::string, std::string>()> resumeNamesFromLink;
     ReceiverObserver* observer = nullptr;  // not owned; may be null
 };
 
