@@ -3,6 +3,7 @@
 // runs. Everyone turned away leaves through one Farewells, so no goodbye
 // ever waits on the accepting thread. Stop only raises a flag: the loop and the session in progress poll
 // it, so no endpoint is ever called from the host's stopping thread.
+// RunOne is a session without the loop: no listener, no waiting room.
 #include "xferfm/host/NetworkReceiver.h"
 
 #include <deque>
@@ -11,17 +12,24 @@
 #include "Farewells.h"
 #include "ReceiveSession.h"
 #include "WaitingRoom.h"
+#include "xferfm/host/TcpTransport.h"
 
 namespace orin::xfer::host {
 namespace {
 
 constexpr std::chrono::milliseconds kAcceptWait{200};
+constexpr const char* kLinkThreadName = "xfer-serve";
 
 }  // namespace
 
 NetworkReceiver::NetworkReceiver(TcpListener& listener, NetworkReceiverOptions options,
                                  NetworkReceiverObserver& observer)
-    : mListener(listener), mOptions(std::move(options)), mObserver(observer)
+    : mListener(&listener), mOptions(std::move(options)), mObserver(observer)
+{
+}
+
+NetworkReceiver::NetworkReceiver(NetworkReceiverOptions options, NetworkReceiverObserver& observer)
+    : mListener(nullptr), mOptions(std::move(options)), mObserver(observer)
 {
 }
 
@@ -38,14 +46,14 @@ void NetworkReceiver::Run()
     unsigned sessions = 0;
     Farewells farewells;
     std::deque<WaitingSender> waiting;  // connected while the last session ran
-    while (!mStopRequested.load()) {
+    while (mListener != nullptr && !mStopRequested.load()) {
         TcpSocket connection;
         if (!waiting.empty()) {
             connection = std::move(waiting.front().connection);
             waiting.pop_front();
         } else {
             std::string error;
-            const auto accepted = mListener.Accept(kAcceptWait, connection, error);
+            const auto accepted = mListener->Accept(kAcceptWait, connection, error);
             if (accepted == TcpListener::AcceptResult::kTimedOut) {
                 continue;
             }
@@ -58,19 +66,16 @@ void NetworkReceiver::Run()
             }
         }
         ++sessions;
-        WaitingRoom room(mListener, std::move(waiting), farewells, mOptions.waitingPatience,
+        WaitingRoom room(*mListener, std::move(waiting), farewells, mOptions.waitingPatience,
                          BusyDisconnect(mOptions.serverName, sessions),
                          [this](const std::string& peer) { mObserver.OnTurnedAway(peer); });
-        detail::ReceiveSessionSetup setup;
-        setup.number = sessions;
-        setup.options = &mOptions;
-        setup.observer = &mObserver;
-        setup.stopRequested = &mStopRequested;
-        setup.onCacheDirectory = [this](const std::string& cacheDirectory) {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mActiveCache = cacheDirectory;
-        };
-        const ReceivedSession session = detail::RunReceiveSession(std::move(connection), setup);
+        TcpTransportOptions linkOptions;
+        linkOptions.threadName = kLinkThreadName;
+        std::string peer = PeerAddressOf(connection.Fd());
+        auto link = std::make_unique<TcpTransport>(std::move(connection), linkOptions);
+        const TcpTransport* const bare = link.get();  // alive whenever the session asks
+        const ReceivedSession session =
+            Serve(sessions, std::move(link), std::move(peer), [bare] { return bare->PeerWentAway(); });
         waiting = room.Leave();
         mObserver.OnSessionEnded(session);
         if (mOptions.maxSessions != 0 && sessions >= mOptions.maxSessions) {
@@ -83,6 +88,35 @@ void NetworkReceiver::Run()
             return;
         }
     }
+}
+
+ReceivedSession NetworkReceiver::RunOne(StreamEnds stream)
+{
+    StreamTransportOptions linkOptions;
+    linkOptions.threadName = kLinkThreadName;
+    std::string peer = stream.peer;
+    auto link = std::make_unique<StreamTransport>(std::move(stream), linkOptions);
+    const StreamTransport* const bare = link.get();  // alive whenever the session asks
+    const ReceivedSession session =
+        Serve(1, std::move(link), std::move(peer), [bare] { return bare->PeerWentAway(); });
+    mObserver.OnSessionEnded(session);
+    return session;
+}
+
+ReceivedSession NetworkReceiver::Serve(unsigned number, std::unique_ptr<ITransport> link, std::string peer,
+                                       std::function<bool()> senderWentAway)
+{
+    detail::ReceiveSessionSetup setup;
+    setup.number = number;
+    setup.options = &mOptions;
+    setup.observer = &mObserver;
+    setup.stopRequested = &mStopRequested;
+    setup.senderWentAway = std::move(senderWentAway);
+    setup.onCacheDirectory = [this](const std::string& cacheDirectory) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mActiveCache = cacheDirectory;
+    };
+    return detail::RunReceiveSession(std::move(link), std::move(peer), setup);
 }
 
 }  // namespace orin::xfer::host

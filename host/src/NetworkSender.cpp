@@ -21,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 
 // WaitFinished waits in slices this long, checking progress between them.
 constexpr std::chrono::milliseconds kProgressCheck{200};
+constexpr const char* kLinkThreadName = "xfer-send";
 
 }  // namespace
 
@@ -72,7 +73,10 @@ private:
     SenderObserver* const mHost;
 };
 
-NetworkSender::NetworkSender(NetworkSenderOptions options) : mOptions(std::move(options)) {}
+NetworkSender::NetworkSender(NetworkSenderOptions options)
+    : mOptions(std::move(options)), mPeer(mOptions.address.host + ":" + std::to_string(mOptions.address.port))
+{
+}
 
 bool NetworkSender::IsQuietSkip(const std::string& sourcePath) const
 {
@@ -109,7 +113,7 @@ const char* NetworkSender::StateName(State state)
 
 void NetworkSender::SetState(State next, const std::string& why)
 {
-    HOST_LOG_D << "send to " << mOptions.address.host << ":" << mOptions.address.port << ": " << StateName(mState)
+    HOST_LOG_D << "send to " << mPeer << ": " << StateName(mState)
                << " -> " << StateName(next) << ": " << why;
     mState = next;
 }
@@ -120,14 +124,28 @@ bool NetworkSender::Connect(std::string& error)
         std::lock_guard<std::mutex> lock(mMutex);
         SetState(State::kConnecting, "connect");
     }
-    mConnection = ConnectTcp(mOptions.address, mOptions.connectTimeout, error);
+    TcpSocket connection = ConnectTcp(mOptions.address, mOptions.connectTimeout, error);
     std::lock_guard<std::mutex> lock(mMutex);
-    if (!mConnection.Valid()) {
+    if (!connection.Valid()) {
         SetState(State::kEnded, error);
         return false;
     }
-    SetState(State::kConnected, "connected from " + LocalAddressOf(mConnection.Fd()));
+    const std::string local = LocalAddressOf(connection.Fd());
+    TcpTransportOptions linkOptions;
+    linkOptions.threadName = kLinkThreadName;
+    mLink = std::make_unique<TcpTransport>(std::move(connection), linkOptions);
+    SetState(State::kConnected, "connected from " + local);
     return true;
+}
+
+void NetworkSender::Attach(StreamEnds stream)
+{
+    StreamTransportOptions linkOptions;
+    linkOptions.threadName = kLinkThreadName;
+    std::lock_guard<std::mutex> lock(mMutex);
+    mPeer = stream.peer;
+    mLink = std::make_unique<StreamTransport>(std::move(stream), linkOptions);
+    SetState(State::kConnected, "attached to an open stream");
 }
 
 NetworkSender::OfferResult NetworkSender::Offer(const std::vector<std::string>& sources, std::string& error)
@@ -153,14 +171,18 @@ NetworkSender::OfferResult NetworkSender::Offer(const SourcePlan& plan, std::str
 NetworkSender::OfferResult NetworkSender::offer(const std::function<bool(SenderEndpoint&, std::string&)>& offerTo,
                                                 const std::string& offeredWhat, std::string& error)
 {
-    TcpTransportOptions linkOptions;
-    linkOptions.threadName = "xfer-send";
+    std::unique_ptr<ITransport> bare;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mLastProgress = Clock::now();
+        bare = std::move(mLink);
+        if (!bare) {
+            error = "no link to a receiver: Connect or Attach first";
+            SetState(State::kEnded, error);
+            return OfferResult::kSourcesUnusable;
+        }
     }
-    auto checked = std::make_unique<ListRequestVersionCheck>(
-        std::make_unique<TcpTransport>(std::move(mConnection), linkOptions));
+    auto checked = std::make_unique<ListRequestVersionCheck>(std::move(bare));
     OfferOptionsLink::Callbacks answers;
     answers.onLanding = [this](const EntryLanding& landing) {
         std::lock_guard<std::mutex> lock(mMutex);

@@ -12,12 +12,11 @@
 #include "DurationText.h"
 #include "HostLog.h"
 #include "OfferAnswerLink.h"
-#include "SessionEndWatch.h"
+#include "xferfm/host/ForwardingTransport.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
 #include "xferfm/host/ResumeNote.h"
 #include "xferfm/host/Sha256.h"
-#include "xferfm/host/TcpTransport.h"
 
 namespace orin::xfer::host::detail {
 namespace {
@@ -132,16 +131,66 @@ private:
     std::map<std::string, std::string> mFinalPaths;
 };
 
+// Innermost on the link: tells whether the sender went away without a
+// goodbye (kLinkLost) while the session was still on: neither end had said
+// goodbye when the link closed under it; and why the sender left when it
+// said goodbye first (a cancel is not a failure of the receiver).
+class LinkEndWatch final : public ForwardingTransport {
+public:
+    LinkEndWatch(std::unique_ptr<ITransport> inner, std::function<bool()> peerWentAway,
+                 std::function<void()> onSenderGone, std::function<void(DisconnectReason)> onSenderGoodbye)
+        : ForwardingTransport(std::move(inner)),
+          mPeerWentAway(std::move(peerWentAway)),
+          mOnSenderGone(std::move(onSenderGone)),
+          mOnSenderGoodbye(std::move(onSenderGoodbye))
+    {
+    }
+    ~LinkEndWatch() override { ReleaseInner(); }
+
+    bool Send(Message message) override
+    {
+        if (std::holds_alternative<Disconnect>(message)) {
+            mGoodbyeSent = true;
+        }
+        return ForwardingTransport::Send(std::move(message));
+    }
+
+private:
+    void OnMessage(Message message) override
+    {
+        if (const auto* goodbye = std::get_if<Disconnect>(&message)) {
+            if (!mGoodbyeHeard && !mGoodbyeSent) {
+                mOnSenderGoodbye(ReasonOf(*goodbye));
+            }
+            mGoodbyeHeard = true;
+        }
+        ForwardingTransport::OnMessage(std::move(message));
+    }
+    void OnTransportClosed(const std::string& reason) override
+    {
+        if (!mGoodbyeHeard && !mGoodbyeSent && mPeerWentAway && mPeerWentAway()) {
+            mOnSenderGone();
+        }
+        ForwardingTransport::OnTransportClosed(reason);
+    }
+
+    const std::function<bool()> mPeerWentAway;
+    const std::function<void()> mOnSenderGone;
+    const std::function<void(DisconnectReason)> mOnSenderGoodbye;
+    bool mGoodbyeHeard = false;  // delivery thread only
+    std::atomic<bool> mGoodbyeSent{false};
+};
+
 class ReceiveSession {
 public:
     enum class State { kStarting, kAwaitingList, kReceiving, kCancelling, kEnded };
     // Why the session was cancelled, when it was.
     enum class CancelCause { kNone, kStopped, kListTimeout, kStalled };
 
-    ReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup)
+    ReceiveSession(std::unique_ptr<ITransport> link, std::string peer, const ReceiveSessionSetup& setup)
         : mSetup(setup),
           mOptions(*setup.options),
-          mConnection(std::move(connection)),
+          mLink(std::move(link)),
           mEndpointObserver([this](const std::string& name, const std::string& finalPath) {
               if (mSetup.observer != nullptr) {
                   mSetup.observer->OnFileReceived(mResult.number, name, finalPath);
@@ -149,7 +198,7 @@ public:
           })
     {
         mResult.number = setup.number;
-        mResult.peer = PeerAddressOf(mConnection.Fd());
+        mResult.peer = std::move(peer);
     }
 
     ReceivedSession Run();
@@ -164,18 +213,18 @@ private:
 
     const ReceiveSessionSetup& mSetup;
     const NetworkReceiverOptions& mOptions;
-    TcpSocket mConnection;
+    std::unique_ptr<ITransport> mLink;  // until MakeLink stacks the guards on it
     State mState = State::kStarting;  // Run's thread only
     CancelCause mCancelCause = CancelCause::kNone;
     SessionObserver mEndpointObserver;
     ReceivedSession mResult;
-    SessionEndWatch* mEndWatch = nullptr;  // in the endpoint's link; valid while the endpoint lives
-    SessionEndWatch::Ending mEnding;       // read from mEndWatch before the endpoint goes
     OfferAnswerLink* mOfferAnswer = nullptr;  // in the endpoint's link; valid while the endpoint lives
 
-    std::mutex mMutex;  // guards the three below, written from the link's threads
+    std::mutex mMutex;  // guards the members below, written from the link's threads
     std::optional<VerifyVerdict> mVerdict;
     std::string mRefusal;  // the guard refused the whole session
+    bool mSenderGone = false;  // the sender ended or broke the link without a goodbye
+    bool mSenderCancelled = false;  // the sender's goodbye, said first, was a cancel
     std::vector<RefusedEntry> mRefused;
 };
 
@@ -200,11 +249,16 @@ void ReceiveSession::SetState(State next, const std::string& why)
 
 std::unique_ptr<ITransport> ReceiveSession::MakeLink()
 {
-    TcpTransportOptions linkOptions;
-    linkOptions.threadName = "xfer-serve";
-    auto tcp = std::make_unique<TcpTransport>(std::move(mConnection), linkOptions);
-    auto watched = std::make_unique<SessionEndWatch>(std::move(tcp));
-    mEndWatch = watched.get();
+    auto watched = std::make_unique<LinkEndWatch>(
+        std::move(mLink), mSetup.senderWentAway,
+        [this] {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mSenderGone = true;
+        },
+        [this](DisconnectReason reason) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mSenderCancelled = reason == DisconnectReason::kCancelled;
+        });
     auto guarded = std::make_unique<RemoteNameGuardTransport>(
         std::move(watched), mOptions.destinationDir, mOptions.listLimits,
         [this](const std::string& refusal) {
@@ -306,7 +360,6 @@ ReceivedSession ReceiveSession::Run()
             }
         }
         mResult.summary = receiver.Summary();
-        mEnding = mEndWatch->Ended();
         const OfferAnswerLink::Answer answer = mOfferAnswer->Answered();
         mResult.offer = answer.options;
         mResult.landings = answer.landings;
@@ -378,15 +431,11 @@ void ReceiveSession::Conclude(const std::string& startFailure)
     } else if (mCancelCause == CancelCause::kStalled) {
         mResult.outcome = Outcome::kStalled;
         mResult.failure = "no file data moved for " + DurationText(mOptions.progressTimeout);
-    } else if (!mResult.summary.completed && mEnding.end == SessionEndWatch::End::kSenderGoodbye &&
-               mEnding.senderReason == DisconnectReason::kCancelled) {
+    } else if (!mResult.summary.completed && mSenderCancelled) {
         mResult.outcome = Outcome::kCancelledBySender;
-    } else if (!mResult.summary.completed && mEnding.end == SessionEndWatch::End::kLinkBroken) {
-        mResult.outcome = Outcome::kLinkLost;
-        mResult.failure = mEnding.linkReason;
     } else if (!mResult.summary.completed) {
         const std::string failure = mEndpointObserver.Failure();
-        mResult.outcome = Outcome::kFailed;
+        mResult.outcome = mSenderGone ? Outcome::kLinkLost : Outcome::kFailed;
         mResult.failure = failure.empty() ? mResult.summary.error : failure;
     } else {
         mResult.outcome = mRefused.empty() ? Outcome::kOk : Outcome::kRefused;
@@ -395,9 +444,9 @@ void ReceiveSession::Conclude(const std::string& startFailure)
 
 }  // namespace
 
-ReceivedSession RunReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup)
+ReceivedSession RunReceiveSession(std::unique_ptr<ITransport> link, std::string peer, const ReceiveSessionSetup& setup)
 {
-    ReceiveSession session(std::move(connection), setup);
+    ReceiveSession session(std::move(link), std::move(peer), setup);
     return session.Run();
 }
 

@@ -1,6 +1,7 @@
-// One session of a NetworkReceiver: a sender connected, its copy is
-// received through the link stack described in NetworkReceiver.h, and the
-// outcome is summed up in a ReceivedSession.
+// One session of a NetworkReceiver: a sender connected (or a stream was
+// handed over), its copy is received through the link stack described in
+// NetworkReceiver.h on top of the given link, and the outcome is summed up
+// in a ReceivedSession.
 //
 // The session is a state machine, each change logged with its reason:
 //   kStarting -> kAwaitingList -> kReceiving -> kEnded
@@ -14,10 +15,11 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "xferfm/host/NetworkReceiver.h"
-#include "xferfm/host/TcpSocket.h"
+#include "xferfm/host/Transport.h"
 
 namespace orin::xfer::host::detail {
 
@@ -28,8 +30,13 @@ struct ReceiveSessionSetup {
     const std::atomic<bool>* stopRequested = nullptr;
     // Told the cache directory once the endpoint has one, and "" at the end.
     std::function<void(const std::string& cacheDirectory)> onCacheDirectory;
+    // Asked when the bare link closes under the session: did the sender end
+    // or break it (TcpTransport/StreamTransport::PeerWentAway)?
+    std::function<bool()> senderWentAway;
 };
 
-ReceivedSession RunReceiveSession(TcpSocket connection, const ReceiveSessionSetup& setup);
+// `link` is the bare transport to the sender (not yet started); `peer` names
+// the sender in the outcome and the observer's calls.
+ReceivedSession RunReceiveSession(std::unique_ptr<ITransport> link, std::string peer, const ReceiveSessionSetup& setup);
 
 }  // namespace orin::xfer::host::detail

@@ -71,14 +71,6 @@ int FinishConnect(int fd, std::chrono::steady_clock::time_point deadline)
 
 }  // namespace
 
-void TcpSocket::Reset(int fd)
-{
-    if (mFd >= 0) {
-        ::close(mFd);
-    }
-    mFd = fd;
-}
-
 bool ParseHostPort(const std::string& text, HostPort& out, std::string& error)
 {
     std::string host;

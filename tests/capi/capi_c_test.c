@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <xferfm/xferfm.h>
@@ -270,6 +271,92 @@ static void a_tcp_connection_carries_a_copy(void)
     CHECK(xferfm_link_connect("not an address", 100, &client) == XFERFM_ERR_INVALID_ARGUMENT);
 }
 
+static void two_pipes_carry_a_copy(void)
+{
+    int to_receiver[2], to_sender[2];
+    xferfm_link *sender_end = NULL, *receiver_end = NULL, *refused = NULL;
+    observed seen;
+    xferfm_summary summary;
+
+    CHECK(pipe(to_receiver) == 0 && pipe(to_sender) == 0);
+    CHECK(xferfm_link_fds(to_sender[0], to_receiver[1], &sender_end) == XFERFM_OK);
+    CHECK(xferfm_link_fds(to_receiver[0], to_sender[1], &receiver_end) == XFERFM_OK);
+    summary = copy_over(sender_end, receiver_end, "dest-pipes", XFERFM_RECEIVER_SCREEN_NAMES, &seen);
+    expect_full_copy("dest-pipes", &summary, &seen);
+    xferfm_link_destroy(sender_end);
+    xferfm_link_destroy(receiver_end);
+    /* The link took the descriptors: they are closed now. */
+    CHECK(close(to_receiver[1]) == -1 && close(to_sender[0]) == -1);
+    CHECK(xferfm_link_fds(-1, -1, &refused) == XFERFM_ERR_INVALID_ARGUMENT && refused == NULL);
+    CHECK(xferfm_link_stdio(NULL) == XFERFM_ERR_INVALID_ARGUMENT);
+}
+
+/* The sending child: its standard input and output are the link; what it
+ * prints afterwards must land on stderr, never among the frames. */
+static void send_over_standard_streams(void)
+{
+    char source[512];
+    const char* paths[1];
+    xferfm_link* link = NULL;
+    xferfm_sender* sender = NULL;
+    xferfm_summary summary;
+
+    snprintf(source, sizeof source, "%s/src", g_root);
+    paths[0] = source;
+    CHECK(xferfm_link_stdio(&link) == XFERFM_OK);
+    printf("a stray line: it goes to stderr\n");
+    fflush(stdout);
+    CHECK(xferfm_sender_create(link, 0, NULL, &sender) == XFERFM_OK);
+    xferfm_link_destroy(link);
+    CHECK(xferfm_sender_offer(sender, paths, 1) == XFERFM_OK);
+    CHECK(xferfm_sender_wait(sender, 60000) == XFERFM_OK);
+    CHECK(xferfm_sender_summary(sender, &summary) == XFERFM_OK);
+    CHECK(summary.outcome == XFERFM_COMPLETED);
+    xferfm_sender_destroy(sender);
+}
+
+/* Forked before any thread of the kit exists in this process. */
+static void a_child_sends_over_its_standard_streams(void)
+{
+    int to_child[2], from_child[2], status = -1;
+    char destination[512];
+    xferfm_link* link = NULL;
+    xferfm_receiver* receiver = NULL;
+    observed seen;
+    xferfm_callbacks callbacks = callbacks_for(&seen);
+    xferfm_summary summary;
+    pid_t child;
+
+    CHECK(pipe(to_child) == 0 && pipe(from_child) == 0);
+    child = fork();
+    CHECK(child >= 0);
+    if (child == 0) {
+        dup2(to_child[0], STDIN_FILENO);
+        dup2(from_child[1], STDOUT_FILENO);
+        close(to_child[0]);
+        close(to_child[1]);
+        close(from_child[0]);
+        close(from_child[1]);
+        send_over_standard_streams();
+        exit(0);
+    }
+    close(to_child[0]);
+    close(from_child[1]);
+    snprintf(destination, sizeof destination, "%s/dest-stdio", g_root);
+    CHECK(mkdir(destination, 0755) == 0);
+    CHECK(xferfm_link_fds(from_child[0], to_child[1], &link) == XFERFM_OK);
+    CHECK(xferfm_receiver_create(link, destination, XFERFM_RECEIVER_SCREEN_NAMES, 0, &callbacks, &receiver) ==
+          XFERFM_OK);
+    xferfm_link_destroy(link);
+    CHECK(xferfm_receiver_start(receiver) == XFERFM_OK);
+    CHECK(xferfm_receiver_wait(receiver, 60000) == XFERFM_OK);
+    CHECK(xferfm_receiver_summary(receiver, &summary) == XFERFM_OK);
+    xferfm_receiver_destroy(receiver);
+    CHECK(waitpid(child, &status, 0) == child);
+    CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    expect_full_copy("dest-stdio", &summary, &seen);
+}
+
 int main(void)
 {
     char command[600];
@@ -281,11 +368,13 @@ int main(void)
     make_file("src/sub/b.txt", "beta beta");
     make_file("src/sub/empty", "");
 
+    a_child_sends_over_its_standard_streams();
     version_and_texts_are_fixed();
     null_arguments_are_refused_with_a_code_and_a_text();
     an_in_process_pair_copies_a_tree();
     host_supplied_links_carry_a_copy();
     a_tcp_connection_carries_a_copy();
+    two_pipes_carry_a_copy();
 
     snprintf(command, sizeof command, "rm -rf '%s'", g_root);
     CHECK(system(command) == 0);

@@ -71,6 +71,20 @@ TEST_F(DisconnectTest, SenderKilledMidFileIsReportedAndServeGoesOn)
     EXPECT_EQ(TreeDifference(scratch / "next", dest + "/next", TreeCompare::kBytes), "");
 }
 
+TEST_F(DisconnectTest, ASenderKilledMidFileEndsServeOnceWithTheLinkFailedCode)
+{
+    ServeProcess serve(scratch, dest, {"--once"});
+    ASSERT_TRUE(serve.Listening()) << serve.Process().Describe();
+    ChildProcess sender(ToolPath(), {"send", "--no-progress", "--bandwidth", kSlowBandwidthKbps, serve.Address(), source},
+                        scratch / "send");
+    ASSERT_TRUE(waitUntil([&] { return PartialFileInCache(dest, "big.bin"); }, 30s)) << sender.Describe();
+
+    sender.Signal(SIGKILL);
+    ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
+    EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kLinkFailed)) << serve.Process().Describe();
+    EXPECT_FALSE(fs::exists(dest + "/src/big.bin"));
+}
+
 TEST_F(DisconnectTest, ReceiverKilledMidFileFailsTheSenderClearly)
 {
     ServeProcess serve(scratch, dest, {"--once"});

@@ -1,6 +1,7 @@
 /* The C interface of the host kit: copy files and directories between a
  * sending and a receiving endpoint, over a link the kit provides (in-process,
- * TCP) or over one the host provides (any byte channel it already has).
+ * TCP, two descriptors such as pipes, the process's standard input/output)
+ * or over one the host provides (any byte channel it already has).
  * Plain C99; usable from any language that can call C (ctypes, JNI, FFI).
  *
  * USAGE
@@ -136,6 +137,30 @@ int xferfm_listener_port(const xferfm_listener* listener, uint16_t* port);
  * came. One thread at a time may accept on a listener. */
 int xferfm_listener_accept(xferfm_listener* listener, uint32_t timeout_ms, xferfm_link** out);
 void xferfm_listener_destroy(xferfm_listener* listener);
+
+/* A link over two descriptors the host already has: frames are read from
+ * `read_fd` and written to `write_fd` (two pipe ends, a socketpair's two
+ * duplicates; a connected socket may be given as both, it is then closed
+ * once), with the same keepalives, silence limit and backpressure as over
+ * TCP. The link takes both descriptors in every case: the kit closes them
+ * when the link ends, or before returning when the call fails. Ending the
+ * link closes the write end (a pipe's reader then sees the end of the
+ * stream; a socket is shut for writing). The write end is put in
+ * non-blocking mode, a flag its duplicates share: give an end no one else
+ * writes to. A peer that stops reading fails the link with a reason; it
+ * never raises SIGPIPE in the process (the kit's writer thread blocks it
+ * for itself). */
+int xferfm_link_fds(int read_fd, int write_fd, xferfm_link** out);
+
+/* A link over the process's own standard input and output, for a program
+ * its peer started through a remote shell: both are duplicated for the
+ * link, then descriptor 1 is pointed at standard error and descriptor 0 at
+ * /dev/null, so nothing the process prints afterwards can corrupt the
+ * frames (printf lands on stderr). Call it once, early, before anything is
+ * printed to stdout and before other threads use standard input or output.
+ * XFERFM_ERR_CLOSED when the descriptors cannot be taken (the process is
+ * then as it was). */
+int xferfm_link_stdio(xferfm_link** out);
 
 /* A link over a byte channel the host already has. The kit hands every
  * outgoing byte to `send` (frames of docs/protocol.md, the hello first);

@@ -1,11 +1,16 @@
 // The link and listener functions of the C interface: in-process pairs,
-// TCP connect and accept, and links over a host's own byte channel.
+// TCP connect and accept, links over descriptors or standard input/output,
+// and links over a host's own byte channel.
+#include <unistd.h>
+
 #include <chrono>
 #include <memory>
 #include <string>
 
 #include "CApiBoundary.h"
 #include "xferfm/host/InProcessTransport.h"
+#include "xferfm/host/StandardStreams.h"
+#include "xferfm/host/StreamTransport.h"
 #include "xferfm/host/TcpListener.h"
 #include "xferfm/host/TcpSocket.h"
 #include "xferfm/host/TcpTransport.h"
@@ -72,6 +77,40 @@ extern "C" int xferfm_link_connect(const char* host_port, uint32_t timeout_ms, x
             return Fail(XFERFM_ERR_NETWORK, error);
         }
         *out = LinkOf(std::make_unique<TcpTransport>(std::move(socket))).release();
+        return XFERFM_OK;
+    });
+}
+
+extern "C" int xferfm_link_fds(int read_fd, int write_fd, xferfm_link** out)
+{
+    // Owned from the first line: closed on every way out but a link made.
+    StreamEnds ends;
+    ends.readEnd.Reset(read_fd);
+    if (write_fd != read_fd) {
+        ends.writeEnd.Reset(write_fd);
+    }
+    ends.peer = "descriptors " + std::to_string(read_fd) + "/" + std::to_string(write_fd);
+    return Guarded("xferfm_link_fds", [&]() -> int {
+        if (out == nullptr || read_fd < 0 || write_fd < 0) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_link_fds: NULL output or a negative descriptor");
+        }
+        *out = LinkOf(std::make_unique<StreamTransport>(std::move(ends))).release();
+        return XFERFM_OK;
+    });
+}
+
+extern "C" int xferfm_link_stdio(xferfm_link** out)
+{
+    return Guarded("xferfm_link_stdio", [&]() -> int {
+        if (out == nullptr) {
+            return Fail(XFERFM_ERR_INVALID_ARGUMENT, "xferfm_link_stdio: NULL output pointer");
+        }
+        StreamEnds ends;
+        std::string error;
+        if (!TakeStandardStreams(ends, error)) {
+            return Fail(XFERFM_ERR_CLOSED, error);
+        }
+        *out = LinkOf(std::make_unique<StreamTransport>(std::move(ends))).release();
         return XFERFM_OK;
     });
 }

@@ -19,6 +19,11 @@ namespace orin::xfer::test {
 struct ChildOptions {
     std::string workingDir;                // empty: the test's own
     std::vector<std::string> environment;  // "NAME=value" entries added to, or replacing, the test's
+    // When set, the child's standard input and output are these descriptors
+    // (pipe ends, say) instead of /dev/null and the ".out" file; the test
+    // keeps its own copies and closes them.
+    int standardInput = -1;
+    int standardOutput = -1;
 };
 
 class ChildProcess {

@@ -62,10 +62,10 @@ std::string usageLine(const std::string& command)
         return "xferfm demo [OPTIONS]";
     }
     if (command == "serve") {
-        return "xferfm serve [OPTIONS] DEST_DIR";
+        return "xferfm serve [OPTIONS] DEST_DIR   (or: xferfm serve --stdio [OPTIONS] DEST_DIR)";
     }
     if (command == "send") {
-        return "xferfm send [OPTIONS] HOST[:PORT] SOURCE...";
+        return "xferfm send [OPTIONS] HOST[:PORT] SOURCE...   (or: xferfm send --stdio [OPTIONS] SOURCE...)";
     }
     return "xferfm COMMAND [OPTIONS] ARGS...   (COMMAND: copy, demo, serve, send)";
 }
@@ -210,13 +210,20 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
 {
     CLI::App* serve = app.add_subcommand(
         "serve", "Receive copies from `xferfm send` into DEST_DIR, one sender at a time, until stopped.");
-    serve->add_option("--listen", options.listen, "Address to listen on; port 0 picks a free one (printed at start)")
-        ->type_name("HOST:PORT")
-        ->check(hostPortValidator())
-        ->capture_default_str();
+    CLI::Option* listen =
+        serve->add_option("--listen", options.listen, "Address to listen on; port 0 picks a free one (printed at start)")
+            ->type_name("HOST:PORT")
+            ->check(hostPortValidator())
+            ->capture_default_str();
     serve->add_flag("--once", options.once, "Exit after one session (its result is the exit code)");
-    serve->add_option("--port-file", options.portFile, "Write the port actually bound to this file once listening")
-        ->type_name("PATH");
+    CLI::Option* portFile =
+        serve->add_option("--port-file", options.portFile, "Write the port actually bound to this file once listening")
+            ->type_name("PATH");
+    serve->add_flag("--stdio", options.stdio,
+                    "Serve one session over standard input and output instead of listening (implies --once; "
+                    "every message goes to stderr). Used by copy over SSH; you rarely run it yourself")
+        ->excludes(listen)
+        ->excludes(portFile);
     serve->add_flag("-p,--preserve-perms", options.preservePermissions,
                     "Land files and directories with the exact permission bits the sender lists (default: under "
                     "this process's umask, as scp and rsync without -p do)");
@@ -246,23 +253,26 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
         "send", "Send SOURCE files and directories to an `xferfm serve` at HOST:PORT, which pastes them into its "
                 "DEST_DIR.");
     addTransferOptions(*send, options, "Have the receiver compare the SHA-256 of every copy with its source's");
+    // Both positionals are checked after parsing: with --stdio there is no HOST:PORT.
     send->add_option("HOST:PORT", options.address,
                      "Address of the receiving `xferfm serve`; the port defaults to " +
-                         std::to_string(kDefaultServePort) + ", serve's default")
-        ->required()
-        ->transform(hostDefaultPortTransform());
+                         std::to_string(kDefaultServePort) + ", serve's default");
     send->add_option("--progress-timeout", options.progressTimeoutSeconds,
                      "End the send (exit code 12) when the receiver moves nothing on for this long")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.1, 86400.0))
         ->capture_default_str();
+    send->add_flag("--stdio", options.stdio,
+                   "Send over standard input and output, to an `xferfm serve --stdio` at their other end, instead "
+                   "of to HOST:PORT (every message goes to stderr). Used by copy over SSH; you rarely run it "
+                   "yourself");
     addRunModeOptions(*send, options, "send");
     addSelectionOptions(*send, options, "send");
     addOutputOptions(*send, options, "sent",
                      "the receiver's address, files, directories, bytes, seconds, skipped entries with reasons, "
                      "excluded count, entries the receiver refused with reasons, the --verify result and the exit "
                      "code");
-    send->add_option("SOURCE", options.sources, "Files and directories to send")->required();
+    send->add_option("SOURCE", options.sources, "Files and directories to send");
     send->footer(std::string("Entries that cannot be copied (a device, FIFO or socket, a broken link, an unreadable "
                              "entry, a name holding a backslash) are all found before anything is sent, named on "
                              "stderr with their reason and skipped; the rest is sent and the exit code is 11 "
@@ -270,6 +280,28 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
                              "(a line on stderr names it and the rule); the rest is, and the exit code is 7.\n\n") +
                  exitCodeHelp());
     return send;
+}
+
+// Without --stdio the first argument is HOST[:PORT]; with it, every one is a SOURCE.
+void settleSendArguments(SendOptions& options)
+{
+    if (options.stdio) {
+        if (!options.address.empty()) {
+            options.sources.insert(options.sources.begin(), options.address);
+            options.address.clear();
+        }
+    } else {
+        if (options.address.empty()) {
+            throw CLI::RequiredError("HOST:PORT");
+        }
+        const std::string error = hostDefaultPortTransform()(options.address);
+        if (!error.empty()) {
+            throw CLI::ValidationError("HOST:PORT", error);
+        }
+    }
+    if (options.sources.empty()) {
+        throw CLI::RequiredError("SOURCE");
+    }
 }
 
 }  // namespace
@@ -293,6 +325,9 @@ ParsedCommandLine parseCommandLine(int argc, char** argv)
 
     try {
         app.parse(argc, argv);
+        if (send->parsed()) {
+            settleSendArguments(parsed.send);
+        }
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {  // --help, --version
             parsed.exitCode = app.exit(error);

@@ -65,12 +65,14 @@ struct CopyOptions : TransferOptions, LandingOptions, SelectionOptions, OutputOp
 struct ServeOptions : CommonOptions, LandingOptions, OutputOptions {
     std::string listen = std::string(kDefaultListenHost) + ":" + std::to_string(kDefaultServePort);
     bool once = false;
+    bool stdio = false;  // serve one session over standard input/output instead of listening
     std::string portFile;  // when set, the bound port is written there once listening
     std::string destinationDir;
 };
 
 struct SendOptions : TransferOptions, SelectionOptions, OutputOptions {
-    std::string address;  // HOST:PORT of a serving receiver
+    std::string address;  // HOST:PORT of a serving receiver ("" with stdio)
+    bool stdio = false;   // the receiver is at the other end of standard input/output
     double progressTimeoutSeconds = 60;  // a receiver that moves nothing on this long ends the send
     std::vector<std::string> sources;
 };

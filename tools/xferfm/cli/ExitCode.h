@@ -14,9 +14,10 @@ enum class ExitCode : int {
     kDestinationUnusable = 5,   // DEST_DIR missing, not a directory, not writable, or a write into it failed
     kVerifyMismatch = 6,        // --verify found a destination that differs from its source
     kNamesRefused = 7,          // serve/send: the receiver refused some names; every other entry arrived
-    kLinkFailed = 8,            // send: the connection could not be made or was lost; serve --once: lost mid-session
+    kLinkFailed = 8,            // send: the connection could not be made or was lost; serve --once/--stdio:
+                                // the sender's end of the link ended or broke before the session was over
     kPeerBusy = 9,              // send: the receiver is serving another sender
-    kCancelledByPeer = 10,      // send: the receiver cancelled the copy; serve --once: the sender did
+    kCancelledByPeer = 10,      // send: the receiver cancelled the copy; serve --once/--stdio: the sender did
     kEntriesSkipped = 11,       // some source entries cannot be copied and were skipped; the rest arrived
     kReceiverStalled = 12,      // send: the receiver moved nothing on for the progress time-out
     kInterrupted = 130,         // SIGINT or SIGTERM
@@ -37,10 +38,10 @@ inline const char* exitCodeHelp()
            "       (the system's reason is named, e.g. \"No space left on device\")\n"
            "  6    --verify found a file whose copy differs from its source\n"
            "  7    serve/send: the receiver refused some names (named on stderr); every other entry arrived\n"
-           "  8    send: the connection could not be made, or was lost;\n"
-           "       serve --once: the link to the sender was lost mid-session\n"
+           "  8    send: the connection could not be made, or was lost; serve --once/--stdio:\n"
+           "       the sender's end of the link ended or broke before the session was over\n"
            "  9    send: the receiver is busy with another sender\n"
-           "  10   send: the receiver cancelled the copy; serve --once: the sender cancelled it\n"
+           "  10   send: the receiver cancelled the copy; serve --once/--stdio: the sender cancelled it\n"
            "  11   some source entries cannot be copied (named on stderr with the reason) and were\n"
            "       skipped; every other entry arrived\n"
            "  12   send: the receiver moved nothing on for --progress-timeout\n"

@@ -20,6 +20,7 @@
 #include "xferfm/host/NetworkSender.h"
 #include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/Sha256.h"
+#include "xferfm/host/StandardStreams.h"
 #include "xferfm/host/TransferObserver.h"
 
 namespace xferfm::cli {
@@ -152,10 +153,16 @@ host::FileDigests hashSources(const SourcePlan& plan)
 
 int runSend(const SendOptions& options, ToolContext& context)
 {
+    // With --stdio, standard output carries frames only: it is taken
+    // before anything can be printed, and every line goes to stderr.
+    std::string error;
+    host::StreamEnds stream;
+    if (options.stdio && !host::TakeStandardStreams(stream, error)) {
+        throw ToolError(ExitCode::kLinkFailed, error);
+    }
     // Every entry that cannot be copied is found and named before anything
     // is sent, as `copy` does; the sender offers what is left.
     SendOutcome outcome;
-    outcome.address = options.address;
     outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip,
                                options.excludes);
     const SourcePlan& plan = outcome.plan;
@@ -169,10 +176,11 @@ int runSend(const SendOptions& options, ToolContext& context)
     }
 
     host::NetworkSenderOptions senderOptions;
-    std::string error;
-    if (!host::ParseHostPort(options.address, senderOptions.address, error)) {
+    if (!options.stdio && !host::ParseHostPort(options.address, senderOptions.address, error)) {
         throw ToolError(ExitCode::kUsage, error);
     }
+    const std::string receiverName = options.stdio ? stream.peer : options.address;
+    outcome.address = receiverName;
     ProgressTracker tracker;
     tracker.start(plan.totalBytes, plan.fileCount);
     ProgressRenderer renderer(tracker, context.console,
@@ -199,7 +207,9 @@ int runSend(const SendOptions& options, ToolContext& context)
     host::SentSession result;
     {
         host::NetworkSender sender(senderOptions);
-        if (!sender.Connect(error)) {
+        if (options.stdio) {
+            sender.Attach(std::move(stream));
+        } else if (!sender.Connect(error)) {
             throw ToolError(ExitCode::kLinkFailed, error);
         }
         started = Clock::now();

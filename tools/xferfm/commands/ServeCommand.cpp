@@ -17,6 +17,7 @@
 #include "xferfm/host/TreeRemoval.h"
 #include "xferfm/host/NetworkReceiver.h"
 #include "xferfm/host/RemoteNameGuard.h"
+#include "xferfm/host/StandardStreams.h"
 #include "xferfm/host/TcpListener.h"
 
 namespace xferfm::cli {
@@ -124,10 +125,54 @@ private:
     int mExitCode = toInt(ExitCode::kInterrupted);
 };
 
+// Runs `receive` with the receiver's stop and emergency clean-up hooked to
+// the signals.
+template <typename Receive>
+void receiveUntilStopped(host::NetworkReceiver& receiver, ToolContext& context, Receive receive)
+{
+    ScopedSignalHooks hooks(
+        context.signals, [&receiver] { receiver.Stop(); },
+        [&receiver] {
+            const std::string cache = receiver.ActiveCacheDirectory();
+            if (!cache.empty()) {
+                orin::xfer::host::RemoveTree(cache);
+            }
+        });
+    if (context.signals.interrupted()) {  // Ctrl-C came before the hook was in place
+        receiver.Stop();
+    }
+    receive();
+}
+
+// One session over standard input/output. Standard output carries frames
+// only: it is taken before anything is printed, and every line of ours
+// goes to stderr from then on.
+int serveOverStandardStreams(const ServeOptions& options, ToolContext& context)
+{
+    host::StreamEnds stream;
+    std::string error;
+    if (!host::TakeStandardStreams(stream, error)) {
+        throw ToolError(ExitCode::kLinkFailed, error);
+    }
+    const std::string destination =
+        usableDestinationDir(options.destinationDir, DestinationNeed::kWritableDirectory, "cannot receive into");
+    std::cerr << "xferfm serve: receiving into " << destination << " over standard input/output" << std::endl;
+    host::NetworkReceiverOptions receiverOptions;
+    receiverOptions.destinationDir = destination;
+    receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
+    ServePrinter printer(context, options, destination, receiverOptions.listTimeout);
+    host::NetworkReceiver receiver(receiverOptions, printer);
+    receiveUntilStopped(receiver, context, [&] { receiver.RunOne(std::move(stream)); });
+    return printer.lastExitCode();
+}
+
 }  // namespace
 
 int runServe(const ServeOptions& options, ToolContext& context)
 {
+    if (options.stdio) {
+        return serveOverStandardStreams(options, context);
+    }
     const std::string destination = usableDestinationDir(options.destinationDir, DestinationNeed::kWritableDirectory, "cannot receive into");
     host::HostPort address;
     std::string error;
@@ -154,18 +199,7 @@ int runServe(const ServeOptions& options, ToolContext& context)
     receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
     ServePrinter printer(context, options, destination, receiverOptions.listTimeout);
     host::NetworkReceiver receiver(listener, receiverOptions, printer);
-    ScopedSignalHooks hooks(
-        context.signals, [&receiver] { receiver.Stop(); },
-        [&receiver] {
-            const std::string cache = receiver.ActiveCacheDirectory();
-            if (!cache.empty()) {
-                orin::xfer::host::RemoveTree(cache);
-            }
-        });
-    if (context.signals.interrupted()) {  // Ctrl-C came before the hook was in place
-        receiver.Stop();
-    }
-    receiver.Run();
+    receiveUntilStopped(receiver, context, [&receiver] { receiver.Run(); });
     if (options.once) {
         return printer.lastExitCode();
     }

@@ -39,11 +39,11 @@ _xferfm()
             options="--help --bandwidth --window --verify --log-level --no-progress -p --preserve-perms
                      --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
         send)
-            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout
+            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout --stdio
                      --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
         serve)
-            options="--help --listen --once --port-file --log-level -p --preserve-perms -q --quiet -v --verbose
-                     --json" ;;
+            options="--help --listen --once --port-file --stdio --log-level -p --preserve-perms -q --quiet -v
+                     --verbose --json" ;;
         demo)
             options="--help --log-level --no-progress" ;;
     esac

@@ -5,8 +5,14 @@
 // Usage: make a TcpListener, construct a NetworkReceiver on it with
 // options and an observer, call Run; Stop (from a signal hook, say) ends
 // it. Each session gets one ReceivedSession through OnSessionEnded.
+// Over a stream that is already open (the standard input and output of a
+// process a sender started through a remote shell, say): construct without
+// a listener and call RunOne with the stream's ends; it serves exactly that
+// one session, with the same guards, and the stream's label names the
+// sender wherever "HOST:PORT" would.
 //
-// What a session gets, innermost first: TcpTransport (frames, liveness) ->
+// What a session gets, innermost first: TcpTransport or StreamTransport
+// (frames, liveness) ->
 // RemoteNameGuardTransport (every name checked before the endpoint sees
 // it; refused entries are named and left out) -> a digest check (when the
 // sender's list carries digests, every landed file is hashed and the
@@ -22,6 +28,9 @@
 // 1. Run blocks the calling thread until Stop is called or `maxSessions`
 //    sessions have ended; call it once. Each session's endpoint and link
 //    run their own threads and are gone before the next session starts.
+//    RunOne blocks until its one session has ended and is torn down; call
+//    it once, instead of Run (a receiver made without a listener has only
+//    RunOne; its Run returns at once).
 // 2. Stop and ActiveCacheDirectory may be called from any thread (a signal
 //    hook, say), also before Run or after it returned. Stop cancels the
 //    session in progress (its outcome: kCancelled); senders still waiting
@@ -34,12 +43,16 @@
 //    one at a time and before its OnSessionEnded; OnTurnedAway from the thread that watches the
 //    waiting senders. They must be quick; they may call Stop, never Run.
 // 4. Lifetime: the listener and the observer must outlive the receiver;
-//    destroy the receiver only after Run has returned.
+//    destroy the receiver only after Run (or RunOne) has returned. RunOne
+//    owns the stream's descriptors from the call on and closes them before
+//    it returns.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -48,6 +61,7 @@
 
 #include "xferfm/host/FileList.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
+#include "xferfm/host/StreamTransport.h"
 #include "xferfm/host/TcpListener.h"
 #include "xferfm/host/TransferObserver.h"
 #include "xferfm/host/TransportMessages.h"
@@ -88,13 +102,14 @@ struct ReceivedSession {
         kVerifyFailed,       // everything arrived, but copies differ from their sources
         kCancelled,          // Stop was called during the session
         kCancelledBySender,  // the sender cancelled the copy (its user pressed Ctrl-C, say)
-        kLinkLost,           // the link broke before either end said goodbye: `failure` says how
         kListTimeout,        // the sender offered no list within listTimeout
         kStalled,            // no file data moved for progressTimeout after the list
+        kLinkLost,           // the sender ended or broke the link before the session was over, without a goodbye
+                             // (its process exited, say): `failure` says what was cut
         kFailed,             // anything else: `failure` says why
     };
     unsigned number = 0;  // 1 for the first session of Run
-    std::string peer;     // "HOST:PORT" of the sender
+    std::string peer;     // "HOST:PORT" of the sender, or the label of the stream
     Outcome outcome = Outcome::kFailed;
     std::string failure;  // kFailed: the reason (the sender's words included: escape before printing)
     TransferSummary summary;
@@ -139,17 +154,26 @@ public:
 class NetworkReceiver final {
 public:
     NetworkReceiver(TcpListener& listener, NetworkReceiverOptions options, NetworkReceiverObserver& observer);
+    // For RunOne only.
+    NetworkReceiver(NetworkReceiverOptions options, NetworkReceiverObserver& observer);
     NetworkReceiver(const NetworkReceiver&) = delete;
     NetworkReceiver& operator=(const NetworkReceiver&) = delete;
 
     void Run();
+    // Serves the one session that comes over `stream`; its outcome is also
+    // given to OnSessionEnded. `maxSessions` and `waitingPatience` play no
+    // part: no one else can arrive on the stream.
+    ReceivedSession RunOne(StreamEnds stream);
     void Stop();
     // The private cache directory of the session in progress ("" when
     // none), for a host's emergency exit.
     std::string ActiveCacheDirectory() const;
 
 private:
-    TcpListener& mListener;
+    ReceivedSession Serve(unsigned number, std::unique_ptr<ITransport> link, std::string peer,
+                          std::function<bool()> senderWentAway);
+
+    TcpListener* const mListener;  // null: RunOne only
     const NetworkReceiverOptions mOptions;
     NetworkReceiverObserver& mObserver;
     std::atomic<bool> mStopRequested{false};

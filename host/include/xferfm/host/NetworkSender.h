@@ -1,13 +1,17 @@
-// Sends a copy over TCP to a NetworkReceiver: the sending side of a
-// network copy, for any host.
+// Sends a copy over TCP, or over a stream that is already open, to a
+// NetworkReceiver: the sending side of a network copy, for any host.
 //
-// Usage: construct with options, Connect, Offer the sources, then
-// WaitFinished until it returns true and read Result. With digests in the
+// Usage: construct with options, Connect (or Attach to an open stream:
+// the standard input and output of a receiver started through a remote
+// shell, say; `address` is then unused and the stream's label names the
+// receiver in messages), Offer the sources, then WaitFinished until it
+// returns true and read Result. With digests in the
 // options (Sha256OfFile of every file, by the name the receiver knows it
 // by) the copy is verified: the digests travel in the file list, the
 // receiver hashes what landed and its verdict comes back typed in Result.
 //
-// The link, innermost first: TcpTransport (frames, liveness) -> a check
+// The link, innermost first: TcpTransport or StreamTransport (frames,
+// liveness) -> a check
 // of the list request's protocol version -> a progress watch -> a digest offer (adds the digests, reads the verdict,
 // notes a link lost before the receiver's goodbye) -> SenderEndpoint.
 //
@@ -21,13 +25,15 @@
 //
 // The session is a state machine, each change logged with its reason:
 //   kIdle -> kConnecting -> kConnected -> kSending -> kEnded
+//   kIdle -> kConnected (Attach)
 //   kSending -> kCancelling (Cancel, no progress) -> kEnded
 //   kConnecting / kConnected -> kEnded (no connection; nothing to offer)
 //
 // THREADING CONTRACT
-// 1. Connect and Offer are called once each, in that order, by one host
-//    thread, Offer only after Connect returned true; Connect blocks up to
-//    `connectTimeout`, Offer while the sources are listed. WaitFinished
+// 1. Connect (or Attach) and Offer are called once each, in that order, by
+//    one host thread, Offer only after Connect returned true or Attach
+//    returned; Connect blocks up to `connectTimeout`, Attach never, Offer
+//    while the sources are listed. WaitFinished
 //    blocks up to its timeout; the progress limit is checked while it
 //    runs, so a host calls it until it returns true.
 // 2. Cancel, Finished, WaitFinished and Result may be called from any
@@ -36,7 +42,8 @@
 // 3. The endpoint observer in `endpoint.observer` is called as
 //    SenderEndpoint calls it (TransferObserver.h); it must outlive the
 //    NetworkSender.
-// 4. The destructor cancels a session still running and waits until the
+// 4. Attach takes ownership of the stream's descriptors; they close when
+//    the link is torn down. The destructor cancels a session still running and waits until the
 //    endpoint and the link are torn down. Never destroy a NetworkSender
 //    from its observer's callbacks.
 #pragma once
@@ -53,6 +60,7 @@
 
 #include "xferfm/host/FileListDigests.h"
 #include "xferfm/host/SenderEndpoint.h"
+#include "xferfm/host/StreamTransport.h"
 #include "xferfm/host/TcpSocket.h"
 #include "xferfm/host/TransportMessages.h"
 
@@ -110,6 +118,8 @@ public:
 
     // False with `error` set when the receiver cannot be reached.
     bool Connect(std::string& error);
+    // Instead of Connect: the receiver is at the other end of `stream`.
+    void Attach(StreamEnds stream);
     OfferResult Offer(const std::vector<std::string>& sources, std::string& error);
     // The same for a plan the host has already made (and shown): the
     // sources are not walked again.
@@ -131,7 +141,8 @@ private:
     void CheckProgress(SenderEndpoint& endpoint);
 
     const NetworkSenderOptions mOptions;
-    TcpSocket mConnection;  // until Offer hands it to the link
+    std::string mPeer;                  // "HOST:PORT", or the stream's label once attached
+    std::unique_ptr<ITransport> mLink;  // made by Connect or Attach, until Offer stacks the session on it
     mutable std::mutex mMutex;  // guards the members below
     std::unique_ptr<SenderEndpoint> mEndpoint;  // set by Offer, then fixed until destruction
     State mState = State::kIdle;

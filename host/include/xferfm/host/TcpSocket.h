@@ -2,45 +2,20 @@
 // ends share: "HOST:PORT" parsing (IPv4, host names, "[IPv6]:PORT"),
 // connecting with a timeout, and printing the address of a peer.
 //
-// THREADING CONTRACT: a TcpSocket is a move-only owner with no locking; the
-// free functions are safe from any thread.
+// THREADING CONTRACT: a TcpSocket is a move-only owner with no locking
+// (OwnedFd.h); the free functions are safe from any thread.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <string>
 
+#include "xferfm/host/OwnedFd.h"
+
 namespace orin::xfer::host {
 
-class TcpSocket {
-public:
-    TcpSocket() = default;
-    explicit TcpSocket(int fd) : mFd(fd) {}
-    ~TcpSocket() { Reset(); }
-    TcpSocket(TcpSocket&& other) noexcept : mFd(other.Release()) {}
-    TcpSocket& operator=(TcpSocket&& other) noexcept
-    {
-        if (this != &other) {
-            Reset(other.Release());
-        }
-        return *this;
-    }
-    TcpSocket(const TcpSocket&) = delete;
-    TcpSocket& operator=(const TcpSocket&) = delete;
-
-    int Fd() const { return mFd; }
-    bool Valid() const { return mFd >= 0; }
-    int Release()
-    {
-        const int fd = mFd;
-        mFd = -1;
-        return fd;
-    }
-    void Reset(int fd = -1);
-
-private:
-    int mFd = -1;
-};
+// A TCP socket is an owned descriptor like any other.
+using TcpSocket = OwnedFd;
 
 struct HostPort {
     std::string host;

@@ -1,41 +1,13 @@
 // One end of a transport link over a connected TCP socket, speaking the
 // frame format of FrameCodec.h (docs/protocol.md).
 //
-// Plain POSIX sockets with blocking I/O: a reader thread (the delivery
-// thread) decodes frames and hands each message to the handler, a writer
-// thread drains an ordered outgoing queue. Both ends send a hello first, a
-// keepalive frame whenever they have sent nothing for `keepaliveInterval`,
-// and close the link when nothing at all has arrived for `silenceTimeout`
-// (a hung peer or a dead network). A process that dies is noticed at once:
-// its kernel closes the socket.
+// Everything but the socket itself is StreamTransport's (StreamTransport.h):
+// framing, the reader and writer threads, hello and keepalives, the silence
+// timeout, backpressure and the bound on unread replies, the close and its
+// flush. This class tunes the socket (buffers, TCP_NODELAY), names the peer
+// "HOST:PORT" and hands the socket over as a stream carrying both ways.
 //
-// Backpressure: a data message (FileData) waits in Send while
-// `maxQueuedDataBytes` or more of data are queued and not yet written to
-// the socket (a single larger message still goes when no data is queued);
-// the writer itself blocks in the socket's bounded send buffer, so a slow
-// peer slows its sender down. Control messages are queued at once and never
-// wait, and keep their place in the order; a peer that lets more than
-// `maxQueuedControlBytes` of them pile up unread has the link closed (it
-// does not read what it is sent; a single larger one, a big file list,
-// still goes when none are queued), and one that reads nothing at all for
-// `silenceTimeout` likewise, whatever it sends meanwhile.
-//
-// Errors: a frame the decoder rejects, a stream cut inside a frame, a reset
-// or a silent peer closes the link; the handler hears OnTransportClosed with
-// the reason, and the peer, where possible, a Disconnect naming it.
-//
-// THREADING CONTRACT: as ITransport (Transport.h):
-// - messages and the one OnTransportClosed are delivered on the reader
-//   thread, in arrival order, never on a Send caller's thread;
-// - Send from any thread; false once either end has closed;
-// - Close from any thread, also from inside the handler; idempotent. From
-//   another thread it returns once the handler is no longer running.
-//   Messages queued before Close are still written (for at most
-//   `closeFlushTimeout`), then the peer sees the end of the stream;
-// - destroy from any thread except the delivery thread. The destructor
-//   closes, joins both threads and lets a cleanly closed stream drain
-//   (bounded by `closeFlushTimeout`) so the last frames are not lost to a
-//   reset.
+// THREADING CONTRACT: as StreamTransport (and so as ITransport).
 #pragma once
 
 #include <chrono>
@@ -43,19 +15,15 @@
 #include <memory>
 #include <string>
 
-#include "xferfm/host/FrameCodec.h"
+#include "xferfm/host/StreamTransport.h"
 #include "xferfm/host/TcpSocket.h"
 #include "xferfm/host/Transport.h"
 
 namespace orin::xfer::host {
 
-struct TcpTransportOptions {
-    std::string threadName = "xfer-tcp";  // threads are "<name>-rd" and "<name>-wr", cut to 15 chars
-    uint64_t maxQueuedDataBytes = 1u << 20;
-    uint64_t maxQueuedControlBytes = 1u << 20;
-    std::chrono::milliseconds keepaliveInterval{1000};
-    std::chrono::milliseconds silenceTimeout{10000};
-    std::chrono::milliseconds closeFlushTimeout{2000};
+// The stream's options (threads named "xfer-tcp-rd"/"-wr" by default), and the socket's.
+struct TcpTransportOptions : StreamTransportOptions {
+    TcpTransportOptions() { threadName = "xfer-tcp"; }
     // Asked of the kernel for each direction where its limit (net.core.
     // wmem_max / rmem_max) allows that much; otherwise, and with 0, the
     // kernel's autotuning is left alone, as it grows further than a capped
@@ -67,7 +35,6 @@ struct TcpTransportOptions {
     // the previous one. Measured on loopback (a 400 MB file, 1,500 files of
     // 4 KB): no difference beyond run-to-run noise either way.
     bool noDelay = true;
-    FrameLimits limits;
 };
 
 class TcpTransport final : public ITransport {
@@ -84,6 +51,8 @@ public:
 
     // "HOST:PORT" of the other end, fixed at construction.
     const std::string& PeerAddress() const;
+    // As StreamTransport::PeerWentAway.
+    bool PeerWentAway() const;
 
     // Data bytes queued and not yet written now, and the most ever queued.
     uint64_t QueuedDataBytes() const;
