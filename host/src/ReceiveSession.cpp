@@ -397,6 +397,7 @@ void ReceiveSession::NoteWhatLanded()
     }
     if (!landed.empty()) {
         WriteResumeNote(mOptions.destinationDir, landed);
+        mResult.resumable = true;
     }
 }
 

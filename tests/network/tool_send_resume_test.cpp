@@ -122,7 +122,11 @@ TEST_F(SendResume, AnInterruptedSendContinuesUnderTheSameNamesAndSendsOnlyTheRes
         << first.Describe();
     EXPECT_NE(first.Stderr().find("run the same command again with --resume"), std::string::npos)
         << first.Describe();
-    ASSERT_EQ(serve.WaitForSessions(1, 10s).size(), 1u) << serve.Process().Describe();
+    const auto interrupted = serve.WaitForSessions(1, 10s);
+    ASSERT_EQ(interrupted.size(), 1u) << serve.Process().Describe();
+    EXPECT_NE(interrupted[0].find("the complete files stay, and the same send with --resume continues the copy"),
+              std::string::npos)
+        << interrupted[0];
     EXPECT_FALSE(fs::exists(dest + "/tree(1)/z-big.bin"));
     const timespec keptTime = ModifiedOf(dest + "/tree(1)/b.bin");
 

@@ -107,6 +107,9 @@ std::string sessionLine(const host::ReceivedSession& session, std::chrono::milli
     if (session.outcome != Outcome::kRefused && !session.refused.empty()) {
         line += " (" + std::to_string(session.refused.size()) + " refused entries were not copied either)";
     }
+    if (session.resumable) {
+        line += "; the complete files stay, and the same send with --resume continues the copy";
+    }
     // The line quotes what the sender said: keep its bytes off the terminal.
     return host::PrintableText(line);
 }
@@ -141,6 +144,7 @@ std::string sessionJson(const host::ReceivedSession& session, const std::string&
     document["outcome"] = outcomeName(session.outcome);
     document["dryRun"] = session.offer.dryRun;
     document["alreadyComplete"] = static_cast<Json::UInt64>(session.entriesComplete);
+    document["resumable"] = session.resumable;
     document["failure"] = host::PrintableText(failureOf(session, listTimeout));
     document["files"] = static_cast<Json::UInt64>(session.summary.filesDone);
     document["directories"] = static_cast<Json::UInt64>(session.summary.directoriesDone);

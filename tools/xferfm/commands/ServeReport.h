@@ -41,7 +41,7 @@ std::string sessionPrefix(unsigned number, const std::string& peer);
 std::string sessionLine(const orin::xfer::host::ReceivedSession& session, std::chrono::milliseconds listTimeout);
 
 // The session as one line of JSON (serve --json): {"session", "peer",
-// "destination", "dryRun", "alreadyComplete", "outcome" ("ok", "refused", "verify-failed", "interrupted",
+// "destination", "dryRun", "alreadyComplete", "resumable", "outcome" ("ok", "refused", "verify-failed", "interrupted",
 // "cancelled-by-sender", "link-lost", "list-timeout", "stalled", "failed"),
 // "failure" (the session line's reason, "" when ok), "files",
 // "directories", "bytes", "seconds", "refused": [reason...], "renamed":

@@ -126,6 +126,9 @@ struct ReceivedSession {
     OfferOptions offer;
     std::vector<EntryLanding> landings;
     uint64_t entriesComplete = 0;
+    // The session was cut short after entries landed: the destination's
+    // resume note (ResumeNote.h) names them, and a resumed offer continues.
+    bool resumable = false;
 };
 
 class NetworkReceiverObserver {
