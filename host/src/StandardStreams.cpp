@@ -15,6 +15,12 @@ namespace orin::xfer::host {
 
 bool TakeStandardStreams(StreamEnds& ends, std::string& error)
 {
+    // Frames on a terminal would only garble it (and a terminal's line
+    // discipline would garble the frames).
+    if (::isatty(STDOUT_FILENO) == 1 || ::isatty(STDIN_FILENO) == 1) {
+        error = "standard input or output is a terminal: the link needs pipes or a socket to another program";
+        return false;
+    }
     std::fflush(stdout);
     OwnedFd input(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
     OwnedFd output(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));

@@ -29,8 +29,18 @@ StreamDescriptors::StreamDescriptors(StreamEnds& ends)
       mWriteIsSocket(IsSocket(mWriteFd))
 {
     const int flags = ::fcntl(mWriteFd, F_GETFL);
-    if (flags >= 0) {
-        ::fcntl(mWriteFd, F_SETFL, flags | O_NONBLOCK);
+    if (flags >= 0 && (flags & O_NONBLOCK) == 0 && ::fcntl(mWriteFd, F_SETFL, flags | O_NONBLOCK) == 0) {
+        mWriteFlags = flags;
+    }
+}
+
+StreamDescriptors::~StreamDescriptors() { RestoreWriteFlags(); }
+
+void StreamDescriptors::RestoreWriteFlags()
+{
+    if (mWriteFlags >= 0) {
+        ::fcntl(mWriteFd, F_SETFL, mWriteFlags);
+        mWriteFlags = -1;
     }
 }
 
@@ -64,6 +74,7 @@ void StreamDescriptors::EndWriteSide()
     if (mWriteSideEnded.exchange(true)) {
         return;
     }
+    RestoreWriteFlags();
     if (mWriteIsSocket) {
         ::shutdown(mWriteFd, SHUT_WR);
     } else {

@@ -21,8 +21,13 @@ namespace orin::xfer::host::detail {
 
 class StreamDescriptors {
 public:
-    // Takes both ends and puts the write end in non-blocking mode.
+    // Takes both ends and puts the write end in non-blocking mode until the
+    // write side ends or the object goes (the flag is the open file's,
+    // shared with every duplicate, so it is given back as it was).
     explicit StreamDescriptors(StreamEnds& ends);
+    ~StreamDescriptors();
+    StreamDescriptors(const StreamDescriptors&) = delete;
+    StreamDescriptors& operator=(const StreamDescriptors&) = delete;
 
     int ReadFd() const { return mReadEnd.Fd(); }
     bool WriteIsSocket() const { return mWriteIsSocket; }
@@ -45,10 +50,13 @@ public:
     void DrainUntilPeerCloses(std::chrono::milliseconds limit) const;
 
 private:
+    void RestoreWriteFlags();
+
     OwnedFd mReadEnd;
     OwnedFd mWriteEnd;  // invalid when the read end carries both directions
     int mWriteFd;
     bool mWriteIsSocket;
+    int mWriteFlags = -1;  // as found, while O_NONBLOCK is ours to take back
     std::atomic<bool> mWriteSideEnded{false};
 };
 

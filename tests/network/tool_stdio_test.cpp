@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -141,6 +142,23 @@ TEST(StdioToolTest, AHostileNameFromAHandPlayedStdioSenderIsRefusedAsOverTcp)
     EXPECT_TRUE(waitUntil([&] { return sender.Closed(); })) << "the receiver ends the stream when it is done";
     EXPECT_EQ(NamesIn(dest), std::vector<std::string>{"good.txt"});
     EXPECT_FALSE(fs::exists(scratch / "escape.txt"));
+}
+
+TEST(StdioToolTest, AnOutputThatIsATerminalIsRefusedBeforeAnyFrameIsWritten)
+{
+    TempDir scratch;
+    OwnedFd controller(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(controller.Valid());
+    ASSERT_EQ(::grantpt(controller.Fd()), 0);
+    ASSERT_EQ(::unlockpt(controller.Fd()), 0);
+    OwnedFd terminal(::open(::ptsname(controller.Fd()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(terminal.Valid());
+    ChildOptions io;
+    io.standardOutput = terminal.Fd();
+    ChildProcess serve(ToolPath(), {"serve", "--stdio", scratch.Path()}, scratch / "serve", io);
+    ASSERT_TRUE(serve.WaitExit(10s));
+    EXPECT_EQ(serve.ExitCode(), toInt(cli::ExitCode::kLinkFailed)) << serve.Describe();
+    EXPECT_NE(serve.Stderr().find("is a terminal"), std::string::npos) << serve.Describe();
 }
 
 TEST(StdioToolTest, StdioTakesNoAddressAndRefusesTheListeningOptions)

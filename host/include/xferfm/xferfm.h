@@ -145,9 +145,9 @@ void xferfm_listener_destroy(xferfm_listener* listener);
  * TCP. The link takes both descriptors in every case: the kit closes them
  * when the link ends, or before returning when the call fails. Ending the
  * link closes the write end (a pipe's reader then sees the end of the
- * stream; a socket is shut for writing). The write end is put in
- * non-blocking mode, a flag its duplicates share: give an end no one else
- * writes to. A peer that stops reading fails the link with a reason; it
+ * stream; a socket is shut for writing). The write end is in non-blocking
+ * mode while the link uses it, a flag its duplicates share: give an end no
+ * one else writes to. A peer that stops reading fails the link with a reason; it
  * never raises SIGPIPE in the process (the kit's writer thread blocks it
  * for itself). */
 int xferfm_link_fds(int read_fd, int write_fd, xferfm_link** out);
@@ -158,8 +158,8 @@ int xferfm_link_fds(int read_fd, int write_fd, xferfm_link** out);
  * /dev/null, so nothing the process prints afterwards can corrupt the
  * frames (printf lands on stderr). Call it once, early, before anything is
  * printed to stdout and before other threads use standard input or output.
- * XFERFM_ERR_CLOSED when the descriptors cannot be taken (the process is
- * then as it was). */
+ * XFERFM_ERR_CLOSED when the descriptors cannot be taken, or either is a
+ * terminal (the process is then as it was). */
 int xferfm_link_stdio(xferfm_link** out);
 
 /* A link over a byte channel the host already has. The kit hands every

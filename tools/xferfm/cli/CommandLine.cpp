@@ -264,8 +264,8 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
         ->capture_default_str();
     send->add_flag("--stdio", options.stdio,
                    "Send over standard input and output, to an `xferfm serve --stdio` at their other end, instead "
-                   "of to HOST:PORT (every message goes to stderr). Used by copy over SSH; you rarely run it "
-                   "yourself");
+                   "of to HOST:PORT: every argument is then a SOURCE, and every message goes to stderr. Used by "
+                   "copy over SSH; you rarely run it yourself");
     addRunModeOptions(*send, options, "send");
     addSelectionOptions(*send, options, "send");
     addOutputOptions(*send, options, "sent",

@@ -29,7 +29,9 @@ namespace orin::xfer::host {
 constexpr const char* kStandardStreamsLabel = "standard input/output";
 
 // False with `error` set, and the process's descriptors as they were, when
-// a descriptor cannot be duplicated or /dev/null cannot be opened.
+// standard input or output is a terminal (frames are for a program, and a
+// terminal would garble them), a descriptor cannot be duplicated or
+// /dev/null cannot be opened.
 bool TakeStandardStreams(StreamEnds& ends, std::string& error);
 
 }  // namespace orin::xfer::host

@@ -33,9 +33,10 @@
 // Descriptors:
 // 1. The transport owns both ends and closes them when destroyed.
 // 2. The write end is switched to non-blocking mode (the writer waits in
-//    poll so that it can give up on a peer that takes nothing). That flag
-//    belongs to the open file, so it is shared with every duplicate of the
-//    descriptor: hand over an end no one else writes to.
+//    poll so that it can give up on a peer that takes nothing), and back
+//    when the write side ends or the transport goes. That flag belongs to
+//    the open file, so it is shared with every duplicate of the descriptor
+//    meanwhile: hand over an end no one else writes to.
 // 3. A write to a pipe whose reader has gone raises SIGPIPE, which would
 //    kill the process. The writer thread blocks SIGPIPE for itself (the
 //    signal is directed at the thread that wrote), so the write fails with
