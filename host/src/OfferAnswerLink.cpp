@@ -13,6 +13,7 @@
 #include "HostLog.h"
 #include "xferfm/host/FileList.h"
 #include "xferfm/host/LandingNames.h"
+#include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/ResumeNote.h"
 
 namespace orin::xfer::host {
@@ -113,8 +114,25 @@ void OfferAnswerLink::AnswerList(FileListMessage& list)
             topLevel.push_back({entry.fileName, entry.isDirectory});
         }
     }
-    const std::map<std::string, std::string> resumeNames =
-        options.resume ? ChooseResumeNames(mDestination, topLevel) : std::map<std::string, std::string>{};
+    std::map<std::string, std::string> resumeNames =
+        options.resume ? ChooseResumeNames(mDestination, topLevel, true) : std::map<std::string, std::string>{};
+    // The guard checked each name's parents where it would land fresh; a
+    // resumed entry lands elsewhere, so its parents there are checked too
+    // (no symbolic link among them), or it does not resume.
+    for (const FileListEntry& entry : parsed.entries) {
+        const std::string name = entry.RequestName();
+        const auto top = resumeNames.find(name.substr(0, name.find('/')));
+        if (top == resumeNames.end()) {
+            continue;
+        }
+        const size_t slash = name.find('/');
+        const std::string there = top->second + (slash == std::string::npos ? "" : name.substr(slash));
+        std::string refusal;
+        if (!CheckDestinationParents(mDestination, there, refusal)) {
+            HOST_LOG_W << "not resuming '" << top->first << "': " << refusal;
+            resumeNames.erase(top);
+        }
+    }
 
     std::vector<TopLevelEntry> fresh;
     for (const TopLevelEntry& entry : topLevel) {

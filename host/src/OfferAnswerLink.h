@@ -4,7 +4,9 @@
 // resume, it answers the list before the endpoint sees it:
 // - an EntryLanding for each top-level entry: the name it lands under, by
 //   the engine's duplicate-name rule (PredictLandingNames) or, resuming,
-//   the name the interrupted copy gave it (ResumeNote.h);
+//   the name the interrupted copy gave it, as the destination's note says
+//   (ResumeNote.h; never a name the note does not give, and never through a
+//   symbolic link);
 // - resuming, an EntryComplete for each file already there with the
 //   listed size and modification time; such files are taken out of the
 //   list the endpoint gets (requests are mapped back to the list as

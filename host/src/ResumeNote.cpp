@@ -51,13 +51,15 @@ void WriteResumeNote(const std::string& destinationDir, const std::map<std::stri
 void RemoveResumeNote(const std::string& destinationDir) { ::unlink(NotePath(destinationDir).c_str()); }
 
 std::map<std::string, std::string> ChooseResumeNames(const std::string& destinationDir,
-                                                     const std::vector<TopLevelEntry>& entries)
+                                                     const std::vector<TopLevelEntry>& entries, bool noteOnly)
 {
     const std::map<std::string, std::string> note = ReadResumeNote(destinationDir);
     std::map<std::string, std::string> names;
     for (const TopLevelEntry& entry : entries) {
         const auto noted = note.find(entry.name);
-        const std::string candidate = noted != note.end() ? noted->second : note.empty() ? entry.name : "";
+        const std::string candidate = noted != note.end()            ? noted->second
+                                      : note.empty() && !noteOnly ? entry.name
+                                                                  : "";
         struct stat status {};
         if (candidate.empty() || ::lstat((destinationDir + "/" + candidate).c_str(), &status) != 0) {
             continue;

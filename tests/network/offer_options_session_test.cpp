@@ -99,5 +99,22 @@ TEST(OfferOptionsSessionTest, AResumedOfferContinuesUnderTheNotedNameAndKeepsCom
     EXPECT_EQ(NamesIn(scratch / "dest"), (std::vector<std::string>{"tree", "tree(1)"})) << "the note is gone";
 }
 
+TEST(OfferOptionsSessionTest, AResumeWithoutTheReceiversNoteAdoptsNoExistingDirectory)
+{
+    TempDir scratch;
+    WriteText(scratch / "src/tree/a.txt", "alpha");
+    WriteText(scratch / "dest/tree/a.txt", "the receiver's own, not to be replaced");
+    LoopbackReceiver receiver(scratch / "dest");
+
+    const SentSession sent = OfferWith(receiver.Address(), {scratch / "src/tree"}, OfferOptions{false, true});
+
+    EXPECT_EQ(sent.outcome, SentSession::Outcome::kCompleted) << sent.failure << sent.summary.error;
+    ASSERT_EQ(sent.landings.size(), 1u);
+    EXPECT_EQ(sent.landings[0], (EntryLanding{"tree", "tree(1)", false}));
+    const std::string own = "the receiver's own, not to be replaced";
+    EXPECT_EQ(ReadBytes(scratch / "dest/tree/a.txt"), std::vector<uint8_t>(own.begin(), own.end()));
+    EXPECT_EQ(TreeDifference(scratch / "src/tree", scratch / "dest/tree(1)", TreeCompare::kBytes), "");
+}
+
 }  // namespace
 }  // namespace orin::xfer::test

@@ -32,9 +32,14 @@ std::map<std::string, std::string> ReadResumeNote(const std::string& destination
 void WriteResumeNote(const std::string& destinationDir, const std::map<std::string, std::string>& landed);
 void RemoveResumeNote(const std::string& destinationDir);
 
-// Which of `entries` continue under which existing name.
+// Which of `entries` continue under which existing name. Without a note,
+// an entry continues under its own name when that exists as the same kind,
+// unless `noteOnly`: a receiver that serves the network continues only what
+// its own note names, so a sender cannot adopt (and replace files in) a
+// directory it never landed.
 std::map<std::string, std::string> ChooseResumeNames(const std::string& destinationDir,
-                                                     const std::vector<TopLevelEntry>& entries);
+                                                     const std::vector<TopLevelEntry>& entries,
+                                                     bool noteOnly = false);
 
 // Where the entry at `relativePath` ("top/sub/name") is in the destination
 // when it continues; "" when its top-level entry does not continue.
