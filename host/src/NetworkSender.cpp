@@ -26,8 +26,9 @@ constexpr const char* kLinkThreadName = "xfer-send";
 }  // namespace
 
 // Between the endpoint and the host's observer: an entry the receiver had
-// complete, or in a dry run one it only passed over, is not news for the
-// host; every other call goes through.
+// complete is kept, not skipped (OnEntryKept), and in a dry run one it only
+// passed over is not news for the host; every other call goes through, on
+// the endpoint's thread and one at a time, as the endpoint makes them.
 class NetworkSender::SkipFilter final : public SenderObserver {
 public:
     SkipFilter(NetworkSender& owner, SenderObserver* host) : mOwner(owner), mHost(host) {}
@@ -47,11 +48,18 @@ public:
     void OnEntrySkipped(const std::string& sourcePath, const std::string& reason) override
     {
         bool quiet = false;
+        bool kept = false;
         {
             std::lock_guard<std::mutex> lock(mOwner.mMutex);
             quiet = mOwner.IsQuietSkip(sourcePath);
+            kept = mOwner.mCompleteSources.count(sourcePath) != 0;
         }
-        if (mHost != nullptr && !quiet) {
+        if (mHost == nullptr) {
+            return;
+        }
+        if (kept) {
+            mHost->OnEntryKept(sourcePath);
+        } else if (!quiet) {
             mHost->OnEntrySkipped(sourcePath, reason);
         }
     }

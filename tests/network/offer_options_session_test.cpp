@@ -26,7 +26,17 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 // Plans `sources`, connects, offers with `offer` and waits (bounded) for the end.
-SentSession OfferWith(const HostPort& address, const std::vector<std::string>& sources, OfferOptions offer)
+// What the sender's observer hears about entries that do not go.
+class EntryRecorder final : public SenderObserver {
+public:
+    void OnEntrySkipped(const std::string& sourcePath, const std::string&) override { skipped.push_back(sourcePath); }
+    void OnEntryKept(const std::string& sourcePath) override { kept.push_back(sourcePath); }
+    std::vector<std::string> skipped;  // the endpoint's calls are serialised and over once it has finished
+    std::vector<std::string> kept;
+};
+
+SentSession OfferWith(const HostPort& address, const std::vector<std::string>& sources, OfferOptions offer,
+                      SenderObserver* observer = nullptr)
 {
     SourcePlan plan;
     SourceProblem problem;
@@ -34,6 +44,7 @@ SentSession OfferWith(const HostPort& address, const std::vector<std::string>& s
     NetworkSenderOptions options;
     options.address = address;
     options.offer = offer;
+    options.endpoint.observer = observer;
     NetworkSender sender(options);
     std::string error;
     EXPECT_TRUE(sender.Connect(error)) << error;
@@ -82,11 +93,15 @@ TEST(OfferOptionsSessionTest, AResumedOfferContinuesUnderTheNotedNameAndKeepsCom
     ASSERT_EQ(::utimensat(AT_FDCWD, (scratch / "dest/tree(1)/a.txt").c_str(), times, 0), 0);
     WriteResumeNote(scratch / "dest", {{"tree", "tree(1)"}});
     LoopbackReceiver receiver(scratch / "dest");
+    EntryRecorder recorder;
 
-    const SentSession sent = OfferWith(receiver.Address(), {scratch / "src/tree"}, OfferOptions{false, true});
+    const SentSession sent =
+        OfferWith(receiver.Address(), {scratch / "src/tree"}, OfferOptions{false, true}, &recorder);
 
     EXPECT_EQ(sent.outcome, SentSession::Outcome::kCompleted) << sent.failure << sent.summary.error;
     EXPECT_EQ(sent.alreadyComplete, std::vector<std::string>{"tree/a.txt"});
+    EXPECT_EQ(recorder.kept, std::vector<std::string>{scratch / "src/tree/a.txt"});
+    EXPECT_TRUE(recorder.skipped.empty());
     ASSERT_EQ(sent.landings.size(), 1u);
     EXPECT_EQ(sent.landings[0], (EntryLanding{"tree", "tree(1)", true}));
     EXPECT_EQ(sent.summary.filesDone, 1u) << "only b.bin goes";

@@ -97,6 +97,14 @@ public:
             mTracker.fileSkipped(file->second);
         }
     }
+    // Resuming: the receiver has it already; the totals shrink by it.
+    void OnEntryKept(const std::string& sourcePath) override
+    {
+        const auto file = mFileSizes.find(sourcePath);
+        if (file != mFileSizes.end()) {
+            mTracker.fileSkipped(file->second);
+        }
+    }
     void OnFailure(const std::string&, const std::string& message) override
     {
         std::lock_guard<std::mutex> lock(mMutex);
