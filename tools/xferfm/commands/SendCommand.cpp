@@ -192,7 +192,8 @@ int runSend(const SendOptions& options, ToolContext& context)
     ProgressTracker tracker;
     tracker.start(plan.totalBytes, plan.fileCount);
     ProgressRenderer renderer(tracker, context.console,
-                              chooseProgressStyle(options.showProgress && !options.quiet, context.console));
+                              chooseProgressStyle(options.showProgress && !options.quiet && !options.dryRun,
+                                                  context.console));
     std::function<void(const std::string&)> fileLine;
     if (options.verbose && options.json) {
         fileLine = [&context](const std::string& line) { context.console.writeLine(line); };  // stdout holds the JSON
