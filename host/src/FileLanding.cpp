@@ -21,10 +21,17 @@ FileLanding::FileLanding(NameProposer propose, uint32_t permissionMask, std::map
 {
 }
 
-const std::string* FileLanding::ResumedName(const std::string& requestName) const
+std::optional<std::string> FileLanding::ResumedName(const std::string& requestName) const
 {
+    std::lock_guard<std::mutex> lock(mMutex);
     const auto found = mResumeNames.find(requestName.substr(0, requestName.find('/')));
-    return found != mResumeNames.end() ? &found->second : nullptr;
+    return found != mResumeNames.end() ? std::optional<std::string>(found->second) : std::nullopt;
+}
+
+void FileLanding::ContinueUnder(std::map<std::string, std::string> resumeNames)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mResumeNames.merge(resumeNames);
 }
 
 void FileLanding::KeepModificationTimes(ModificationTimes times)
@@ -136,8 +143,8 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
     const std::string landingName = LandingNameOf(entry);
     LandingResult result;
     int error = 0;
-    const std::string* resumed = ResumedName(name);
-    if (resumed != nullptr) {
+    const std::optional<std::string> resumed = ResumedName(name);
+    if (resumed) {
         // Continued: the directory may exist from the interrupted copy.
         result.finalPath = entry.filePath.empty() ? Destination() + "/" + *resumed
                                                   : FinalParentOf(entry) + "/" + landingName;
@@ -232,7 +239,7 @@ LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMod
     const std::string landingName = LandingNameOf(entry);
     LandingResult result;
     int error = 0;
-    if (const std::string* resumed = ResumedName(entry.RequestName())) {
+    if (const std::optional<std::string> resumed = ResumedName(entry.RequestName())) {
         // Continued: what is there under this name is an older or other
         // version the caller chose to replace.
         result.finalPath = entry.filePath.empty() ? Destination() + "/" + *resumed

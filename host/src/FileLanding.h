@@ -32,6 +32,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,6 +59,10 @@ public:
     // `propose` gives duplicate names (the engine's rule); the bits of
     // `permissionMask` are cleared from every listed mode (0: exact modes).
     FileLanding(NameProposer propose, uint32_t permissionMask, std::map<std::string, std::string> resumeNames = {});
+
+    // More top-level names to continue under, learnt once the list is in
+    // (before anything lands).
+    void ContinueUnder(std::map<std::string, std::string> resumeNames);
 
     // The sender's modification times, applied as entries land.
     void KeepModificationTimes(ModificationTimes times);
@@ -112,7 +117,7 @@ private:
     };
 
     // The name a resumed top-level entry continues under, or nullptr.
-    const std::string* ResumedName(const std::string& requestName) const;
+    std::optional<std::string> ResumedName(const std::string& requestName) const;
     // The name `entry` is created under in its parent.
     std::string LandingNameOf(const FileListEntry& entry) const;
     // The listed mode of `entry` less the mask.
@@ -122,8 +127,8 @@ private:
 
     const NameProposer mPropose;
     const uint32_t mPermissionMask;
-    const std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
     mutable std::mutex mMutex;  // guards everything below
+    std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
     ModificationTimes mTimes;
     std::map<std::string, std::string> mLandingNames;  // request name -> last component
     std::string mDestination;

@@ -29,6 +29,7 @@ long FixedPayloadBytes(FrameType type)
     case FrameType::kFileAccept: return 4;
     case FrameType::kDataAck: return 12;
     case FrameType::kEndOfList: return 0;
+    case FrameType::kOfferOptions: return 2;
     default: return -1;
     }
 }
@@ -247,6 +248,27 @@ bool FrameDecoder::CompleteFrame(std::vector<Message>& out)
         EntryRefused body;
         reader.U64(body.index, "index");
         reader.String(body.reason, "reason");
+        message = std::move(body);
+        break;
+    }
+    case FrameType::kOfferOptions: {
+        OfferOptions body;
+        reader.Bool(body.dryRun, "dryRun");
+        reader.Bool(body.resume, "resume");
+        message = body;
+        break;
+    }
+    case FrameType::kEntryLanding: {
+        EntryLanding body;
+        reader.String(body.name, "name");
+        reader.String(body.landedAs, "landedAs");
+        reader.Bool(body.resumed, "resumed");
+        message = std::move(body);
+        break;
+    }
+    case FrameType::kEntryComplete: {
+        EntryComplete body;
+        reader.String(body.name, "name");
         message = std::move(body);
         break;
     }

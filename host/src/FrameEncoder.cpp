@@ -62,6 +62,9 @@ const char* FrameTypeName(uint8_t type)
     case FrameType::kEndOfList: return "end-of-list";
     case FrameType::kDisconnect: return "disconnect";
     case FrameType::kEntryRefused: return "entry-refused";
+    case FrameType::kOfferOptions: return "offer-options";
+    case FrameType::kEntryLanding: return "entry-landing";
+    case FrameType::kEntryComplete: return "entry-complete";
     }
     return "unknown";
 }
@@ -148,6 +151,26 @@ bool FrameEncoder::Append(const Message& message, std::vector<uint8_t>& out, std
                 BeginFrame(out, FrameType::kEntryRefused);
                 PutU64(out, body.index);
                 PutString(out, ShortenText(body.reason, RoomFor(controlLimit, kEntryRefusedFixedBytes)));
+            } else if constexpr (std::is_same_v<T, OfferOptions>) {
+                BeginFrame(out, FrameType::kOfferOptions);
+                PutU8(out, body.dryRun ? 1 : 0);
+                PutU8(out, body.resume ? 1 : 0);
+            } else if constexpr (std::is_same_v<T, EntryLanding>) {
+                if (body.name.size() + body.landedAs.size() + 9 > controlLimit) {
+                    return refuse("an entry-landing frame for names of " + std::to_string(body.name.size()) +
+                                  " and " + std::to_string(body.landedAs.size()) + " bytes is beyond the limit");
+                }
+                BeginFrame(out, FrameType::kEntryLanding);
+                PutString(out, body.name);
+                PutString(out, body.landedAs);
+                PutU8(out, body.resumed ? 1 : 0);
+            } else if constexpr (std::is_same_v<T, EntryComplete>) {
+                if (body.name.size() + 4 > controlLimit) {
+                    return refuse("an entry-complete frame for a name of " + std::to_string(body.name.size()) +
+                                  " bytes is beyond the limit");
+                }
+                BeginFrame(out, FrameType::kEntryComplete);
+                PutString(out, body.name);
             } else if constexpr (std::is_same_v<T, Disconnect>) {
                 BeginFrame(out, FrameType::kDisconnect);
                 PutU8(out, body.completed ? 1 : 0);

@@ -10,6 +10,7 @@
 #include "DurationText.h"
 #include "HostLog.h"
 #include "ListRequestVersionCheck.h"
+#include "OfferOptionsLink.h"
 #include "ProgressWatchingLink.h"
 #include "xferfm/host/TcpTransport.h"
 
@@ -24,9 +25,73 @@ constexpr const char* kLinkThreadName = "xfer-send";
 
 }  // namespace
 
+// Between the endpoint and the host's observer: an entry the receiver had
+// complete is kept, not skipped (OnEntryKept), and in a dry run one it only
+// passed over is not news for the host; every other call goes through, on
+// the endpoint's thread and one at a time, as the endpoint makes them.
+class NetworkSender::SkipFilter final : public SenderObserver {
+public:
+    SkipFilter(NetworkSender& owner, SenderObserver* host) : mOwner(owner), mHost(host) {}
+
+    void OnFileStarted(const std::string& sourcePath, uint64_t fileSize) override
+    {
+        if (mHost != nullptr) {
+            mHost->OnFileStarted(sourcePath, fileSize);
+        }
+    }
+    void OnBytesSent(uint64_t totalBytesSent) override
+    {
+        if (mHost != nullptr) {
+            mHost->OnBytesSent(totalBytesSent);
+        }
+    }
+    void OnEntrySkipped(const std::string& sourcePath, const std::string& reason) override
+    {
+        bool quiet = false;
+        bool kept = false;
+        {
+            std::lock_guard<std::mutex> lock(mOwner.mMutex);
+            quiet = mOwner.IsQuietSkip(sourcePath);
+            kept = mOwner.mCompleteSources.count(sourcePath) != 0;
+        }
+        if (mHost == nullptr) {
+            return;
+        }
+        if (kept) {
+            mHost->OnEntryKept(sourcePath);
+        } else if (!quiet) {
+            mHost->OnEntrySkipped(sourcePath, reason);
+        }
+    }
+    void OnFailure(const std::string& path, const std::string& message) override
+    {
+        if (mHost != nullptr) {
+            mHost->OnFailure(path, message);
+        }
+    }
+    void OnFinished(const TransferSummary& summary) override
+    {
+        if (mHost != nullptr) {
+            mHost->OnFinished(summary);
+        }
+    }
+
+private:
+    NetworkSender& mOwner;
+    SenderObserver* const mHost;
+};
+
 NetworkSender::NetworkSender(NetworkSenderOptions options)
     : mOptions(std::move(options)), mPeer(mOptions.address.host + ":" + std::to_string(mOptions.address.port))
 {
+}
+
+bool NetworkSender::IsQuietSkip(const std::string& sourcePath) const
+{
+    if (mCompleteSources.count(sourcePath) != 0) {
+        return true;
+    }
+    return mOptions.offer.dryRun && mRefusedSources.count(sourcePath) == 0;
 }
 
 // The endpoint goes first, without the lock (its link's last deliveries
@@ -99,6 +164,14 @@ NetworkSender::OfferResult NetworkSender::Offer(const std::vector<std::string>& 
 
 NetworkSender::OfferResult NetworkSender::Offer(const SourcePlan& plan, std::string& error)
 {
+    {
+        // The list offers the plan's entries in the plan's order.
+        std::lock_guard<std::mutex> lock(mMutex);
+        for (const SourceEntry& entry : plan.entries) {
+            mSourceByIndex.push_back(entry.sourcePath);
+            mSourceByName[entry.relativePath] = entry.sourcePath;
+        }
+    }
     return offer([&plan](SenderEndpoint& endpoint, std::string& why) { return endpoint.Offer(plan, why); },
                  std::to_string(plan.entries.size()) + " entries offered", error);
 }
@@ -118,7 +191,27 @@ NetworkSender::OfferResult NetworkSender::offer(const std::function<bool(SenderE
         }
     }
     auto checked = std::make_unique<ListRequestVersionCheck>(std::move(bare));
-    auto watched = std::make_unique<ProgressWatchingLink>(std::move(checked), [this] {
+    OfferOptionsLink::Callbacks answers;
+    answers.onLanding = [this](const EntryLanding& landing) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mLandings.push_back(landing);
+    };
+    answers.onComplete = [this](const EntryComplete& complete) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        const auto source = mSourceByName.find(complete.name);
+        if (source != mSourceByName.end()) {
+            mCompleteSources.insert(source->second);
+            mCompleteNames.push_back(complete.name);
+        }
+    };
+    answers.onRefused = [this](uint64_t index) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (index < mSourceByIndex.size()) {
+            mRefusedSources.insert(mSourceByIndex[static_cast<size_t>(index)]);
+        }
+    };
+    auto answered = std::make_unique<OfferOptionsLink>(std::move(checked), mOptions.offer, std::move(answers));
+    auto watched = std::make_unique<ProgressWatchingLink>(std::move(answered), [this] {
             std::lock_guard<std::mutex> lock(mMutex);
             mLastProgress = Clock::now();
         });
@@ -141,7 +234,10 @@ NetworkSender::OfferResult NetworkSender::offer(const std::function<bool(SenderE
     SenderEndpoint* endpoint = nullptr;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        mEndpoint = std::make_unique<SenderEndpoint>(std::move(link), mOptions.endpoint);
+        mSkipFilter = std::make_unique<SkipFilter>(*this, mOptions.endpoint.observer);
+        SenderOptions endpointOptions = mOptions.endpoint;
+        endpointOptions.observer = mSkipFilter.get();
+        mEndpoint = std::make_unique<SenderEndpoint>(std::move(link), endpointOptions);
         endpoint = mEndpoint.get();
     }
     const bool offered = offerTo(*endpoint, error);
@@ -245,6 +341,19 @@ SentSession NetworkSender::Result() const
     std::lock_guard<std::mutex> lock(mMutex);
     result.verdict = mVerdict;
     result.goodbye = mGoodbye;
+    result.landings = mLandings;
+    result.alreadyComplete = mCompleteNames;
+    // What the receiver kept, or in a dry run only passed over, was not
+    // skipped: the summary keeps the refused entries alone.
+    auto& skipped = result.summary.skipped;
+    skipped.erase(std::remove_if(skipped.begin(), skipped.end(),
+                                 [this](const SkippedEntry& entry) { return IsQuietSkip(entry.path); }),
+                  skipped.end());
+    if (result.summary.partial && skipped.empty()) {
+        result.summary.partial = false;
+        result.summary.completed = true;
+        result.summary.error.clear();
+    }
     const bool ranToEnd = result.summary.completed || result.summary.partial;
     using Outcome = SentSession::Outcome;
     if (mStalled && !result.summary.completed) {
@@ -262,6 +371,9 @@ SentSession NetworkSender::Result() const
         result.failure = result.summary.error;
     } else {
         result.outcome = result.summary.partial ? Outcome::kPartial : Outcome::kCompleted;
+    }
+    if (mOptions.offer.dryRun && ranToEnd && (result.outcome == Outcome::kPartial || result.outcome == Outcome::kCompleted)) {
+        result.outcome = Outcome::kPreviewed;
     }
     return result;
 }

@@ -1,5 +1,6 @@
 #include "ReceiveSession.h"
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -11,9 +12,11 @@
 #include "DigestCheckingLink.h"
 #include "DurationText.h"
 #include "HostLog.h"
+#include "OfferAnswerLink.h"
 #include "xferfm/host/ForwardingTransport.h"
 #include "xferfm/host/ReceiverEndpoint.h"
 #include "xferfm/host/RemoteNameGuardTransport.h"
+#include "xferfm/host/ResumeNote.h"
 #include "xferfm/host/Sha256.h"
 
 namespace orin::xfer::host::detail {
@@ -32,7 +35,12 @@ constexpr std::chrono::milliseconds kPollInterval{200};
 // when it gave one (progress for a command line, say).
 class SessionObserver final : public ReceiverObserver {
 public:
-    explicit SessionObserver(ReceiverObserver* host) : mHost(host) {}
+    // `host` (may be null) hears everything; `onFileLanded` each file under
+    // its final path, on the endpoint's thread.
+    SessionObserver(ReceiverObserver* host, std::function<void(const std::string&, const std::string&)> onFileLanded)
+        : mHost(host), mOnFileLanded(std::move(onFileLanded))
+    {
+    }
 
     void OnListReceived(size_t entryCount, uint64_t totalBytes) override
     {
@@ -63,6 +71,7 @@ public:
     void OnFileCompleted(const std::string& name, const std::string& finalPath) override
     {
         Record(name, finalPath);
+        mOnFileLanded(name, finalPath);
         if (mHost != nullptr) {
             mHost->OnFileCompleted(name, finalPath);
         }
@@ -153,6 +162,18 @@ public:
         const auto found = mFinalPaths.find(name);
         return found == mFinalPaths.end() ? std::nullopt : std::optional<std::string>(found->second);
     }
+    // Each top-level entry that landed, by name -> its final path.
+    std::map<std::string, std::string> TopLevelLanded() const
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        std::map<std::string, std::string> landed;
+        for (const auto& [name, finalPath] : mFinalPaths) {
+            if (name.find('/') == std::string::npos) {
+                landed[name] = finalPath;
+            }
+        }
+        return landed;
+    }
     // Each top-level name that was taken in the destination, by name.
     std::vector<std::pair<std::string, std::string>> Renamed() const
     {
@@ -183,6 +204,7 @@ private:
     }
 
     ReceiverObserver* const mHost;
+    const std::function<void(const std::string&, const std::string&)> mOnFileLanded;
     mutable std::mutex mMutex;
     bool mListReceived = false;
     Clock::time_point mLastProgress = Clock::now();
@@ -195,14 +217,16 @@ private:
 
 // Innermost on the link: tells whether the sender went away without a
 // goodbye (kLinkLost) while the session was still on: neither end had said
-// goodbye when the link closed under it.
+// goodbye when the link closed under it; and why the sender left when it
+// said goodbye first (a cancel is not a failure of the receiver).
 class LinkEndWatch final : public ForwardingTransport {
 public:
     LinkEndWatch(std::unique_ptr<ITransport> inner, std::function<bool()> peerWentAway,
-                 std::function<void()> onSenderGone)
+                 std::function<void()> onSenderGone, std::function<void(DisconnectReason)> onSenderGoodbye)
         : ForwardingTransport(std::move(inner)),
           mPeerWentAway(std::move(peerWentAway)),
-          mOnSenderGone(std::move(onSenderGone))
+          mOnSenderGone(std::move(onSenderGone)),
+          mOnSenderGoodbye(std::move(onSenderGoodbye))
     {
     }
     ~LinkEndWatch() override { ReleaseInner(); }
@@ -218,7 +242,10 @@ public:
 private:
     void OnMessage(Message message) override
     {
-        if (std::holds_alternative<Disconnect>(message)) {
+        if (const auto* goodbye = std::get_if<Disconnect>(&message)) {
+            if (!mGoodbyeHeard && !mGoodbyeSent) {
+                mOnSenderGoodbye(ReasonOf(*goodbye));
+            }
             mGoodbyeHeard = true;
         }
         ForwardingTransport::OnMessage(std::move(message));
@@ -233,6 +260,7 @@ private:
 
     const std::function<bool()> mPeerWentAway;
     const std::function<void()> mOnSenderGone;
+    const std::function<void(DisconnectReason)> mOnSenderGoodbye;
     bool mGoodbyeHeard = false;  // delivery thread only
     std::atomic<bool> mGoodbyeSent{false};
 };
@@ -244,7 +272,14 @@ public:
     enum class CancelCause { kNone, kStopped, kListTimeout, kStalled };
 
     ReceiveSession(std::unique_ptr<ITransport> link, std::string peer, const ReceiveSessionSetup& setup)
-        : mSetup(setup), mOptions(*setup.options), mLink(std::move(link)), mEndpointObserver(mOptions.endpointObserver)
+        : mSetup(setup),
+          mOptions(*setup.options),
+          mLink(std::move(link)),
+          mEndpointObserver(mOptions.endpointObserver, [this](const std::string& name, const std::string& finalPath) {
+              if (mSetup.observer != nullptr) {
+                  mSetup.observer->OnFileReceived(mResult.number, name, finalPath);
+              }
+          })
     {
         mResult.number = setup.number;
         mResult.peer = std::move(peer);
@@ -256,6 +291,7 @@ private:
     std::unique_ptr<ITransport> MakeLink();
     DigestCheck CheckLandedFiles(const FileDigests& expected) const;
     void Conclude(const std::string& startFailure);
+    void NoteWhatLanded();
     void SetState(State next, const std::string& why);
     static const char* StateName(State state);
 
@@ -266,11 +302,13 @@ private:
     CancelCause mCancelCause = CancelCause::kNone;
     SessionObserver mEndpointObserver;
     ReceivedSession mResult;
+    OfferAnswerLink* mOfferAnswer = nullptr;  // in the endpoint's link; valid while the endpoint lives
 
-    std::mutex mMutex;  // guards the three below, written from the link's threads
+    std::mutex mMutex;  // guards the members below, written from the link's threads
     std::optional<VerifyVerdict> mVerdict;
     std::string mRefusal;  // the guard refused the whole session
     bool mSenderGone = false;  // the sender ended or broke the link without a goodbye
+    bool mSenderCancelled = false;  // the sender's goodbye, said first, was a cancel
     std::vector<RefusedEntry> mRefused;
 };
 
@@ -295,10 +333,16 @@ void ReceiveSession::SetState(State next, const std::string& why)
 
 std::unique_ptr<ITransport> ReceiveSession::MakeLink()
 {
-    auto watched = std::make_unique<LinkEndWatch>(std::move(mLink), mSetup.senderWentAway, [this] {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mSenderGone = true;
-    });
+    auto watched = std::make_unique<LinkEndWatch>(
+        std::move(mLink), mSetup.senderWentAway,
+        [this] {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mSenderGone = true;
+        },
+        [this](DisconnectReason reason) {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mSenderCancelled = reason == DisconnectReason::kCancelled;
+        });
     // Refusals by the guard and by the endpoint's name rules alike.
     const auto onEntryRefused = [this](const RefusedEntry& entry) {
         {
@@ -317,8 +361,10 @@ std::unique_ptr<ITransport> ReceiveSession::MakeLink()
             mRefusal = refusal;
         },
         onEntryRefused);
+    auto answering = std::make_unique<OfferAnswerLink>(std::move(guarded), mOptions.destinationDir);
+    mOfferAnswer = answering.get();
     return std::make_unique<DigestCheckingLink>(
-        std::move(guarded), [this](const FileDigests& expected) { return CheckLandedFiles(expected); },
+        std::move(answering), [this](const FileDigests& expected) { return CheckLandedFiles(expected); },
         [this](const VerifyVerdict& verdict) {
             std::lock_guard<std::mutex> lock(mMutex);
             mVerdict = verdict;
@@ -359,7 +405,9 @@ ReceivedSession ReceiveSession::Run()
     options.destinationDir = mOptions.destinationDir;
     options.listLimits = mOptions.listLimits;
     options.names = mOptions.names;
+    options.permissionMask = mOptions.permissionMask;
     options.observer = &mEndpointObserver;
+    options.resumeNamesFromLink = [this] { return mOfferAnswer->ResumeNames(); };
 
     const auto started = Clock::now();
     std::string startFailure;
@@ -403,13 +451,45 @@ ReceivedSession ReceiveSession::Run()
             }
         }
         mResult.summary = receiver.Summary();
+        const OfferAnswerLink::Answer answer = mOfferAnswer->Answered();
+        mResult.offer = answer.options;
+        mResult.landings = answer.landings;
+        mResult.entriesComplete = answer.entriesComplete;
         // Leaving the scope closes the link and removes the cache directory.
     }
     mSetup.onCacheDirectory("");
     mResult.duration = Clock::now() - started;
     Conclude(startFailure);
+    NoteWhatLanded();
     SetState(State::kEnded, startFailure.empty() ? mResult.summary.error : startFailure);
     return std::move(mResult);
+}
+
+// An interrupted session leaves the note a resumed one continues from (the
+// top-level names it landed under); a complete one removes it. A dry run
+// touches neither.
+void ReceiveSession::NoteWhatLanded()
+{
+    using Outcome = ReceivedSession::Outcome;
+    if (mResult.offer.dryRun) {
+        return;
+    }
+    if (mResult.outcome == Outcome::kOk || mResult.outcome == Outcome::kRefused) {
+        RemoveResumeNote(mOptions.destinationDir);
+        return;
+    }
+    if (mResult.outcome != Outcome::kCancelled && mResult.outcome != Outcome::kCancelledBySender &&
+        mResult.outcome != Outcome::kLinkLost && mResult.outcome != Outcome::kStalled) {
+        return;
+    }
+    std::map<std::string, std::string> landed = ReadResumeNote(mOptions.destinationDir);
+    for (const auto& [name, finalPath] : mEndpointObserver.TopLevelLanded()) {
+        landed[name] = finalPath.substr(finalPath.find_last_of('/') + 1);
+    }
+    if (!landed.empty()) {
+        WriteResumeNote(mOptions.destinationDir, landed);
+        mResult.resumable = true;
+    }
 }
 
 // The first that applies, in this order, decides the outcome.
@@ -419,6 +499,14 @@ void ReceiveSession::Conclude(const std::string& startFailure)
     mResult.verdict = mVerdict;
     mResult.refused = mRefused;
     mResult.renamed = mEndpointObserver.Renamed();
+    // A resumed entry continues under the name it had: not a rename.
+    for (const EntryLanding& landing : mResult.landings) {
+        if (landing.resumed) {
+            mResult.renamed.erase(std::remove_if(mResult.renamed.begin(), mResult.renamed.end(),
+                                                 [&landing](const auto& renamed) { return renamed.first == landing.name; }),
+                                  mResult.renamed.end());
+        }
+    }
     using Outcome = ReceivedSession::Outcome;
     if (!mRefusal.empty()) {
         mResult.outcome = Outcome::kFailed;
@@ -435,6 +523,8 @@ void ReceiveSession::Conclude(const std::string& startFailure)
     } else if (mCancelCause == CancelCause::kStalled) {
         mResult.outcome = Outcome::kStalled;
         mResult.failure = "no file data moved for " + DurationText(mOptions.progressTimeout);
+    } else if (!mResult.summary.completed && mSenderCancelled) {
+        mResult.outcome = Outcome::kCancelledBySender;
     } else if (!mResult.summary.completed) {
         const std::string failure = mEndpointObserver.Failure();
         mResult.outcome = mSenderGone ? Outcome::kLinkLost : Outcome::kFailed;

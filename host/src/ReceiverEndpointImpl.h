@@ -90,6 +90,10 @@ private:
     void handle(FileAccept&) {}
     void handle(DataAck&) {}
     void handle(EntryRefused&) {}  // the receiver's own message; a sender has no say in it
+    // A network session's link answers these below the endpoint (NetworkReceiver).
+    void handle(OfferOptions&) {}
+    void handle(EntryLanding&) {}
+    void handle(EntryComplete&) {}
     void sendAccepts(const std::vector<detail::ReceiverAccept>& accepts);
 
     // ---- walking the list (ReceiverSession.cpp) ----

@@ -201,6 +201,9 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
         mState.Summary().namesMapped = std::move(named.mapped);
         mList = std::move(parsed);
         mLanding.KeepModificationTimes(detail::ReadModificationTimes(list.json));
+        if (mOptions.resumeNamesFromLink) {
+            mLanding.ContinueUnder(mOptions.resumeNamesFromLink());
+        }
         entries = mList->entries.size();
         bytes = mList->totalFileBytes;
         mState.Summary().entriesTotal = entries;

@@ -65,6 +65,10 @@ private:
     void handle(FileStart&) {}
     void handle(FileData&) {}
     void handle(EndOfList&) {}
+    // Read below the endpoint by a network session's link (NetworkSender).
+    void handle(OfferOptions&) {}
+    void handle(EntryLanding&) {}
+    void handle(EntryComplete&) {}
 
     bool finish(Outcome outcome, const std::string& path, const std::string& message, bool tellPeer = true);
     void reportSkipped(const std::vector<SkippedEntry>& skipped);

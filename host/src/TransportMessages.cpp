@@ -28,6 +28,9 @@ struct NameOf {
     const char* operator()(const TransferError&) const { return "TransferError"; }
     const char* operator()(const EndOfList&) const { return "EndOfList"; }
     const char* operator()(const EntryRefused&) const { return "EntryRefused"; }
+    const char* operator()(const OfferOptions&) const { return "OfferOptions"; }
+    const char* operator()(const EntryLanding&) const { return "EntryLanding"; }
+    const char* operator()(const EntryComplete&) const { return "EntryComplete"; }
     const char* operator()(const Disconnect&) const { return "Disconnect"; }
 };
 

@@ -131,10 +131,10 @@ TEST(ToolHostileReceiverTest, AListRequestOfAnotherProtocolVersionIsRefusedNotAn
         EXPECT_FALSE(std::holds_alternative<FileListMessage>(message)) << "the list went to a version-1 receiver";
     }
     EXPECT_EQ(std::get<Disconnect>(heard.back()).reason,
-              "the receiver asks for the list with protocol version 1, this end speaks 2");
+              "the receiver asks for the list with protocol version 1, this end speaks 3");
     ASSERT_TRUE(sender.WaitExit(10s));
     EXPECT_EQ(sender.ExitCode(), toInt(cli::ExitCode::kLinkFailed)) << sender.Describe();
-    EXPECT_EQ(LinesWith(sender.Stderr(), "protocol version 1, this end speaks 2").size(), 1u) << sender.Describe();
+    EXPECT_EQ(LinesWith(sender.Stderr(), "protocol version 1, this end speaks 3").size(), 1u) << sender.Describe();
 }
 
 }  // namespace

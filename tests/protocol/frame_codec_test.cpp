@@ -66,6 +66,11 @@ std::vector<Message> SampleMessages()
         EntryRefused{},
         Disconnect{true, ""},
         Disconnect{false, "cancelled by the user"},
+        OfferOptions{true, false},
+        OfferOptions{false, true},
+        EntryLanding{"photos", "photos(1)", false},
+        EntryLanding{"tree", "tree(1)", true},
+        EntryComplete{"tree/sub/b.bin"},
     };
 }
 
@@ -122,7 +127,7 @@ TEST(FrameCodecTest, HelloCarriesMagicAndVersion)
 {
     std::vector<uint8_t> hello;
     FrameEncoder().AppendHello(hello);
-    EXPECT_EQ(hello, (std::vector<uint8_t>{0x01, 8, 0, 0, 0, 'X', 'F', 'F', 'M', 2, 0, 0, 0}));
+    EXPECT_EQ(hello, (std::vector<uint8_t>{0x01, 8, 0, 0, 0, 'X', 'F', 'F', 'M', 3, 0, 0, 0}));
     EXPECT_EQ(kWireVersion, kProtocolVersion) << "the hello carries the message protocol's version";
 }
 
@@ -135,6 +140,15 @@ TEST(FrameCodecTest, EntryRefusedCarriesTheIndexAndTheReason)
         2, 0, 0, 0, 'n', 'o',                             // reason
     };
     EXPECT_EQ(frame, expected);
+}
+
+TEST(FrameCodecTest, OfferOptionsAreTwoBoolsAndNothingElse)
+{
+    EXPECT_EQ(Encode(OfferOptions{true, true}), (std::vector<uint8_t>{0x1B, 2, 0, 0, 0, 1, 1}));
+    const std::vector<uint8_t> tooLong = {0x1B, 3, 0, 0, 0, 1, 1, 0};
+    EXPECT_FALSE(DecodeError(Stream({tooLong})).empty());
+    const std::vector<uint8_t> notABool = {0x1B, 2, 0, 0, 0, 2, 0};
+    EXPECT_FALSE(DecodeError(Stream({notABool})).empty());
 }
 
 TEST(FrameCodecTest, KeepalivesAreConsumedSilently)
@@ -168,7 +182,7 @@ TEST(FrameCodecTest, BadMagicIsRejected)
 TEST(FrameCodecTest, OtherVersionIsRejected)
 {
     const std::string error = DecodeError(HelloFrame(1));
-    EXPECT_NE(error.find("version 1, this end speaks 2"), std::string::npos) << error;
+    EXPECT_NE(error.find("version 1, this end speaks 3"), std::string::npos) << error;
 }
 
 TEST(FrameCodecTest, SecondHelloIsRejected)

@@ -35,6 +35,7 @@ int main(int argc, char** argv)
     preferShortSchedulingSlices();
     ParsedCommandLine parsed = parseCommandLine(argc, argv);
     parsed.copy.umask = readUmask();
+    parsed.serve.umask = parsed.copy.umask;
     switch (parsed.command) {
     case Command::kCopy:
         return runCommand(parsed.copy.logLevel, [&parsed](ToolContext& context) {

@@ -35,6 +35,12 @@ bool operator==(const TransferError& a, const TransferError& b)
 bool operator==(const EndOfList&, const EndOfList&) { return true; }
 bool operator==(const EntryRefused& a, const EntryRefused& b) { return a.index == b.index && a.reason == b.reason; }
 bool operator==(const Disconnect& a, const Disconnect& b) { return a.completed == b.completed && a.reason == b.reason; }
+bool operator==(const OfferOptions& a, const OfferOptions& b) { return a.dryRun == b.dryRun && a.resume == b.resume; }
+bool operator==(const EntryLanding& a, const EntryLanding& b)
+{
+    return a.name == b.name && a.landedAs == b.landedAs && a.resumed == b.resumed;
+}
+bool operator==(const EntryComplete& a, const EntryComplete& b) { return a.name == b.name; }
 
 std::ostream& operator<<(std::ostream& out, const FileListRequest& m)
 {
@@ -75,6 +81,15 @@ std::ostream& operator<<(std::ostream& out, const Disconnect& m)
 {
     return out << "Disconnect{" << m.completed << ", " << m.reason << "}";
 }
+std::ostream& operator<<(std::ostream& out, const OfferOptions& m)
+{
+    return out << "OfferOptions{" << m.dryRun << ", " << m.resume << "}";
+}
+std::ostream& operator<<(std::ostream& out, const EntryLanding& m)
+{
+    return out << "EntryLanding{" << m.name << ", " << m.landedAs << ", " << m.resumed << "}";
+}
+std::ostream& operator<<(std::ostream& out, const EntryComplete& m) { return out << "EntryComplete{" << m.name << "}"; }
 
 }  // namespace orin::xfer::host
 

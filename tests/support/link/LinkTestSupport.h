@@ -33,6 +33,9 @@ bool operator==(const DataAck& a, const DataAck& b);
 bool operator==(const TransferError& a, const TransferError& b);
 bool operator==(const EndOfList& a, const EndOfList& b);
 bool operator==(const EntryRefused& a, const EntryRefused& b);
+bool operator==(const OfferOptions& a, const OfferOptions& b);
+bool operator==(const EntryLanding& a, const EntryLanding& b);
+bool operator==(const EntryComplete& a, const EntryComplete& b);
 bool operator==(const Disconnect& a, const Disconnect& b);
 std::ostream& operator<<(std::ostream& out, const FileListRequest& m);
 std::ostream& operator<<(std::ostream& out, const FileListMessage& m);
@@ -44,6 +47,9 @@ std::ostream& operator<<(std::ostream& out, const DataAck& m);
 std::ostream& operator<<(std::ostream& out, const TransferError& m);
 std::ostream& operator<<(std::ostream& out, const EndOfList& m);
 std::ostream& operator<<(std::ostream& out, const EntryRefused& m);
+std::ostream& operator<<(std::ostream& out, const OfferOptions& m);
+std::ostream& operator<<(std::ostream& out, const EntryLanding& m);
+std::ostream& operator<<(std::ostream& out, const EntryComplete& m);
 std::ostream& operator<<(std::ostream& out, const Disconnect& m);
 }  // namespace orin::xfer::host
 

@@ -158,6 +158,51 @@ void addNameOptions(CLI::App& command, NameOptions& options)
         ->transform(CLI::CheckedTransformer(choices));
 }
 
+// The two runs besides a plain one (`copy`, `send`: only the words differ).
+void addRunModeOptions(CLI::App& command, SelectionOptions& options, const std::string& verb)
+{
+    const bool send = verb == "send";
+    command.add_flag("--resume", options.resume,
+                     "Continue an interrupted " + verb + " into the same " +
+                         (send ? "receiver's DEST_DIR" : "DEST_DIR") +
+                         ": its top-level entries keep the names the interrupted run gave them, files already there "
+                         "with the source's size and modification time are kept, only the rest is " +
+                         (send ? "sent" : "copied"));
+    command.add_flag("-n,--dry-run", options.dryRun,
+                     std::string("Print what would be ") + (send ? "sent" : "copied") +
+                         " and skipped, and where each top-level entry would land (renames included); write nothing");
+}
+
+// What to leave out, and what to do with entries that cannot be copied.
+void addSelectionOptions(CLI::App& command, SelectionOptions& options, const std::string& verb)
+{
+    const bool send = verb == "send";
+    command
+        .add_option("--exclude", options.excludes,
+                    "Leave out entries matching this shell glob, and what they hold (repeatable): a PATTERN "
+                    "with a \"/\" is matched against the path relative to " +
+                        std::string(send ? "the receiver's DEST_DIR" : "DEST_DIR") +
+                        " (\"tree/sub/*.o\"), one without against each name")
+        ->type_name("PATTERN")
+        ->allow_extra_args(false);
+    command.add_flag("--strict", options.strict,
+                     std::string(send ? "Send" : "Copy") +
+                         " nothing when any entry cannot be copied (a device, FIFO or socket, a broken link, an "
+                         "unreadable entry, a name holding a backslash); by default each is named and skipped, the "
+                         "rest is " + (send ? "sent" : "copied") + " and the exit code is 11");
+}
+
+// -q, -v, --json: `perFile` says what -v prints a line for, `jsonFields`
+// what the JSON document holds.
+void addOutputOptions(CLI::App& command, OutputOptions& options, const std::string& perFile,
+                      const std::string& jsonFields)
+{
+    command.add_flag("-q,--quiet", options.quiet, "Print nothing on stdout and no progress; errors still go to stderr");
+    command.add_flag("-v,--verbose", options.verbose, "Print one line per file " + perFile);
+    command.add_flag("--json", options.json,
+                     "Write one JSON summary on stdout instead of the usual lines: " + jsonFields);
+}
+
 CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::string>& paths)
 {
     CLI::App* copy = app.add_subcommand(
@@ -170,29 +215,11 @@ CLI::App* addCopyCommand(CLI::App& app, CopyOptions& options, std::vector<std::s
     addTransferOptions(*copy, options, "Compare the SHA-256 of every source file with its copy afterwards");
     copy->add_flag("-p,--preserve-perms", options.preservePermissions,
                    "Keep the exact permission bits of the sources (default: under the umask, as cp does)");
-    copy->add_flag("--resume", options.resume,
-                   "Continue an interrupted copy into the same DEST_DIR: its top-level entries keep the names the "
-                   "interrupted run gave them, files already there with the source's size and modification time "
-                   "are kept, only the rest is copied");
-    copy->add_flag("-n,--dry-run", options.dryRun,
-                   "Print what would be copied and skipped, and where each top-level entry would land "
-                   "(renames included); write nothing");
-    copy->add_option("--exclude", options.excludes,
-                     "Leave out entries matching this shell glob, and what they hold (repeatable): a PATTERN "
-                     "with a \"/\" is matched against the path relative to DEST_DIR (\"tree/sub/*.o\"), "
-                     "one without against each name")
-        ->type_name("PATTERN")
-        ->allow_extra_args(false);
-    copy->add_flag("-q,--quiet", options.quiet, "Print nothing on stdout and no progress; errors still go to stderr");
-    copy->add_flag("-v,--verbose", options.verbose, "Print one line per file copied (or, with --dry-run, to copy)");
-    copy->add_flag("--json", options.json,
-                   "Write one JSON summary on stdout instead of the usual lines: files, directories, bytes, "
-                   "seconds, skipped entries with reasons, excluded count, renames, where each top-level entry "
-                   "landed, the --verify result and the exit code");
-    copy->add_flag("--strict", options.strict,
-                   "Copy nothing when any entry cannot be copied (a device, FIFO or socket, a broken link, an "
-                   "unreadable entry, a name holding a backslash); by default each is named and skipped, the rest "
-                   "is copied and the exit code is 11");
+    addRunModeOptions(*copy, options, "copy");
+    addSelectionOptions(*copy, options, "copy");
+    addOutputOptions(*copy, options, "copied (or, with --dry-run, to copy)",
+                     "files, directories, bytes, seconds, skipped entries with reasons, excluded count, renames, "
+                     "where each top-level entry landed, the --verify result and the exit code");
     copy->add_option("-e,--rsh", options.rsh,
                      "Remote shell that reaches the host of a [USER@]HOST:PATH operand, with its arguments "
                      "(\"ssh -p 2222 -i key\"); split into words as a shell would, nothing expanded")
@@ -238,9 +265,13 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
                     "every message goes to stderr). Used by copy over SSH; you rarely run it yourself")
         ->excludes(listen)
         ->excludes(portFile);
-    serve->add_flag("-q,--quiet", options.quiet,
-                    "Print no start line and no line for a session that went well; failures and refused names "
-                    "are still shown (copy over SSH runs the far side so)");
+    serve->add_flag("-p,--preserve-perms", options.preservePermissions,
+                    "Land files and directories with the exact permission bits the sender lists (default: under "
+                    "this process's umask, as scp and rsync without -p do)");
+    addOutputOptions(*serve, options, "received, as it lands",
+                     "one line per session: its number, peer, destination, outcome and failure, files, "
+                     "directories, bytes, seconds, refused entries, renames, the verify result and the exit code "
+                     "(with --once, the one document)");
     addNameOptions(*serve, options);
     addLogLevelOption(*serve, options);
     serve->add_option("DEST_DIR", options.destinationDir, "Directory that receives the copies")->required();
@@ -251,7 +282,9 @@ CLI::App* addServeCommand(CLI::App& app, ServeOptions& options)
                       "Every name a sender sends is checked first: an entry whose name is absolute, holds \"..\", "
                       "a backslash, a control character or invalid UTF-8, or leads through a symbolic link, is not "
                       "copied (nor anything inside it), with a line on stderr naming it and the rule; the rest of "
-                      "the list is copied and the session counts as failed (exit code 7 with --once).\n\n") +
+                      "the list is copied and the session counts as failed (exit code 7 with --once).\n"
+                      "Modification times are kept; permission bits land under this process's umask unless -p. "
+                      "With --once, a session whose link is lost exits 8, one the sender cancels 10.\n\n") +
                   exitCodeHelp());
     return serve;
 }
@@ -275,12 +308,18 @@ CLI::App* addSendCommand(CLI::App& app, SendOptions& options)
                    "Send over standard input and output, to an `xferfm serve --stdio` at their other end, instead "
                    "of to HOST:PORT: every argument is then a SOURCE, and every message goes to stderr. Used by "
                    "copy over SSH; you rarely run it yourself");
-    send->add_flag("-q,--quiet", options.quiet,
-                   "Print no summary and no progress; errors and refused names are still shown (copy over SSH "
-                   "runs the far side so)");
+    addRunModeOptions(*send, options, "send");
+    addSelectionOptions(*send, options, "send");
+    addOutputOptions(*send, options, "sent",
+                     "the receiver's address, files, directories, bytes, seconds, skipped entries with reasons, "
+                     "excluded count, entries the receiver refused with reasons, the --verify result and the exit "
+                     "code");
     send->add_option("SOURCE", options.sources, "Files and directories to send");
-    send->footer(std::string("An entry whose name the receiver refuses is not sent (a line on stderr names it and "
-                             "the rule); the rest is, and the exit code is 7.\n\n") +
+    send->footer(std::string("Entries that cannot be copied (a device, FIFO or socket, a broken link, an unreadable "
+                             "entry, a name holding a backslash) are all found before anything is sent, named on "
+                             "stderr with their reason and skipped; the rest is sent and the exit code is 11 "
+                             "(--strict sends nothing instead). An entry whose name the receiver refuses is not sent "
+                             "(a line on stderr names it and the rule); the rest is, and the exit code is 7.\n\n") +
                  exitCodeHelp());
     return send;
 }

@@ -46,27 +46,35 @@ struct NameOptions {
     NameChoice nameAction = NameChoice::kMap;
 };
 
-// How the receiving side lands what arrives (`copy`; `serve` later).
+// How the receiving side lands what arrives (`copy`, `serve`).
 struct LandingOptions : NameOptions {
     // Modes exactly as the source's; otherwise under the umask, as `cp`
     // without -p does.
     bool preservePermissions = false;
-    // Refuse the whole copy at the first entry that cannot be copied,
-    // instead of skipping each such entry.
-    bool strict = false;
     uint32_t umask = 022;  // the process's, read by main before any thread starts
 };
 
+// Which source entries go and what a run does with them (`copy`, `send`).
+struct SelectionOptions {
+    std::vector<std::string> excludes;  // globs of entries to leave out
+    // Refuse the whole copy at the first entry that cannot be copied,
+    // instead of skipping each such entry.
+    bool strict = false;
+    bool dryRun = false;  // say what would be copied, write nothing
+    bool resume = false;  // continue an interrupted copy into the same DEST_DIR
+};
+
+// How much a command says on stdout (`copy`, `send`, `serve --once`).
+struct OutputOptions {
+    bool quiet = false;    // nothing on stdout, no progress
+    bool verbose = false;  // one line per file
+    bool json = false;     // one JSON summary on stdout instead of the human lines
+};
+
 // `copy` and `demo` (the demo fills sources and destination itself).
-struct CopyOptions : TransferOptions, LandingOptions {
+struct CopyOptions : TransferOptions, LandingOptions, SelectionOptions, OutputOptions {
     std::vector<std::string> sources;
     std::string destinationDir;
-    std::vector<std::string> excludes;  // globs of entries to leave out
-    bool dryRun = false;                // say what would be copied, write nothing
-    bool resume = false;                // continue an interrupted copy into the same DEST_DIR
-    bool quiet = false;                 // nothing on stdout, no progress
-    bool verbose = false;               // one line per file
-    bool json = false;                  // one JSON summary on stdout instead of the human lines
     // A SOURCE or DEST_DIR written [USER@]HOST:PATH is reached through this
     // remote shell (split into words, arguments allowed), which runs
     // `xferfmPath` on that host.
@@ -74,19 +82,17 @@ struct CopyOptions : TransferOptions, LandingOptions {
     std::string xferfmPath = "xferfm";
 };
 
-struct ServeOptions : CommonOptions, NameOptions {
+struct ServeOptions : CommonOptions, LandingOptions, OutputOptions {
     std::string listen = std::string(kDefaultListenHost) + ":" + std::to_string(kDefaultServePort);
     bool once = false;
     bool stdio = false;  // serve one session over standard input/output instead of listening
-    bool quiet = false;  // no start line, no line for a session that went well
     std::string portFile;  // when set, the bound port is written there once listening
     std::string destinationDir;
 };
 
-struct SendOptions : TransferOptions {
+struct SendOptions : TransferOptions, SelectionOptions, OutputOptions {
     std::string address;  // HOST:PORT of a serving receiver ("" with stdio)
     bool stdio = false;   // the receiver is at the other end of standard input/output
-    bool quiet = false;   // no summary and no progress; errors and refusals still shown
     double progressTimeoutSeconds = 60;  // a receiver that moves nothing on this long ends the send
     std::vector<std::string> sources;
 };

@@ -18,7 +18,7 @@ enum class ExitCode : int {
                                 // the sender's end of the link ended or broke before the session was over;
                                 // copy over a remote shell: the far side's link was lost mid-copy
     kPeerBusy = 9,              // send: the receiver is serving another sender
-    kCancelledByPeer = 10,      // send: the receiver cancelled the copy
+    kCancelledByPeer = 10,      // send: the receiver cancelled the copy; serve --once/--stdio: the sender did
     kEntriesSkipped = 11,       // some source entries cannot be copied and were skipped; the rest arrived
     kReceiverStalled = 12,      // send: the receiver moved nothing on for the progress time-out
     kRemoteUnavailable = 13,    // copy over a remote shell: the far side could not be started
@@ -45,7 +45,7 @@ inline const char* exitCodeHelp()
            "       the sender's end of the link ended or broke before the session was over;\n"
            "       copy to or from HOST:PATH: the link to the far side was lost mid-copy\n"
            "  9    send: the receiver is busy with another sender\n"
-           "  10   send: the receiver cancelled the copy\n"
+           "  10   send: the receiver cancelled the copy; serve --once/--stdio: the sender cancelled it\n"
            "  11   some source entries cannot be copied (named on stderr with the reason) and were\n"
            "       skipped; every other entry arrived\n"
            "  12   send: the receiver moved nothing on for --progress-timeout\n"

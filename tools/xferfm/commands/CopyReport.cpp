@@ -10,7 +10,7 @@
 
 namespace xferfm::cli {
 
-ReportStyle reportStyleOf(const CopyOptions& options)
+ReportStyle reportStyleOf(const OutputOptions& options)
 {
     if (options.json) {
         return ReportStyle::kJson;
@@ -29,6 +29,25 @@ void reportSkipped(const std::vector<SkippedSource>& skipped, StderrConsole& con
     for (const SkippedSource& entry : skipped) {
         console.writeLine("  '" + entry.path + "': " + entry.reason);
     }
+}
+
+Json::Value skippedJson(const std::vector<SkippedSource>& skipped)
+{
+    Json::Value list(Json::arrayValue);
+    for (const SkippedSource& entry : skipped) {
+        Json::Value item(Json::objectValue);
+        item["path"] = entry.path;
+        item["reason"] = entry.reason;
+        list.append(item);
+    }
+    return list;
+}
+
+std::string writeJson(const Json::Value& document)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    return Json::writeString(builder, document);
 }
 
 std::string summaryLine(const CopyOutcome& outcome)
@@ -51,13 +70,7 @@ std::string jsonSummary(const CopyOutcome& outcome, bool dryRun, int exitCode)
     document["directories"] = static_cast<Json::UInt64>(outcome.plan.directoryCount);
     document["bytes"] = static_cast<Json::UInt64>(dryRun ? outcome.plan.totalBytes : outcome.bytesCopied);
     document["seconds"] = outcome.seconds;
-    document["skipped"] = Json::Value(Json::arrayValue);
-    for (const SkippedSource& entry : outcome.plan.skipped) {
-        Json::Value skipped(Json::objectValue);
-        skipped["path"] = entry.path;
-        skipped["reason"] = entry.reason;
-        document["skipped"].append(skipped);
-    }
+    document["skipped"] = skippedJson(outcome.plan.skipped);
     document["excluded"] = static_cast<Json::UInt64>(outcome.plan.excluded);
     document["alreadyComplete"] = static_cast<Json::UInt64>(outcome.alreadyComplete);
     document["renamed"] = Json::Value(Json::arrayValue);
@@ -107,9 +120,7 @@ std::string jsonSummary(const CopyOutcome& outcome, bool dryRun, int exitCode)
         document["verify"] = Json::Value(Json::nullValue);
     }
     document["exitCode"] = exitCode;
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    return Json::writeString(builder, document);
+    return writeJson(document);
 }
 
 int reportCopy(const CopyOutcome& outcome, StderrConsole& console, ReportStyle style)

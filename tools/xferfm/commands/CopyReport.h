@@ -7,6 +7,8 @@
 // (and by -v's per-file lines while the copy runs, never at the same time).
 #pragma once
 
+#include <json/json.h>
+
 #include <string>
 #include <vector>
 
@@ -19,10 +21,15 @@ namespace xferfm::cli {
 // How much goes to stdout.
 enum class ReportStyle { kNormal, kQuiet, kJson };
 
-ReportStyle reportStyleOf(const CopyOptions& options);
+ReportStyle reportStyleOf(const OutputOptions& options);
 
 // One report on stderr, before anything is written, of every entry left out.
 void reportSkipped(const std::vector<SkippedSource>& skipped, StderrConsole& console);
+
+// The parts of a JSON summary `copy` and `send` share: the skipped
+// entries as [{"path", "reason"}], and the document as written to stdout.
+Json::Value skippedJson(const std::vector<SkippedSource>& skipped);
+std::string writeJson(const Json::Value& document);
 
 // "copied N files (B bytes) in T s, R MiB/s"
 std::string summaryLine(const CopyOutcome& outcome);

@@ -1,6 +1,7 @@
 #include "PlanSending.h"
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -10,13 +11,12 @@
 #include "ProgressTracker.h"
 #include "ServeReport.h"
 #include "ToolError.h"
-#include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/FileListDigests.h"
+#include "xferfm/host/RemoteNameGuard.h"
 #include "xferfm/host/TransferObserver.h"
 
 namespace xferfm::cli {
 namespace {
-
 
 namespace host = orin::xfer::host;
 using Clock = std::chrono::steady_clock;
@@ -36,8 +36,10 @@ ExitCode exitCodeForGoodbye(const std::optional<host::DisconnectReason>& goodbye
 
 class SendProgress final : public host::SenderObserver {
 public:
-    SendProgress(ProgressTracker& tracker, const SourcePlan& plan, StderrConsole& console)
-        : mTracker(tracker), mConsole(console)
+    // `fileLine`, when set, hears the source path of each file as it goes (-v).
+    SendProgress(ProgressTracker& tracker, const SourcePlan& plan, StderrConsole& console,
+                 std::function<void(const std::string&)> fileLine)
+        : mTracker(tracker), mConsole(console), mFileLine(std::move(fileLine))
     {
         // The walk the endpoint offers, so its paths are spelled as the
         // endpoint reports them.
@@ -62,6 +64,9 @@ public:
         }
         mFileInFlight = true;
         mTracker.fileStarted(sourcePath);
+        if (mFileLine) {
+            mFileLine("sending " + sourcePath);
+        }
     }
     void OnBytesSent(uint64_t totalBytesSent) override { mTracker.setBytesDone(totalBytesSent); }
     // One line per entry the receiver will not take; the copy goes on
@@ -77,6 +82,14 @@ public:
             break;
         case RefusalLine::kSilent: break;
         }
+        const auto file = mFileSizes.find(sourcePath);
+        if (file != mFileSizes.end()) {
+            mTracker.fileSkipped(file->second);
+        }
+    }
+    // Resuming: the receiver has it already; the totals shrink by it.
+    void OnEntryKept(const std::string& sourcePath) override
+    {
         const auto file = mFileSizes.find(sourcePath);
         if (file != mFileSizes.end()) {
             mTracker.fileSkipped(file->second);
@@ -107,6 +120,7 @@ public:
 private:
     ProgressTracker& mTracker;
     StderrConsole& mConsole;
+    const std::function<void(const std::string&)> mFileLine;
     std::set<std::string> mDirectories;            // fixed after construction
     std::map<std::string, uint64_t> mFileSizes;  // fixed after construction
     size_t mSkipped = 0;  // entries skipped so far; the endpoint's observer calls are serialised
@@ -129,17 +143,19 @@ host::FileDigests hashSources(const SourcePlan& plan)
 }  // namespace
 
 PlanSent sendPlan(const SourcePlan& plan, host::NetworkSenderOptions senderOptions, const TransferOptions& options,
-                  bool showProgress, ToolContext& context, const OpenSenderLink& open)
+                  SendChoices choices, ToolContext& context, const OpenSenderLink& open)
 {
-    const host::FileDigests digests = options.verify ? hashSources(plan) : host::FileDigests{};
+    // A dry run sends no file, so there is nothing to verify.
+    const host::FileDigests digests =
+        options.verify && !senderOptions.offer.dryRun ? hashSources(plan) : host::FileDigests{};
     if (context.signals.interrupted()) {
         throw ToolError(ExitCode::kInterrupted, "interrupted before anything was sent");
     }
 
     ProgressTracker tracker;
     tracker.start(plan.totalBytes, plan.fileCount);
-    ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(showProgress, context.console));
-    SendProgress progress(tracker, plan, context.console);
+    ProgressRenderer renderer(tracker, context.console, chooseProgressStyle(choices.showProgress && !senderOptions.offer.dryRun, context.console));
+    SendProgress progress(tracker, plan, context.console, std::move(choices.fileLine));
     senderOptions.digests = digests;
     senderOptions.endpoint.ackWindow = options.window;
     senderOptions.endpoint.bandwidthKbps = options.bandwidthKbps;
@@ -187,7 +203,14 @@ PlanSent sendPlan(const SourcePlan& plan, host::NetworkSenderOptions senderOptio
 
     using Outcome = host::SentSession::Outcome;
     if (context.signals.interrupted() || result.outcome == Outcome::kCancelled) {
-        throw ToolError(ExitCode::kInterrupted, "interrupted; the receiver removes the file that was in flight");
+        // Sent is what this end knows: the receiver keeps each of those
+        // that arrived whole.
+        throw ToolError(ExitCode::kInterrupted,
+                        "interrupted after sending " + std::to_string(result.summary.filesDone) + " of " +
+                            std::to_string(plan.fileCount) +
+                            " files; the receiver keeps every file that arrived whole, under the names it gave "
+                            "them, and removes the one in flight" +
+                            choices.interruptHint);
     }
     // What the receiver said is shown with its control bytes escaped.
     if (result.outcome == Outcome::kVerifyFailed) {

@@ -28,19 +28,30 @@ namespace xferfm::cli {
 // digests are made and before the progress line starts.
 using OpenSenderLink = std::function<bool(orin::xfer::host::NetworkSender&, std::string& error)>;
 
+// What the caller adds to a send, besides the link and the options.
+struct SendChoices {
+    bool showProgress = true;  // the progress line (never during a dry run)
+    // Hears "sending SOURCE" as each file starts (-v); unset: nothing.
+    std::function<void(const std::string&)> fileLine;
+    // Appended to the interrupt message: how to go on (" To send the rest,
+    // ... --resume"), "" where no resume is offered.
+    std::string interruptHint;
+};
+
 struct PlanSent {
     orin::xfer::host::SentSession result;  // kCompleted or kPartial
     double seconds = 0.0;                  // from the link's opening to the end
 };
 
 // Offers `plan` with `options` (window, bandwidth, --verify) over the link
-// `open` makes, `senderOptions` giving the rest (address, time limits).
-// Returns for a completed or partial send; throws ToolError for every
+// `open` makes, `senderOptions` giving the rest (address, time limits, a
+// dry run or a resume in `offer`: no digests are made for a dry run).
+// Returns for a completed, partial or previewed (dry-run) send; throws ToolError for every
 // other end: 8 the link could not be opened or was lost, 6 the receiver's
 // verification failed, 9/10/1 the receiver ended the send, 12 stalled,
 // 4 a source became unreadable, 130 interrupted.
 PlanSent sendPlan(const SourcePlan& plan, orin::xfer::host::NetworkSenderOptions senderOptions,
-                  const TransferOptions& options, bool showProgress, ToolContext& context,
+                  const TransferOptions& options, SendChoices choices, ToolContext& context,
                   const OpenSenderLink& open);
 
 }  // namespace xferfm::cli

@@ -80,7 +80,9 @@ int push(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
     // It outlives the sender, which is gone when sendPlan returns.
     std::optional<RemoteLink> link;
     host::NetworkSenderOptions senderOptions;
-    const PlanSent sent = sendPlan(plan, senderOptions, options, options.showProgress && !options.quiet, context,
+    SendChoices choices;
+    choices.showProgress = options.showProgress && !options.quiet;
+    const PlanSent sent = sendPlan(plan, senderOptions, options, std::move(choices), context,
                                    [&](host::NetworkSender& sender, std::string&) {
                                        link.emplace(invocation, context.console);
                                        link->awaitFarSide([&context] { return context.signals.interrupted(); });
@@ -169,6 +171,7 @@ int exitCodeOfPull(const host::ReceivedSession& session)
     case Outcome::kVerifyFailed: return toInt(ExitCode::kVerifyMismatch);
     case Outcome::kCancelled: return toInt(ExitCode::kInterrupted);
     case Outcome::kLinkLost: return toInt(ExitCode::kLinkFailed);
+    case Outcome::kCancelledBySender: return toInt(ExitCode::kCancelledByPeer);
     case Outcome::kListTimeout:
     case Outcome::kStalled: return toInt(ExitCode::kReceiverStalled);
     case Outcome::kFailed: break;

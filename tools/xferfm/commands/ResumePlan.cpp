@@ -1,19 +1,17 @@
+// The note and the rules are the host kit's (xferfm/host/ResumeNote.h),
+// shared with a network receiver that resumes; this applies them to the
+// tool's plan.
 #include "ResumePlan.h"
 
-#include <json/json.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <fstream>
-#include <memory>
 #include <set>
-#include <sstream>
+
+#include "xferfm/host/ResumeNote.h"
 
 namespace xferfm::cli {
 namespace {
 
-std::string notePath(const std::string& destinationDir) { return destinationDir + "/" + kResumeNoteName; }
+namespace host = orin::xfer::host;
 
 bool isDirectoryEntry(const SourcePlan& plan, const std::string& relativePath)
 {
@@ -25,73 +23,27 @@ bool isDirectoryEntry(const SourcePlan& plan, const std::string& relativePath)
     return false;
 }
 
-// Where the entry at `relativePath` is in DEST_DIR when it continues.
-std::string resumedPath(const std::string& destinationDir, const std::map<std::string, std::string>& resumeNames,
-                        const std::string& relativePath)
-{
-    const size_t slash = relativePath.find('/');
-    const auto top = resumeNames.find(relativePath.substr(0, slash));
-    if (top == resumeNames.end()) {
-        return "";
-    }
-    return destinationDir + "/" + top->second + (slash == std::string::npos ? "" : relativePath.substr(slash));
-}
-
 }  // namespace
 
 std::map<std::string, std::string> readResumeNote(const std::string& destinationDir)
 {
-    std::map<std::string, std::string> landed;
-    std::ifstream in(notePath(destinationDir));
-    if (!in) {
-        return landed;
-    }
-    Json::Value document;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    if (!Json::parseFromStream(builder, in, &document, &errors) || !document.isObject() ||
-        !document["landed"].isObject()) {
-        return landed;
-    }
-    for (const std::string& name : document["landed"].getMemberNames()) {
-        const Json::Value& finalName = document["landed"][name];
-        if (finalName.isString() && !finalName.asString().empty() &&
-            finalName.asString().find('/') == std::string::npos) {
-            landed[name] = finalName.asString();
-        }
-    }
-    return landed;
+    return host::ReadResumeNote(destinationDir);
 }
 
 void writeResumeNote(const std::string& destinationDir, const std::map<std::string, std::string>& landed)
 {
-    Json::Value document(Json::objectValue);
-    document["landed"] = Json::Value(Json::objectValue);
-    for (const auto& [name, finalName] : landed) {
-        document["landed"][name] = finalName;
-    }
-    std::ofstream out(notePath(destinationDir), std::ios::trunc);
-    out << Json::writeString(Json::StreamWriterBuilder(), document) << '\n';
+    host::WriteResumeNote(destinationDir, landed);
 }
 
-void removeResumeNote(const std::string& destinationDir) { ::unlink(notePath(destinationDir).c_str()); }
+void removeResumeNote(const std::string& destinationDir) { host::RemoveResumeNote(destinationDir); }
 
 std::map<std::string, std::string> chooseResumeNames(const SourcePlan& plan, const std::string& destinationDir)
 {
-    const std::map<std::string, std::string> note = readResumeNote(destinationDir);
-    std::map<std::string, std::string> names;
+    std::vector<host::TopLevelEntry> topLevel;
     for (const std::string& name : plan.topLevelNames) {
-        const auto noted = note.find(name);
-        const std::string candidate = noted != note.end() ? noted->second : note.empty() ? name : "";
-        struct stat status {};
-        if (candidate.empty() || ::lstat((destinationDir + "/" + candidate).c_str(), &status) != 0) {
-            continue;
-        }
-        if (S_ISDIR(status.st_mode) == isDirectoryEntry(plan, name)) {
-            names[name] = candidate;
-        }
+        topLevel.push_back({name, isDirectoryEntry(plan, name)});
     }
-    return names;
+    return host::ChooseResumeNames(destinationDir, topLevel);
 }
 
 uint64_t leaveOutCompleteFiles(SourcePlan& plan, const std::string& destinationDir,
@@ -99,13 +51,9 @@ uint64_t leaveOutCompleteFiles(SourcePlan& plan, const std::string& destinationD
 {
     std::set<std::string> complete;
     for (const SourceEntry& entry : plan.entries) {
-        const std::string there = entry.isDirectory ? "" : resumedPath(destinationDir, resumeNames, entry.relativePath);
-        struct stat status {};
-        if (there.empty() || ::lstat(there.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-            continue;
-        }
-        if (static_cast<uint64_t>(status.st_size) == entry.size &&
-            status.st_mtim.tv_sec == entry.modified.tv_sec && status.st_mtim.tv_nsec == entry.modified.tv_nsec) {
+        const std::string there =
+            entry.isDirectory ? "" : host::ResumedPath(destinationDir, resumeNames, entry.relativePath);
+        if (!there.empty() && host::IsCompleteCopy(there, entry.size, entry.modified)) {
             complete.insert(entry.relativePath);
         }
     }

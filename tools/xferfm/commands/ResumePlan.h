@@ -8,6 +8,9 @@
 // there with the source's size and modification time, and sends the rest.
 // The note goes once a copy into DEST_DIR completes.
 //
+// The note and its rules are the host kit's (xferfm/host/ResumeNote.h);
+// these apply them to the tool's SourcePlan.
+//
 // Threading: plain functions for the command's thread.
 #pragma once
 
@@ -16,10 +19,11 @@
 #include <string>
 
 #include "SourcePlan.h"
+#include "xferfm/host/ResumeNote.h"
 
 namespace xferfm::cli {
 
-inline constexpr const char* kResumeNoteName = ".xferfm-resume";
+using orin::xfer::host::kResumeNoteName;
 
 // Top-level name -> name in DEST_DIR, from the note ({} when there is none).
 std::map<std::string, std::string> readResumeNote(const std::string& destinationDir);

@@ -1,10 +1,11 @@
 #include "SendCommand.h"
 
 #include <chrono>
-#include <cstdio>
 #include <iostream>
 
+#include "CopyReport.h"
 #include "PlanSending.h"
+#include "SendReport.h"
 #include "SourcePlan.h"
 #include "ToolError.h"
 #include "xferfm/host/NetworkSender.h"
@@ -15,18 +16,7 @@ namespace xferfm::cli {
 namespace {
 
 namespace host = orin::xfer::host;
-
 constexpr std::chrono::seconds kConnectTimeout{10};
-
-std::string summaryLine(const host::TransferSummary& summary, const std::string& address, double seconds)
-{
-    const double mebibytes = static_cast<double>(summary.bytesDone) / (1024.0 * 1024.0);
-    char text[300];
-    std::snprintf(text, sizeof text, "sent %zu files (%llu bytes) to %s in %.2f s, %.1f MiB/s", summary.filesDone,
-                  static_cast<unsigned long long>(summary.bytesDone), address.c_str(), seconds,
-                  seconds > 0.0 ? mebibytes / seconds : 0.0);
-    return text;
-}
 
 }  // namespace
 
@@ -39,17 +29,37 @@ int runSend(const SendOptions& options, ToolContext& context)
     if (options.stdio && !host::TakeStandardStreams(stream, error)) {
         throw ToolError(ExitCode::kLinkFailed, error);
     }
-    const SourcePlan plan = planSources(options.sources);
+    // Every entry that cannot be copied is found and named before anything
+    // is sent, as `copy` does; the sender offers what is left.
+    SendOutcome outcome;
+    outcome.plan = planSources(options.sources, options.strict ? Uncopyable::kRefuse : Uncopyable::kSkip,
+                               options.excludes);
+    const SourcePlan& plan = outcome.plan;
+    reportSkipped(plan.skipped, context.console);
+    const ReportStyle style = reportStyleOf(options);
     host::NetworkSenderOptions senderOptions;
     if (!options.stdio && !host::ParseHostPort(options.address, senderOptions.address, error)) {
         throw ToolError(ExitCode::kUsage, error);
     }
     const std::string receiverName = options.stdio ? stream.peer : options.address;
+    outcome.address = receiverName;
+    SendChoices choices;
+    choices.showProgress = options.showProgress && !options.quiet;
+    if (options.verbose && options.json) {
+        choices.fileLine = [&context](const std::string& line) { context.console.writeLine(line); };  // stdout holds the JSON
+    } else if (options.verbose && !options.quiet) {
+        choices.fileLine = [](const std::string& line) { std::cout << line << '\n'; };
+    }
+    // The receiver notes under which names what landed stays, so a resumed
+    // send continues there.
+    choices.interruptHint = ". To send the rest, run the same command again with --resume";
     senderOptions.connectTimeout = kConnectTimeout;
     senderOptions.progressTimeout =
         std::chrono::milliseconds(static_cast<int64_t>(options.progressTimeoutSeconds * 1000));
+    senderOptions.offer.dryRun = options.dryRun;
+    senderOptions.offer.resume = options.resume;
 
-    const PlanSent sent = sendPlan(plan, senderOptions, options, options.showProgress && !options.quiet, context,
+    const PlanSent sent = sendPlan(plan, senderOptions, options, std::move(choices), context,
                                    [&options, &stream](host::NetworkSender& sender, std::string& failure) {
                                        if (options.stdio) {
                                            sender.Attach(std::move(stream));
@@ -58,18 +68,29 @@ int runSend(const SendOptions& options, ToolContext& context)
                                        return sender.Connect(failure);
                                    });
     const host::SentSession& result = sent.result;
-    if (!options.quiet) {
-        if (result.verdict && result.verdict->matched) {
-            std::cout << host::PrintableText(result.verdict->Text()) << "\n";
-        }
-        std::cout << summaryLine(result.summary, receiverName, sent.seconds) << std::endl;
+    const double seconds = sent.seconds;
+    const host::TransferSummary& summary = result.summary;
+
+    using Outcome = host::SentSession::Outcome;
+    outcome.filesSent = summary.filesDone;
+    outcome.bytesSent = summary.bytesDone;
+    outcome.seconds = seconds;
+    outcome.verdict = result.verdict;
+    outcome.dryRun = result.outcome == Outcome::kPreviewed;
+    outcome.landings = result.landings;
+    outcome.alreadyComplete = result.alreadyComplete.size();
+    for (const host::SkippedEntry& entry : summary.skipped) {
+        outcome.refused.push_back({entry.path, entry.reason});
     }
-    if (result.outcome == host::SentSession::Outcome::kPartial) {
+    if (result.outcome == Outcome::kPartial && outcome.refused.empty()) {
+        outcome.refused.push_back({"", summary.error});  // the exit code must say so all the same
+    }
+    const int exitCode = reportSend(outcome, style);
+    if (result.outcome == Outcome::kPartial) {
         // Each entry was named on stderr as it was refused; this sums up.
-        throw ToolError(ExitCode::kNamesRefused,
-                        "not everything was sent: " + host::PrintableText(result.summary.error));
+        context.console.writeLine("xferfm: not everything was sent: " + host::PrintableText(summary.error));
     }
-    return toInt(ExitCode::kOk);
+    return exitCode;
 }
 
 }  // namespace xferfm::cli

@@ -48,10 +48,26 @@ void writePortFile(const std::string& path, uint16_t port)
 // Prints what the kit's receiver reports, as it happens.
 class ServePrinter final : public host::NetworkReceiverObserver {
 public:
-    // `quiet`: no line for a session that went well.
-    ServePrinter(ToolContext& context, std::chrono::milliseconds listTimeout, bool quiet)
-        : mContext(context), mListTimeout(listTimeout), mQuiet(quiet)
+    ServePrinter(ToolContext& context, const ServeOptions& options, const std::string& destination,
+                 std::chrono::milliseconds listTimeout)
+        : mContext(context), mOptions(options), mDestination(destination), mListTimeout(listTimeout)
     {
+    }
+
+    // -v: one line per file as it lands (on stderr when stdout holds JSON).
+    void OnFileReceived(unsigned number, const std::string& name, const std::string& finalPath) override
+    {
+        if (!mOptions.verbose) {
+            return;
+        }
+        const std::string line = host::PrintableText("session " + std::to_string(number) + ": received " + name +
+                                                     " -> " + finalPath);
+        if (mOptions.json) {
+            mContext.console.writeLine(line);
+        } else if (!mOptions.quiet) {
+            std::lock_guard<std::mutex> lock(mStdoutMutex);
+            std::cout << line << '\n';
+        }
     }
 
     // One session's refusals come from its delivery thread, in order.
@@ -78,14 +94,17 @@ public:
     }
     void OnSessionEnded(const host::ReceivedSession& session) override
     {
-        if (!mQuiet) {
+        mExitCode = exitCodeOf(session);
+        std::lock_guard<std::mutex> lock(mStdoutMutex);
+        if (mOptions.json) {
+            std::cout << sessionJson(session, mDestination, mListTimeout) << std::endl;
+        } else if (!mOptions.quiet) {
             printMappedNames(session.summary.namesMapped,
                              host::PrintableText(sessionPrefix(session.number, session.peer)));
-        }
-        mExitCode = exitCodeOf(session);
-        if (!mQuiet || mExitCode != toInt(ExitCode::kOk)) {
-            // On stdout, which is stderr under --stdio.
             std::cout << sessionLine(session, mListTimeout) << std::endl;
+        } else if (mExitCode != toInt(ExitCode::kOk)) {
+            // Quiet keeps stdout empty; a failed session still says why.
+            mContext.console.writeLine("xferfm serve: " + sessionLine(session, mListTimeout));
         }
     }
     void OnTurnedAway(const std::string& peer) override
@@ -99,8 +118,10 @@ public:
 
 private:
     ToolContext& mContext;
+    const ServeOptions& mOptions;
+    const std::string mDestination;
     const std::chrono::milliseconds mListTimeout;
-    const bool mQuiet;
+    std::mutex mStdoutMutex;  // the file lines and the session lines come from different threads
     std::mutex mRefusalMutex;
     unsigned mRefusalSession = 0;
     size_t mRefusals = 0;
@@ -144,7 +165,8 @@ int serveOverStandardStreams(const ServeOptions& options, ToolContext& context)
     host::NetworkReceiverOptions receiverOptions;
     receiverOptions.destinationDir = destination;
     receiverOptions.names = receiverNameRules(options);
-    ServePrinter printer(context, receiverOptions.listTimeout, options.quiet);
+    receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
+    ServePrinter printer(context, options, destination, receiverOptions.listTimeout);
     host::NetworkReceiver receiver(receiverOptions, printer);
     receiveUntilStopped(receiver, context, [&] { receiver.RunOne(std::move(stream)); });
     return printer.lastExitCode();
@@ -167,7 +189,7 @@ int runServe(const ServeOptions& options, ToolContext& context)
     if (!listener.Valid()) {
         throw ToolError(ExitCode::kTransferFailed, error);
     }
-    if (!options.quiet) {
+    if (!options.quiet && !options.json) {
         std::cout << "xferfm serve: listening on " << listener.Address() << ", receiving into " << destination
                   << std::endl;
     }
@@ -179,7 +201,10 @@ int runServe(const ServeOptions& options, ToolContext& context)
     receiverOptions.destinationDir = destination;
     receiverOptions.maxSessions = options.once ? 1 : 0;
     receiverOptions.names = receiverNameRules(options);
-    ServePrinter printer(context, receiverOptions.listTimeout, options.quiet);
+    // The sender's modes under this process's umask, as scp and rsync
+    // without -p land them; exact with -p.
+    receiverOptions.permissionMask = options.preservePermissions ? 0 : options.umask;
+    ServePrinter printer(context, options, destination, receiverOptions.listTimeout);
     host::NetworkReceiver receiver(listener, receiverOptions, printer);
     receiveUntilStopped(receiver, context, [&receiver] { receiver.Run(); });
     if (options.once) {

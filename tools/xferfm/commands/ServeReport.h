@@ -40,7 +40,19 @@ std::string sessionPrefix(unsigned number, const std::string& peer);
 // The session's line, its bytes from the sender made printable.
 std::string sessionLine(const orin::xfer::host::ReceivedSession& session, std::chrono::milliseconds listTimeout);
 
-// 0 ok, 1 failed, 6 verification failed, 7 names refused, 130 interrupted.
+// The session as one line of JSON (serve --json): {"session", "peer",
+// "destination", "dryRun", "alreadyComplete", "resumable", "outcome" ("ok", "refused", "verify-failed", "interrupted",
+// "cancelled-by-sender", "link-lost", "list-timeout", "stalled", "failed"),
+// "failure" (the session line's reason, "" when ok), "files",
+// "directories", "bytes", "seconds", "refused": [reason...], "renamed":
+// [{"name", "finalName"}], "verify": null or {"filesCompared",
+// "filesDiffering", "matched"}, "exitCode"}. Text from the sender is made
+// printable.
+std::string sessionJson(const orin::xfer::host::ReceivedSession& session, const std::string& destination,
+                        std::chrono::milliseconds listTimeout);
+
+// 0 ok, 1 failed, 6 verification failed, 7 names refused, 8 link lost, 10
+// cancelled by the sender, 130 interrupted.
 int exitCodeOf(const orin::xfer::host::ReceivedSession& session);
 
 }  // namespace xferfm::cli

@@ -23,7 +23,7 @@ _xferfm()
 
     # Options that take a value.
     case "$prev" in
-        --bandwidth|--window|--listen|--exclude)
+        --bandwidth|--window|--listen|--exclude|--progress-timeout)
             return 0 ;;
         -e|--rsh)
             COMPREPLY=($(compgen -c -- "$cur"))
@@ -52,9 +52,11 @@ _xferfm()
                      --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict
                      -e --rsh --xferfm-path --names --name-action" ;;
         send)
-            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout --stdio -q --quiet" ;;
+            options="--help --bandwidth --window --verify --log-level --no-progress --progress-timeout --stdio
+                     --resume -n --dry-run --exclude -q --quiet -v --verbose --json --strict" ;;
         serve)
-            options="--help --listen --once --port-file --stdio -q --quiet --log-level --names --name-action" ;;
+            options="--help --listen --once --port-file --stdio --log-level -p --preserve-perms -q --quiet -v
+                     --verbose --json --names --name-action" ;;
         demo)
             options="--help --log-level --no-progress" ;;
     esac

@@ -45,6 +45,9 @@ enum class FrameType : uint8_t {
     kEndOfList = 0x18,
     kDisconnect = 0x19,
     kEntryRefused = 0x1A,
+    kOfferOptions = 0x1B,
+    kEntryLanding = 0x1C,
+    kEntryComplete = 0x1D,
 };
 
 // A printable name of a frame type byte ("unknown" for others).

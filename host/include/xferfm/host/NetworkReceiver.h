@@ -39,7 +39,8 @@
 //    OnSessionStarted, OnSessionEnded and OnAcceptFailed from Run's thread;
 //    OnEntryRefused from the session's delivery thread (all of a session's
 //    refusals before its first file is asked for, and before its
-//    OnSessionEnded); OnTurnedAway from the thread that watches the
+//    OnSessionEnded); OnFileReceived from the session's endpoint threads,
+//    one at a time and before its OnSessionEnded; OnTurnedAway from the thread that watches the
 //    waiting senders. They must be quick; they may call Stop, never Run.
 // 4. Lifetime: the listener and the observer must outlive the receiver;
 //    destroy the receiver only after Run (or RunOne) has returned. RunOne
@@ -99,20 +100,25 @@ struct NetworkReceiverOptions {
     // kRefused; their index counts in the list after the guard's
     // refusals), the mapped ones are in the summary's namesMapped.
     std::optional<ReceiverNameRules> names;
+    // Bits cleared from every mode a sender lists (ReceiverOptions): pass
+    // the process umask to land files the way `cp` without -p does; 0, the
+    // default, keeps the sender's modes exact.
+    uint32_t permissionMask = 0;
 };
 
 // How one session ended, and what it brought.
 struct ReceivedSession {
     enum class Outcome {
-        kOk,            // every entry offered arrived
-        kRefused,       // the refused entries were left out, the rest arrived
-        kVerifyFailed,  // everything arrived, but copies differ from their sources
-        kCancelled,     // Stop was called during the session
-        kListTimeout,   // the sender offered no list within listTimeout
-        kStalled,       // no file data moved for progressTimeout after the list
-        kLinkLost,      // the sender ended or broke the link before the session was over, without a goodbye
-                        // (its process exited, say): `failure` says what was cut
-        kFailed,        // anything else: `failure` says why
+        kOk,                 // every entry offered arrived
+        kRefused,            // the refused entries were left out, the rest arrived
+        kVerifyFailed,       // everything arrived, but copies differ from their sources
+        kCancelled,          // Stop was called during the session
+        kCancelledBySender,  // the sender cancelled the copy (its user pressed Ctrl-C, say)
+        kListTimeout,        // the sender offered no list within listTimeout
+        kStalled,            // no file data moved for progressTimeout after the list
+        kLinkLost,           // the sender ended or broke the link before the session was over, without a goodbye
+                             // (its process exited, say): `failure` says what was cut
+        kFailed,             // anything else: `failure` says why
     };
     unsigned number = 0;  // 1 for the first session of Run
     std::string peer;     // "HOST:PORT" of the sender, or the label of the stream
@@ -125,6 +131,16 @@ struct ReceivedSession {
     // Top-level entries that landed under another name because theirs was
     // taken in the destination: (name offered, name it landed as).
     std::vector<std::pair<std::string, std::string>> renamed;
+    // What the sender asked beyond a plain copy (OfferOptions), and the
+    // answer: where each top-level entry lands (or would, in a dry run,
+    // which lands nothing) and, resuming, how many files were complete
+    // already and kept.
+    OfferOptions offer;
+    std::vector<EntryLanding> landings;
+    uint64_t entriesComplete = 0;
+    // The session was cut short after entries landed: the destination's
+    // resume note (ResumeNote.h) names them, and a resumed offer continues.
+    bool resumable = false;
 };
 
 class NetworkReceiverObserver {
@@ -136,6 +152,12 @@ public:
     virtual void OnEntryRefused(unsigned number, const std::string& peer, const RefusedEntry& entry)
     {
         (void)number, (void)peer, (void)entry;
+    }
+    // A file of the session landed under `finalPath` (`name` as the list
+    // names it).
+    virtual void OnFileReceived(unsigned number, const std::string& name, const std::string& finalPath)
+    {
+        (void)number, (void)name, (void)finalPath;
     }
     virtual void OnSessionEnded(const ReceivedSession& session) { (void)session; }
     // A waiting sender was told the receiver is busy.

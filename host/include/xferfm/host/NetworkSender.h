@@ -50,6 +50,8 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -70,12 +72,18 @@ struct NetworkSenderOptions {
     std::chrono::milliseconds progressTimeout{60000};
     SenderOptions endpoint;
     FileDigests digests;  // empty: no verification
+    // A dry run (the receiver says where each top-level entry would land and
+    // what it refuses; nothing is sent or written) or a resume (the receiver
+    // continues under the names an interrupted copy landed as and keeps what
+    // is complete; those entries are not sent). Only with Offer(plan).
+    OfferOptions offer;
 };
 
 // How the session ended.
 struct SentSession {
     enum class Outcome {
-        kCompleted,     // every entry went over
+        kCompleted,     // every entry went over (resuming: or was complete at the receiver already)
+        kPreviewed,     // a dry run: the receiver answered with `landings` and its refusals; nothing went over
         kPartial,       // the receiver refused some entries; the rest went over
         kVerifyFailed,  // the receiver found copies that differ from their sources
         kCancelled,     // Cancel was called
@@ -88,6 +96,11 @@ struct SentSession {
     TransferSummary summary;
     std::optional<VerifyVerdict> verdict;  // the receiver's, when digests went along
     std::optional<DisconnectReason> goodbye;  // why the receiver ended the session, when it said so
+    // Asked with `offer`: where each top-level entry landed (or would), and,
+    // resuming, the entries the receiver had complete (by their relative
+    // path), which were not sent and are not in summary.skipped.
+    std::vector<EntryLanding> landings;
+    std::vector<std::string> alreadyComplete;
 };
 
 class NetworkSender final {
@@ -139,6 +152,17 @@ private:
     std::optional<VerifyVerdict> mVerdict;
     std::optional<std::string> mLinkLost;
     std::optional<DisconnectReason> mGoodbye;  // the receiver's, from its Disconnect
+    // What the receiver answered to mOptions.offer, and the plan's paths to
+    // read it by (list index -> source path, relative path -> source path).
+    class SkipFilter;
+    std::unique_ptr<SkipFilter> mSkipFilter;  // between the endpoint and the host's observer
+    std::vector<std::string> mSourceByIndex;
+    std::map<std::string, std::string> mSourceByName;
+    std::vector<EntryLanding> mLandings;
+    std::set<std::string> mCompleteSources;
+    std::vector<std::string> mCompleteNames;
+    std::set<std::string> mRefusedSources;
+    bool IsQuietSkip(const std::string& sourcePath) const;  // with mMutex held
 };
 
 }  // namespace orin::xfer::host

@@ -51,6 +51,7 @@
 #include <chrono>
 #include <map>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -94,6 +95,11 @@ struct ReceiverOptions {
     std::map<std::string, std::string> resumeNames;
     // Unset: every name lands byte for byte as the sender sent it.
     std::optional<ReceiverNameRules> names;
+    // The same, for a link that learns them from the list itself (a network
+    // session resuming): when set, called once as the list arrives, on the
+    // transport's delivery thread and before anything lands; its names are
+    // added to resumeNames.
+    std::function<std::map<std::string, std::string>()> resumeNamesFromLink;
     ReceiverObserver* observer = nullptr;  // not owned; may be null
 };
 

@@ -107,6 +107,9 @@ public:
     {
         (void)sourcePath, (void)reason;
     }
+    // Resuming over a network link (NetworkSender): the receiver has this
+    // entry complete already and keeps it; it is not sent, and not skipped.
+    virtual void OnEntryKept(const std::string& sourcePath) { (void)sourcePath; }
     virtual void OnFailure(const std::string& path, const std::string& message) { (void)path, (void)message; }
     virtual void OnFinished(const TransferSummary& summary) { (void)summary; }
 };

@@ -6,6 +6,10 @@
 //                                      <-      FileListMessage (JSON list)
 //   EntryRefused for each entry the
 //   receiver will not take              ->
+//   (asked with OfferOptions ahead of the list: an EntryLanding for each
+//   top-level entry and, resuming, an EntryComplete for each entry it has
+//   complete already, which it then never asks for; a dry run ends here,
+//   with nothing asked for and nothing written)
 //   for each other entry, in list order:
 //   NextFileRequest (task id, index)   ->
 //                                      <-      FileStart (transfer id, window)
@@ -48,8 +52,9 @@
 namespace orin::xfer::host {
 
 // Changes whenever a message is added or its meaning changes (2: entries
-// may be refused one by one). The link's hello carries the same number.
-constexpr uint32_t kProtocolVersion = 2;
+// may be refused one by one; 3: OfferOptions, EntryLanding, EntryComplete).
+// The link's hello carries the same number.
+constexpr uint32_t kProtocolVersion = 3;
 
 // Receiver -> sender: opens the session and asks for the list on offer.
 struct FileListRequest {
@@ -114,6 +119,28 @@ struct EntryRefused {
     std::string reason;  // names the entry and the rule it broke
 };
 
+// Sender -> receiver, right before its FileListMessage, when it wants more
+// than a plain copy of the list.
+struct OfferOptions {
+    bool dryRun = false;  // say where each entry would land and what is refused; ask for nothing, write nothing
+    bool resume = false;  // continue an interrupted copy: reuse the names it landed under, keep what is complete
+};
+
+// Receiver -> sender, asked with OfferOptions: where a top-level entry of
+// the list lands (or would, in a dry run).
+struct EntryLanding {
+    std::string name;      // the top-level name as offered
+    std::string landedAs;  // its name in the destination: the same, a "name(1)" rename, or the resumed name
+    bool resumed = false;  // continues what an interrupted copy landed as `landedAs`
+};
+
+// Receiver -> sender, resuming: the entry with request name `name` is
+// complete in the destination (same size and modification time); it is
+// kept and never asked for.
+struct EntryComplete {
+    std::string name;
+};
+
 // Either way: this end leaves the session. Read why with ReasonOf (and
 // VerdictOf after a verification); build the ones with a fixed meaning
 // with the functions below rather than by hand.
@@ -123,7 +150,8 @@ struct Disconnect {
 };
 
 using Message = std::variant<FileListRequest, FileListMessage, NextFileRequest, FileStart, FileAccept, FileData,
-                             DataAck, TransferError, EndOfList, EntryRefused, Disconnect>;
+                             DataAck, TransferError, EndOfList, EntryRefused, Disconnect, OfferOptions, EntryLanding,
+                             EntryComplete>;
 
 // Data messages are the ones subject to backpressure.
 inline bool IsDataMessage(const Message& message)
