@@ -35,7 +35,6 @@
 #include <vector>
 
 #include "DestinationFiles.h"
-#include "FileListTimes.h"
 #include "xferfm/host/FileList.h"
 
 namespace orin::xfer::host::detail {
@@ -56,9 +55,6 @@ public:
     // `propose` gives duplicate names (the engine's rule); the bits of
     // `permissionMask` are cleared from every listed mode (0: exact modes).
     FileLanding(NameProposer propose, uint32_t permissionMask, std::map<std::string, std::string> resumeNames = {});
-
-    // The sender's modification times, applied as entries land.
-    void KeepModificationTimes(ModificationTimes times);
 
     // Resolves `destinationDir` and makes the cache directory inside it;
     // `adoptCache` hands the fresh cache to the engine before it becomes
@@ -109,14 +105,11 @@ private:
     const std::string* ResumedName(const std::string& requestName) const;
     // The listed mode of `entry` less the mask.
     uint32_t WantedMode(const FileListEntry& entry) const;
-    // The sender's time for request name `name`, if it sent one.
-    bool TimeOf(const std::string& name, timespec& modified) const;
 
     const NameProposer mPropose;
     const uint32_t mPermissionMask;
     const std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
     mutable std::mutex mMutex;  // guards everything below
-    ModificationTimes mTimes;
     std::string mDestination;
     std::string mCacheDir;
     std::map<std::string, std::string> mFinalDirectories;  // request name -> final path

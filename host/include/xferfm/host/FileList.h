@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,9 @@ struct FileListEntry {
     bool isDirectory = false;
     uint32_t mode = 0;      // permission bits (0 when the sender did not say)
     uint64_t fileSize = 0;  // bytes; for a directory the sum beneath it
+    bool hasModified = false;  // the list carried a well-formed "mtime"
+    timespec modified{};       // the source's modification time, when hasModified
+    std::string sha256;        // the content digest the sender offered (64 hex digits), or ""
 
     // filePath + "/" + fileName, or fileName alone at the top.
     std::string RequestName() const;

@@ -10,6 +10,8 @@
 #include <map>
 #include <string>
 
+#include "xferfm/host/FileList.h"
+
 namespace orin::xfer::host {
 
 // Request name ("dir/sub/name") -> lower-case hex SHA-256.
@@ -23,5 +25,9 @@ bool AddFileDigests(std::string& json, const FileDigests& digests, std::string& 
 // The digests a list carries; empty when it carries none or cannot be read.
 // Values that are not 64 hex digits are left out.
 FileDigests FileDigestsOf(const std::string& json);
+
+// The digests of a list read already (ParseFileList, or the receiving
+// link's one reading of it): the same as FileDigestsOf on its text.
+FileDigests FileDigestsOf(const ParsedFileList& list);
 
 }  // namespace orin::xfer::host
