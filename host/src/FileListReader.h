@@ -25,6 +25,7 @@ namespace orin::xfer::host::detail {
 // One entry as read, before any rule about names or order is applied.
 struct ReadEntry {
     size_t index = 0;       // in the list as written
+    size_t openAt = 0;      // byte offset where the entry's value starts
     size_t closeAt = 0;     // byte offset of the entry's closing '}'
     bool empty = true;      // the object has no keys at all
     bool hasTime = false;   // an "mtime" key is present (well-formed or not)
