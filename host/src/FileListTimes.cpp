@@ -4,13 +4,14 @@
 
 namespace orin::xfer::host::detail {
 
-bool AddModificationTimes(std::string& json, const SourcePlan& plan, std::string& error)
+bool AddModificationTimes(std::string& json, const SourcePlan& plan, std::string& error, size_t firstEntry)
 {
-    const auto keyFor = [&plan](const ReadEntry& read) {
-        if (!read.problem.empty() || read.hasTime || read.index >= plan.entries.size()) {
+    const auto keyFor = [&plan, firstEntry](const ReadEntry& read) {
+        const size_t index = firstEntry + read.index;
+        if (!read.problem.empty() || read.hasTime || index >= plan.entries.size()) {
             return std::string();
         }
-        const SourceEntry& source = plan.entries[read.index];
+        const SourceEntry& source = plan.entries[index];
         if (read.entry.RequestName() != source.relativePath) {
             return std::string();  // not the plan's entry: left without a time
         }

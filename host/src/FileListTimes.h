@@ -9,6 +9,7 @@
 // THREADING CONTRACT: pure functions; safe anywhere.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "xferfm/host/SourcePlan.h"
@@ -16,8 +17,10 @@
 namespace orin::xfer::host::detail {
 
 // Adds each plan entry's time to the entry of the same request name in the
-// engine's list `json` (the plan's order). False with `error` when the list
-// cannot be read; `json` is then unchanged.
-bool AddModificationTimes(std::string& json, const SourcePlan& plan, std::string& error);
+// engine's list `json` (the plan's order; the list's first entry is plan
+// entry `firstEntry`, so a slice of the list can be given its times on its
+// own). False with `error` when the list cannot be read; `json` is then
+// unchanged.
+bool AddModificationTimes(std::string& json, const SourcePlan& plan, std::string& error, size_t firstEntry = 0);
 
 }  // namespace orin::xfer::host::detail

@@ -127,16 +127,22 @@ bool SenderEndpoint::Impl::offer(const SourcePlan& plan, std::string& error)
     // The whole list goes into the JSON, which the engine writes a slice
     // at a time (SlicedListText.h); the engine then only ever holds a short
     // slice (see OfferedList.cpp).
-    std::string json = detail::SlicedListText(list, [this](const std::vector<FileDescription>& slice) {
-        mManager->TriggerLocalCopy(slice);
-        mManager->SendFileDesc();  // onSendFileDesc keeps the text
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mList.TakeJson();
-    });
+    std::string json =
+        detail::SlicedListText(list, [this, &plan](const std::vector<FileDescription>& slice, size_t first) {
+            mManager->TriggerLocalCopy(slice);
+            mManager->SendFileDesc();  // onSendFileDesc keeps the text
+            std::string text;
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                text = mList.TakeJson();
+            }
+            // The engine's list has no times: the kit adds its own field,
+            // slice by slice, so the whole text is never copied for it.
+            std::string ignored;  // unreadable: the slice goes out without times
+            detail::AddModificationTimes(text, plan, ignored, first);
+            return text;
+        });
     {
-        // The engine's list has no times: the kit adds its own field.
-        std::string ignored;  // unreadable: the list goes out without times
-        detail::AddModificationTimes(json, plan, ignored);
         std::lock_guard<std::mutex> lock(mMutex);
         mList.KeepJson(std::move(json));
     }

@@ -32,12 +32,11 @@ bool SpanOf(const std::string& text, EntrySpan& span)
 
 }  // namespace
 
-std::string SlicedListText(const std::vector<FileDescription>& entries,
-                           const std::function<std::string(const std::vector<FileDescription>&)>& writeSlice,
+std::string SlicedListText(const std::vector<FileDescription>& entries, const SliceWriter& writeSlice,
                            size_t sliceEntries)
 {
     if (entries.size() <= sliceEntries) {
-        return writeSlice(entries);
+        return writeSlice(entries, 0);
     }
     std::string joined;
     std::string ending;
@@ -45,10 +44,10 @@ std::string SlicedListText(const std::vector<FileDescription>& entries,
         const size_t end = std::min(entries.size(), start + sliceEntries);
         const std::vector<FileDescription> slice(entries.begin() + static_cast<std::ptrdiff_t>(start),
                                                  entries.begin() + static_cast<std::ptrdiff_t>(end));
-        const std::string text = writeSlice(slice);
+        const std::string text = writeSlice(slice, start);
         EntrySpan span;
         if (!SpanOf(text, span) || span.count != slice.size()) {
-            return writeSlice(entries);
+            return writeSlice(entries, 0);
         }
         if (start == 0) {
             joined.reserve(text.size() / slice.size() * entries.size() + text.size());

@@ -23,11 +23,12 @@ namespace orin::xfer::host::detail {
 // Entries the engine is handed at a time while it writes the list.
 inline constexpr size_t kListSliceEntries = 4096;
 
-// `writeSlice` hands the engine a slice and returns the text the engine
-// wrote for it. A slice whose text cannot be read ends the slicing: the
+// `writeSlice` hands the engine a slice (whose first entry is entry
+// `first` of the list) and returns the text the engine wrote for it, with
+// whatever the caller adds to it. A slice whose text cannot be read ends the slicing: the
 // whole list is then written in one go, as the engine always could.
-std::string SlicedListText(const std::vector<FileDescription>& entries,
-                           const std::function<std::string(const std::vector<FileDescription>&)>& writeSlice,
+using SliceWriter = std::function<std::string(const std::vector<FileDescription>& slice, size_t first)>;
+std::string SlicedListText(const std::vector<FileDescription>& entries, const SliceWriter& writeSlice,
                            size_t sliceEntries = kListSliceEntries);
 
 }  // namespace orin::xfer::host::detail

@@ -44,14 +44,17 @@ TEST(SlicedListText, SlicesJoinIntoOneListInOrderEndingWithTheLastSlicesRoot)
 {
     const std::vector<FileDescription> entries = Entries(10);
     std::vector<size_t> sliceSizes;
+    std::vector<size_t> firsts;
     const std::string text = detail::SlicedListText(
         entries,
-        [&sliceSizes](const std::vector<FileDescription>& slice) {
+        [&sliceSizes, &firsts](const std::vector<FileDescription>& slice, size_t first) {
             sliceSizes.push_back(slice.size());
+            firsts.push_back(first);
             return EngineLikeText(slice);
         },
         3);
     EXPECT_EQ(sliceSizes, (std::vector<size_t>{3, 3, 3, 1}));
+    EXPECT_EQ(firsts, (std::vector<size_t>{0, 3, 6, 9}));
     ParsedFileList list;
     std::string error;
     ASSERT_TRUE(ParseFileList(text, list, error)) << error << "\n" << text;
@@ -68,7 +71,8 @@ TEST(SlicedListText, AShortListIsWrittenInOneGo)
     size_t calls = 0;
     const std::vector<FileDescription> entries = Entries(3);
     const std::string text = detail::SlicedListText(
-        entries, [&calls](const std::vector<FileDescription>& slice) { return ++calls, EngineLikeText(slice); }, 3);
+        entries, [&calls](const std::vector<FileDescription>& slice, size_t) { return ++calls, EngineLikeText(slice); },
+        3);
     EXPECT_EQ(calls, 1u);
     EXPECT_EQ(text, EngineLikeText(entries));
 }
@@ -79,7 +83,7 @@ TEST(SlicedListText, ASliceThatCannotBeReadFallsBackToTheWholeList)
     std::vector<size_t> sliceSizes;
     const std::string text = detail::SlicedListText(
         entries,
-        [&sliceSizes](const std::vector<FileDescription>& slice) {
+        [&sliceSizes](const std::vector<FileDescription>& slice, size_t) {
             sliceSizes.push_back(slice.size());
             return sliceSizes.size() == 2 ? std::string("{not json") : EngineLikeText(slice);
         },
