@@ -13,6 +13,10 @@
 // limits, duplicate names, an entry under a path that is not a directory
 // listed before it, sizes that overflow.
 //
+// Memory: the text is read in one pass that builds nothing but the
+// entries (no document tree), with the list's shape checked before it;
+// the duplicate and parent checks use a table of 4 bytes a slot.
+//
 // THREADING CONTRACT: pure functions, safe from any thread.
 #pragma once
 
