@@ -59,7 +59,8 @@ bool DigestCheckingLink::Send(Message message)
 void DigestCheckingLink::OnMessage(Message message)
 {
     if (const auto* list = std::get_if<FileListMessage>(&message)) {
-        FileDigests digests = FileDigestsOf(list->json);
+        // The receiving link in front has read the list already (one reading per session).
+        FileDigests digests = list->parsed ? FileDigestsOf(*list->parsed) : FileDigestsOf(list->json);
         std::lock_guard<std::mutex> lock(mMutex);
         mExpected = std::move(digests);
     }

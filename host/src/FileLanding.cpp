@@ -34,12 +34,6 @@ void FileLanding::ContinueUnder(std::map<std::string, std::string> resumeNames)
     mResumeNames.merge(resumeNames);
 }
 
-void FileLanding::KeepModificationTimes(ModificationTimes times)
-{
-    std::lock_guard<std::mutex> lock(mMutex);
-    mTimes = std::move(times);
-}
-
 void FileLanding::UseLandingNames(std::map<std::string, std::string> landingNames)
 {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -56,17 +50,6 @@ std::string FileLanding::LandingNameOf(const FileListEntry& entry) const
 uint32_t FileLanding::WantedMode(const FileListEntry& entry) const
 {
     return entry.mode & 0777 & ~mPermissionMask;
-}
-
-bool FileLanding::TimeOf(const std::string& name, timespec& modified) const
-{
-    std::lock_guard<std::mutex> lock(mMutex);
-    const auto found = mTimes.find(name);
-    if (found == mTimes.end()) {
-        return false;
-    }
-    modified = found->second;
-    return true;
 }
 
 bool FileLanding::Prepare(const std::string& destinationDir,
@@ -169,7 +152,8 @@ LandingResult FileLanding::LandDirectory(const FileListEntry& entry)
     LandedDirectory landed;
     landed.path = result.finalPath;
     landed.mode = entry.mode != 0 ? WantedMode(entry) : 0;
-    landed.hasTime = TimeOf(name, landed.modified);
+    landed.hasTime = entry.hasModified;
+    landed.modified = entry.modified;
     std::lock_guard<std::mutex> lock(mMutex);
     mFinalDirectories[name] = result.finalPath;
     if (landed.mode != 0 || landed.hasTime) {
@@ -260,9 +244,8 @@ LandingResult FileLanding::LandFile(const FileListEntry& entry, mode_t cachedMod
     if (entry.mode != 0 && cachedMode != WantedMode(entry)) {
         chmod(result.finalPath.c_str(), WantedMode(entry));
     }
-    timespec modified{};
-    if (TimeOf(entry.RequestName(), modified)) {
-        const timespec times[2] = {{0, UTIME_OMIT}, modified};
+    if (entry.hasModified) {
+        const timespec times[2] = {{0, UTIME_OMIT}, entry.modified};
         utimensat(AT_FDCWD, result.finalPath.c_str(), times, 0);
     }
     result.landed = true;

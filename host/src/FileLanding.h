@@ -38,7 +38,6 @@
 #include <vector>
 
 #include "DestinationFiles.h"
-#include "FileListTimes.h"
 #include "xferfm/host/FileList.h"
 
 namespace orin::xfer::host::detail {
@@ -63,9 +62,6 @@ public:
     // More top-level names to continue under, learnt once the list is in
     // (before anything lands).
     void ContinueUnder(std::map<std::string, std::string> resumeNames);
-
-    // The sender's modification times, applied as entries land.
-    void KeepModificationTimes(ModificationTimes times);
 
     // Request name -> the last component it lands under, for the entries
     // whose name the receiver's name rules changed; before they land.
@@ -122,14 +118,11 @@ private:
     std::string LandingNameOf(const FileListEntry& entry) const;
     // The listed mode of `entry` less the mask.
     uint32_t WantedMode(const FileListEntry& entry) const;
-    // The sender's time for request name `name`, if it sent one.
-    bool TimeOf(const std::string& name, timespec& modified) const;
 
     const NameProposer mPropose;
     const uint32_t mPermissionMask;
     mutable std::mutex mMutex;  // guards everything below
     std::map<std::string, std::string> mResumeNames;  // top-level request name -> existing name
-    ModificationTimes mTimes;
     std::map<std::string, std::string> mLandingNames;  // request name -> last component
     std::string mDestination;
     std::string mCacheDir;

@@ -1,15 +1,17 @@
 #include "xferfm/host/FileList.h"
 
-#include <json/json.h>
-
+#include <algorithm>
 #include <exception>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <sstream>
 #include <unordered_set>
 
 #include "FileTransferTypes.h"
+#include "FileListReader.h"
 #include "StrictJson.h"
+#include "xferfm/host/RemoteNameGuard.h"
 
 namespace orin::xfer::host {
 
@@ -79,138 +81,203 @@ std::string pathProblem(const std::string& filePath, const FileListLimits& limit
     }
 }
 
-bool readUnsigned(const Json::Value& value, uint64_t max, uint64_t& out)
+// True when `entry`'s request name is `name`, without building it.
+bool NameIs(const FileListEntry& entry, const std::string& name)
 {
-    if (value.isUInt64()) {
-        const uint64_t number = value.asUInt64();
-        if (number <= max) {
-            out = number;
-            return true;
-        }
+    if (entry.filePath.empty()) {
+        return entry.fileName == name;
     }
-    return false;
+    const size_t path = entry.filePath.size();
+    return name.size() == path + 1 + entry.fileName.size() && name.compare(0, path, entry.filePath) == 0 &&
+           name[path] == '/' && name.compare(path + 1, std::string::npos, entry.fileName) == 0;
 }
 
-// Fills `entry` from one element of "fileList"; empty string when fine.
-std::string readEntry(const Json::Value& element, FileListEntry& entry)
-{
-    if (!element.isObject()) {
-        return "is not an object";
-    }
-    for (const char* key : {"filePath", "fileName", "attribute", "mode", "fileSize"}) {
-        if (!element.isMember(key)) {
-            return std::string("lacks \"") + key + "\"";
-        }
-    }
-    const Json::Value& filePath = element["filePath"];
-    const Json::Value& fileName = element["fileName"];
-    if (!filePath.isString() || !fileName.isString()) {
-        return "has a \"filePath\" or \"fileName\" that is not a string";
-    }
-    entry.filePath = filePath.asString();
-    entry.fileName = fileName.asString();
-    uint64_t attribute = 0;
-    uint64_t mode = 0;
-    if (!readUnsigned(element["attribute"], std::numeric_limits<uint32_t>::max(), attribute)) {
-        return "has an \"attribute\" that is not a 32-bit unsigned integer";
-    }
-    if (!readUnsigned(element["mode"], std::numeric_limits<uint32_t>::max(), mode)) {
-        return "has a \"mode\" that is not a 32-bit unsigned integer";
-    }
-    if (!readUnsigned(element["fileSize"], std::numeric_limits<uint64_t>::max(), entry.fileSize)) {
-        return "has a \"fileSize\" that is not an unsigned integer";
-    }
-    entry.isDirectory = (attribute & kAttributeDirectory) != 0;
-    entry.mode = static_cast<uint32_t>(mode) & kPermissionBits;
-    return {};
-}
+const char* KindOf(const FileListEntry& entry) { return entry.isDirectory ? "a directory" : "a file"; }
 
-bool parseJson(const std::string& json, Json::Value& document, std::string& error)
-{
-    std::string problems;
-    if (!detail::ReadStrictJson(json, document, problems)) {
-        error = "the file list is not valid JSON: " + printable(problems);
-        return false;
-    }
-    return true;
-}
+// What becomes of an entry the rules do not accept.
+enum class Verdict {
+    kAccepted,
+    kConflict,  // its name clashes with an entry before it: refused alone when screening
+    kMalformed, // the list is wrong as a whole
+};
 
-bool parseChecked(const std::string& json, ParsedFileList& out, std::string& error, const FileListLimits& limits)
-{
-    if (json.size() > limits.maxJsonBytes) {
-        error = "the file list is larger than " + std::to_string(limits.maxJsonBytes) + " bytes";
-        return false;
-    }
-    Json::Value document;
-    if (!parseJson(json, document, error)) {
-        return false;
-    }
-    if (!document.isObject()) {
-        error = "the file list is not a JSON object";
-        return false;
-    }
-    if (document.isMember("root") && !document["root"].isString()) {
-        error = "the file list's \"root\" is not a string";
-        return false;
-    }
-    if (!document.isMember("fileList")) {
-        return true;  // nothing on offer
-    }
-    const Json::Value& list = document["fileList"];
-    if (!list.isArray()) {
-        error = "the file list's \"fileList\" is not an array";
-        return false;
-    }
-    if (list.size() > limits.maxEntries) {
-        error = "the file list has more than " + std::to_string(limits.maxEntries) + " entries";
-        return false;
+// The rules about names and order, entry by entry, over the entries kept
+// so far. Names are found through an open-addressing table of indices into
+// the kept entries (4 bytes a slot, at most half full), so the check costs
+// no copy of any name.
+class ListChecker {
+public:
+    ListChecker(const FileListLimits& limits, ParsedFileList& out) : mLimits(limits), mOut(out) { grow(0); }
+
+    // Room for `expected` entries at once, so neither the entries nor the
+    // table are copied while they grow.
+    void Reserve(size_t expected)
+    {
+        mOut.entries.reserve(expected);
+        grow(expected);
     }
 
-    std::unordered_set<std::string> names;
-    std::unordered_set<std::string> directories;
-    out.entries.reserve(list.size());
-    for (Json::ArrayIndex index = 0; index < list.size(); ++index) {
-        FileListEntry entry;
-        std::string problem = readEntry(list[index], entry);
-        const std::string name = problem.empty() ? entry.RequestName() : std::string();
+    Verdict Add(FileListEntry& entry, const std::string& name, std::string& problem)
+    {
         size_t depth = 0;
+        problem = entry.fileName.find('/') != std::string::npos ? "has a \"/\" in its file name"
+                                                                 : componentProblem(entry.fileName, mLimits);
         if (problem.empty()) {
-            problem = entry.fileName.find('/') != std::string::npos ? "has a \"/\" in its file name"
-                                                                     : componentProblem(entry.fileName, limits);
+            problem = pathProblem(entry.filePath, mLimits, depth);
         }
-        if (problem.empty()) {
-            problem = pathProblem(entry.filePath, limits, depth);
+        if (problem.empty() && name.size() > mLimits.maxPathBytes) {
+            problem = "has a path longer than " + std::to_string(mLimits.maxPathBytes) + " bytes";
         }
-        if (problem.empty() && name.size() > limits.maxPathBytes) {
-            problem = "has a path longer than " + std::to_string(limits.maxPathBytes) + " bytes";
-        }
-        if (problem.empty() && depth + 1 > limits.maxDepth) {
-            problem = "is nested deeper than " + std::to_string(limits.maxDepth) + " levels";
-        }
-        if (problem.empty() && !entry.filePath.empty() && directories.count(entry.filePath) == 0) {
-            problem = "is not under a directory listed before it";
-        }
-        if (problem.empty() && !names.insert(name).second) {
-            problem = "repeats a name listed before";
-        }
-        if (problem.empty() && !entry.isDirectory) {
-            if (entry.fileSize > std::numeric_limits<uint64_t>::max() - out.totalFileBytes) {
-                problem = "makes the total size overflow";
-            }
+        if (problem.empty() && depth + 1 > mLimits.maxDepth) {
+            problem = "is nested deeper than " + std::to_string(mLimits.maxDepth) + " levels";
         }
         if (!problem.empty()) {
-            error = describe(index, name) + " " + problem;
-            return false;
+            return Verdict::kMalformed;
+        }
+        if (!entry.filePath.empty()) {
+            const size_t parent = find(entry.filePath);
+            if (parent == kNone) {
+                problem = "is not under a directory listed before it";
+                return Verdict::kMalformed;
+            }
+            if (!mOut.entries[parent].isDirectory) {
+                problem = "is inside \"" + printable(entry.filePath) + "\", which the list announces as a file";
+                return Verdict::kConflict;
+            }
+        }
+        if (const size_t before = find(name); before != kNone) {
+            const FileListEntry& first = mOut.entries[before];
+            problem = "repeats a name listed before: the list announces \"" + printable(name) + "\" first as " +
+                      KindOf(first) + ", then again as " + KindOf(entry);
+            return Verdict::kConflict;
+        }
+        if (!entry.isDirectory && entry.fileSize > std::numeric_limits<uint64_t>::max() - mOut.totalFileBytes) {
+            problem = "makes the total size overflow";
+            return Verdict::kMalformed;
         }
         if (entry.isDirectory) {
-            directories.insert(name);
-            ++out.directoryCount;
+            ++mOut.directoryCount;
         } else {
-            out.totalFileBytes += entry.fileSize;
-            ++out.fileCount;
+            mOut.totalFileBytes += entry.fileSize;
+            ++mOut.fileCount;
         }
-        out.entries.push_back(std::move(entry));
+        mOut.entries.push_back(std::move(entry));
+        if (mOut.entries.size() * 2 > mSlots.size()) {
+            grow(mOut.entries.size());
+        } else {
+            insert(mOut.entries.size() - 1, name);
+        }
+        return Verdict::kAccepted;
     }
+
+private:
+    static constexpr size_t kNone = static_cast<size_t>(-1);
+
+    size_t find(const std::string& name) const
+    {
+        const size_t mask = mSlots.size() - 1;
+        for (size_t at = std::hash<std::string>{}(name) & mask;; at = (at + 1) & mask) {
+            const uint32_t slot = mSlots[at];
+            if (slot == 0) {
+                return kNone;
+            }
+            if (NameIs(mOut.entries[slot - 1], name)) {
+                return slot - 1;
+            }
+        }
+    }
+
+    void insert(size_t index, const std::string& name)
+    {
+        const size_t mask = mSlots.size() - 1;
+        size_t at = std::hash<std::string>{}(name) & mask;
+        while (mSlots[at] != 0) {
+            at = (at + 1) & mask;
+        }
+        mSlots[at] = static_cast<uint32_t>(index + 1);
+    }
+
+    // Room for twice `count` entries, at least; every kept entry re-placed.
+    void grow(size_t count)
+    {
+        size_t size = 64;
+        while (size < count * 4) {
+            size *= 2;
+        }
+        if (size <= mSlots.size()) {
+            return;
+        }
+        mSlots.assign(size, 0);
+        for (size_t index = 0; index < mOut.entries.size(); ++index) {
+            insert(index, mOut.entries[index].RequestName());
+        }
+    }
+
+    const FileListLimits& mLimits;
+    ParsedFileList& mOut;
+    std::vector<uint32_t> mSlots;
+};
+
+bool parseEntries(const std::string& json, const FileListLimits& limits, const detail::EntryRefusal& refuse,
+                  ParsedFileList& out, std::vector<RefusedEntry>& refused, std::vector<uint64_t>& keptIndices,
+                  std::string& error)
+{
+    size_t expected = 0;  // set by the reader before the first entry
+    ListChecker checker(limits, out);
+    std::unordered_set<std::string> refusedDirectories;
+    std::vector<uint64_t> kept;
+    const bool screening = static_cast<bool>(refuse);
+    const auto sink = [&](detail::ReadEntry& read, std::string& failure) {
+        if (read.index == 0) {
+            checker.Reserve(std::min(expected, limits.maxEntries));
+        }
+        if (!read.problem.empty()) {
+            failure = describe(read.index, "") + " " + read.problem;
+            return false;
+        }
+        FileListEntry& entry = read.entry;
+        const std::string name = entry.RequestName();
+        std::string refusal;
+        if (screening) {
+            if (!entry.filePath.empty() && refusedDirectories.count(entry.filePath) != 0) {
+                refusal = "refused remote name " + QuoteRemoteName(name) + ": it lies inside the refused directory " +
+                          QuoteRemoteName(entry.filePath);
+            } else {
+                refusal = refuse(read.index, entry);
+            }
+        }
+        if (refusal.empty()) {
+            std::string problem;
+            switch (checker.Add(entry, name, problem)) {
+            case Verdict::kAccepted:
+                if (screening) {
+                    kept.push_back(read.index);
+                }
+                return true;
+            case Verdict::kConflict:
+                if (screening) {
+                    refusal = "refused remote name " + QuoteRemoteName(name) + ": it " + problem;
+                    break;
+                }
+                [[fallthrough]];
+            case Verdict::kMalformed:
+                failure = describe(read.index, name) + " " + problem;
+                return false;
+            }
+        }
+        if (entry.isDirectory) {
+            refusedDirectories.insert(name);
+        }
+        refused.push_back(RefusedEntry{read.index, name, std::move(refusal)});
+        return true;
+    };
+    if (!detail::ReadFileListText(json, limits, sink, error, &expected)) {
+        return false;
+    }
+    if (!refused.empty()) {
+        keptIndices = std::move(kept);
+    }
+    out.entries.shrink_to_fit();
     return true;
 }
 
@@ -223,26 +290,39 @@ std::string FileListEntry::RequestName() const
 
 bool ParseFileList(const std::string& json, ParsedFileList& out, std::string& error, const FileListLimits& limits)
 {
+    std::vector<RefusedEntry> refused;
+    std::vector<uint64_t> keptIndices;
+    return detail::ParseScreenedFileList(json, limits, {}, out, refused, keptIndices, error);
+}
+
+namespace detail {
+
+bool ParseScreenedFileList(const std::string& json, const FileListLimits& limits, const EntryRefusal& refuse,
+                           ParsedFileList& out, std::vector<RefusedEntry>& refused,
+                           std::vector<uint64_t>& keptIndices, std::string& error)
+{
     out = ParsedFileList{};
+    refused.clear();
+    keptIndices.clear();
     error.clear();
     bool accepted = false;
     try {
-        accepted = parseChecked(json, out, error, limits);
+        accepted = parseEntries(json, limits, refuse, out, refused, keptIndices, error);
     } catch (const std::exception& failure) {
-        // jsoncpp throws for documents past its depth limit, among others.
         error = std::string("the file list cannot be read: ") + printable(failure.what());
-        accepted = false;
-    } catch (...) {
-        error = "the file list cannot be read";
         accepted = false;
     }
     if (!accepted) {
         out = ParsedFileList{};
+        refused.clear();
+        keptIndices.clear();
         if (error.empty()) {
             error = "the file list is malformed";
         }
     }
     return accepted;
 }
+
+}  // namespace detail
 
 }  // namespace orin::xfer::host

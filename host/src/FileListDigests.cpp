@@ -1,11 +1,6 @@
 #include "xferfm/host/FileListDigests.h"
 
-#include <json/json.h>
-
-#include <exception>
-
-#include "FileTransferTypes.h"
-#include "StrictJson.h"
+#include "FileListReader.h"
 #include "xferfm/host/Sha256.h"
 
 namespace orin::xfer::host {
@@ -13,76 +8,48 @@ namespace {
 
 constexpr const char* kDigestKey = "sha256";
 
-bool ReadList(const std::string& json, Json::Value& document, std::string& error)
-{
-    std::string problems;
-    try {
-        if (!detail::ReadStrictJson(json, document, problems)) {
-            error = "the file list is not valid JSON: " + problems;
-            return false;
-        }
-    } catch (const std::exception& failure) {
-        error = std::string("the file list cannot be read: ") + failure.what();
-        return false;
-    }
-    if (!document.isObject() || !document["fileList"].isArray()) {
-        error = "the file list has no \"fileList\" array";
-        return false;
-    }
-    return true;
-}
-
-// The entry's request name, or "" for a directory or a malformed entry.
-std::string FileNameOf(const Json::Value& entry)
-{
-    if (!entry.isObject() || !entry["filePath"].isString() || !entry["fileName"].isString() ||
-        !entry["attribute"].isUInt() || (entry["attribute"].asUInt() & kAttributeDirectory) != 0) {
-        return "";
-    }
-    const std::string filePath = entry["filePath"].asString();
-    const std::string fileName = entry["fileName"].asString();
-    return filePath.empty() ? fileName : filePath + "/" + fileName;
-}
-
-bool IsHexDigest(const std::string& text)
-{
-    return text.size() == 64 && text.find_first_not_of("0123456789abcdef") == std::string::npos;
-}
-
 }  // namespace
 
 bool AddFileDigests(std::string& json, const FileDigests& digests, std::string& error)
 {
-    Json::Value document;
-    if (!ReadList(json, document, error)) {
-        return false;
-    }
-    for (Json::Value& entry : document["fileList"]) {
-        const auto found = digests.find(FileNameOf(entry));
-        if (found != digests.end()) {
-            entry[kDigestKey] = found->second;
+    // An entry that has a digest already keeps it (a key may appear once).
+    const auto keyFor = [&digests](const detail::ReadEntry& read) {
+        if (!read.problem.empty() || read.entry.isDirectory || read.hasDigest) {
+            return std::string();
+        }
+        const auto found = digests.find(read.entry.RequestName());
+        return found == digests.end() ? std::string()
+                                      : std::string("\"") + kDigestKey + "\":\"" + found->second + "\"";
+    };
+    return detail::AddKeyToEntries(json, keyFor, error);
+}
+
+FileDigests FileDigestsOf(const ParsedFileList& list)
+{
+    FileDigests digests;
+    for (const FileListEntry& entry : list.entries) {
+        if (!entry.isDirectory && !entry.sha256.empty()) {
+            digests.emplace(entry.RequestName(), entry.sha256);
         }
     }
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    json = Json::writeString(writer, document);
-    return true;
+    return digests;
 }
 
 FileDigests FileDigestsOf(const std::string& json)
 {
-    Json::Value document;
-    std::string error;
     FileDigests digests;
-    if (!ReadList(json, document, error)) {
-        return digests;
-    }
-    for (const Json::Value& entry : document["fileList"]) {
-        const std::string name = FileNameOf(entry);
-        if (!name.empty() && entry.isMember(kDigestKey) && entry[kDigestKey].isString() &&
-            IsHexDigest(entry[kDigestKey].asString())) {
-            digests[name] = entry[kDigestKey].asString();
+    std::string error;
+    FileListLimits unlimited;
+    unlimited.maxJsonBytes = static_cast<size_t>(-1);
+    unlimited.maxEntries = static_cast<size_t>(-1);
+    const detail::EntrySink sink = [&digests](detail::ReadEntry& read, std::string&) {
+        if (read.problem.empty() && !read.entry.isDirectory && !read.entry.sha256.empty()) {
+            digests.emplace(read.entry.RequestName(), std::move(read.entry.sha256));
         }
+        return true;
+    };
+    if (!detail::ReadFileListText(json, unlimited, sink, error)) {
+        digests.clear();
     }
     return digests;
 }

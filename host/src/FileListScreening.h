@@ -1,14 +1,17 @@
-// The receiving side's entry-by-entry check of the names in a sender's file
-// list: every entry whose name RemoteNameGuard refuses, or which lies
-// inside a directory entry refused before it, is taken out of the list,
-// and the rest of the list goes on as it was (other keys, such as digests,
-// included). What makes a list malformed as a whole (not JSON, wrong
-// types, duplicates, limits) is left for the list parser to reject.
+// The receiving side's one reading of a sender's file list, with every
+// entry's name checked on the way: an entry whose name RemoteNameGuard
+// refuses, which lies inside a directory entry refused before it, or whose
+// name clashes with an entry before it (announced twice, or inside an
+// entry announced as a file) is taken out, and the rest of the list is
+// kept as it was read (digests and times included). What makes a list
+// malformed as a whole (not JSON, wrong types, an entry under no listed
+// directory, limits) makes it unreadable: the caller leaves it for the
+// endpoint, which refuses it with the same reason.
 //
-// Children are matched by their parent path (filePath) alone: the list
-// parser accepts an entry only under a directory listed before it, so the
-// child of a refused directory that was itself a directory is refused and
-// matched in turn.
+// Children are matched by their parent path (filePath) alone: an entry is
+// accepted only under a directory listed before it, so the child of a
+// refused directory that was itself a directory is refused and matched in
+// turn.
 //
 // THREADING CONTRACT: a pure function apart from the file system reads of
 // the symbolic-link check; safe from any thread.
@@ -24,12 +27,13 @@
 namespace orin::xfer::host::detail {
 
 struct ScreenedList {
-    // Entries taken out, in list order; empty when every name passed (or
-    // the list could not be read: it is then left to the parser).
+    bool readable = false;
+    std::string error;      // why not, when not readable
+    ParsedFileList list;    // the entries kept
+    // Entries taken out, in list order.
     std::vector<RefusedEntry> refused;
-    // With refused entries only: the list without them, and the index in
-    // the original list of each entry that is left.
-    std::string json;
+    // With refused entries only: the index in the offered list of each
+    // entry kept.
     std::vector<uint64_t> keptIndices;
 };
 

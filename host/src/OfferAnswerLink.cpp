@@ -1,15 +1,12 @@
-// The list is read twice: ParseFileList for the entries as the endpoint
-// will see them, jsoncpp to write the list handed up (every key of an
-// entry kept, digests and times included). Both run on the delivery
-// thread before the endpoint hears the list, so the endpoint never sees a
-// list whose answers are not yet sent.
+// Works on the list as the link below has read it (FileListMessage::
+// parsed); in a process where nothing read it yet, it is read here, once.
+// Everything runs on the delivery thread before the endpoint hears the
+// list, so the endpoint never sees a list whose answers are not yet sent.
 #include "OfferAnswerLink.h"
 
-#include <json/json.h>
-
+#include <memory>
 #include <set>
 
-#include "FileListTimes.h"
 #include "HostLog.h"
 #include "xferfm/host/FileList.h"
 #include "xferfm/host/LandingNames.h"
@@ -19,28 +16,23 @@
 namespace orin::xfer::host {
 namespace {
 
-// `json` with only the entries of `keep` (indexes) in its "fileList", or
-// with none when `keep` is empty. False when the list cannot be read (the
-// endpoint then rejects it in its own words).
-bool RewriteList(std::string& json, const std::vector<uint64_t>& keep)
+// The entries of `keep` (indexes into `list`), with the totals counted
+// again; none when `keep` is empty.
+std::shared_ptr<const ParsedFileList> KeptEntries(const ParsedFileList& list, const std::vector<uint64_t>& keep)
 {
-    Json::Value document;
-    Json::CharReaderBuilder reader;
-    std::string errors;
-    const std::unique_ptr<Json::CharReader> parser(reader.newCharReader());
-    if (!parser->parse(json.data(), json.data() + json.size(), &document, &errors) || !document.isObject() ||
-        !document["fileList"].isArray()) {
-        return false;
-    }
-    Json::Value kept(Json::arrayValue);
+    auto kept = std::make_shared<ParsedFileList>();
+    kept->entries.reserve(keep.size());
     for (const uint64_t index : keep) {
-        kept.append(document["fileList"][static_cast<Json::ArrayIndex>(index)]);
+        const FileListEntry& entry = list.entries[static_cast<size_t>(index)];
+        if (entry.isDirectory) {
+            ++kept->directoryCount;
+        } else {
+            kept->totalFileBytes += entry.fileSize;
+            ++kept->fileCount;
+        }
+        kept->entries.push_back(entry);
     }
-    document["fileList"] = kept;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    json = Json::writeString(writer, document);
-    return true;
+    return kept;
 }
 
 }  // namespace
@@ -103,11 +95,16 @@ void OfferAnswerLink::AnswerList(FileListMessage& list)
     if (!options.dryRun && !options.resume) {
         return;
     }
-    ParsedFileList parsed;
-    std::string error;
-    if (!ParseFileList(list.json, parsed, error)) {
-        return;  // the endpoint rejects it and says why
+    if (!list.parsed) {
+        auto read = std::make_shared<ParsedFileList>();
+        std::string error;
+        if (!ParseFileList(list.json, *read, error)) {
+            return;  // the endpoint rejects it and says why
+        }
+        list.parsed = std::move(read);
+        std::string().swap(list.json);
     }
+    const ParsedFileList& parsed = *list.parsed;
     std::vector<TopLevelEntry> topLevel;
     for (const FileListEntry& entry : parsed.entries) {
         if (entry.filePath.empty()) {
@@ -155,13 +152,11 @@ void OfferAnswerLink::AnswerList(FileListMessage& list)
     std::vector<std::string> complete;
     std::vector<uint64_t> keep;
     if (options.resume) {
-        const detail::ModificationTimes times = detail::ReadModificationTimes(list.json);
         for (size_t index = 0; index < parsed.entries.size(); ++index) {
             const FileListEntry& entry = parsed.entries[index];
             const std::string name = entry.RequestName();
             const std::string there = entry.isDirectory ? "" : ResumedPath(mDestination, resumeNames, name);
-            const auto time = times.find(name);
-            if (!there.empty() && time != times.end() && IsCompleteCopy(there, entry.fileSize, time->second)) {
+            if (!there.empty() && entry.hasModified && IsCompleteCopy(there, entry.fileSize, entry.modified)) {
                 complete.push_back(name);
             } else {
                 keep.push_back(index);
@@ -176,9 +171,9 @@ void OfferAnswerLink::AnswerList(FileListMessage& list)
         Inner().Send(EntryComplete{name});
     }
     if (options.dryRun) {
-        RewriteList(list.json, {});  // nothing to ask for, nothing to write
-    } else if (!complete.empty() && !RewriteList(list.json, keep)) {
-        keep.clear();  // unreadable after all: the endpoint rejects it
+        list.parsed = KeptEntries(parsed, {});  // nothing to ask for, nothing to write
+    } else if (!complete.empty()) {
+        list.parsed = KeptEntries(parsed, keep);
     }
     HOST_LOG_D << "answered the offer: " << landings.size() << " top-level entries, " << complete.size()
                << " complete already" << (options.dryRun ? ", dry run" : "");

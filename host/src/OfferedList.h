@@ -60,9 +60,15 @@ public:
     // Entries of the engine's current slice not announced yet.
     size_t SliceLeft() const { return mSliceLeft; }
 
-    // The JSON list, as the engine wrote it.
+    // The JSON list, as the engine wrote it, until it is sent: one list
+    // per session, so the text is handed over rather than copied.
     void KeepJson(std::string json) { mJson = std::move(json); }
-    const std::string& Json() const { return mJson; }
+    std::string TakeJson()
+    {
+        std::string json;
+        json.swap(mJson);
+        return json;
+    }
 
     // ---- requests ----
     RequestVerdict CheckRequest(uint64_t index) const;

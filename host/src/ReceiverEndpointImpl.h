@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -179,7 +180,9 @@ private:
     std::condition_variable mChanged;      // the session finished
     std::condition_variable mSessionWake;  // an entry completed or failed, or a request returned
     detail::ReceiverSessionState mState;
-    std::optional<ParsedFileList> mList;  // the sender's list, once it arrived
+    // The sender's list, once it arrived: read once, shared with the link
+    // that read it and with the session thread, never copied.
+    std::shared_ptr<const ParsedFileList> mList;
     // With name rules: per entry of mList, its index in the list as offered
     // (empty: the same index).
     std::vector<size_t> mOfferedIndex;

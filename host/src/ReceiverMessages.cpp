@@ -155,12 +155,19 @@ void ReceiverEndpoint::Impl::onFileTransferFailed(uint32_t taskId, uint32_t tran
 
 void ReceiverEndpoint::Impl::handle(FileListMessage& list)
 {
-    ParsedFileList parsed;
-    std::string error;
-    if (!ParseFileList(list.json, parsed, error, mOptions.listLimits)) {
-        fail("", "rejected the sender's file list: " + error, false);
-        return;
+    // Over the network the guard in front has read the list; in one
+    // process the text comes as the sender wrote it and is read here.
+    std::shared_ptr<const ParsedFileList> parsed = std::move(list.parsed);
+    if (!parsed) {
+        auto read = std::make_shared<ParsedFileList>();
+        std::string error;
+        if (!ParseFileList(list.json, *read, error, mOptions.listLimits)) {
+            fail("", "rejected the sender's file list: " + error, false);
+            return;
+        }
+        parsed = std::move(read);
     }
+    std::string().swap(list.json);  // the text is not needed once read
     std::optional<ReceiverNameRules> rules;
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -174,8 +181,8 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
     // for anything.
     detail::NamedList named;
     if (rules) {
-        named = detail::ApplyNameRules(parsed, *rules);
-        parsed = std::move(named.list);
+        named = detail::ApplyNameRules(*parsed, *rules);
+        parsed = std::make_shared<const ParsedFileList>(std::move(named.list));
         mLanding.UseLandingNames(std::move(named.landingNames));
         for (const detail::NameRefusal& refusal : named.refused) {
             mTransport->Send(EntryRefused{refusal.index, refusal.reason});
@@ -200,7 +207,6 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
         }
         mState.Summary().namesMapped = std::move(named.mapped);
         mList = std::move(parsed);
-        mLanding.KeepModificationTimes(detail::ReadModificationTimes(list.json));
         if (mOptions.resumeNamesFromLink) {
             mLanding.ContinueUnder(mOptions.resumeNamesFromLink());
         }
@@ -233,6 +239,11 @@ void ReceiverEndpoint::Impl::handle(FileStart& start)
         return;
     case AnnouncementCheck::NotTheExpectedEntry:
         fail("", "the sender announced \"" + start.name + "\" where \"" + expectedName + "\" was asked for", false);
+        return;
+    case AnnouncementCheck::WrongKind:
+        fail("", "the sender announced \"" + start.name + "\" as " + (start.isDirectory ? "a directory" : "a file") +
+                     ", which the list announces as " + (start.isDirectory ? "a file" : "a directory"),
+             false);
         return;
     case AnnouncementCheck::InvalidTransferId:
         fail("", "the sender announced \"" + start.name + "\" with an invalid transfer id", false);
@@ -281,29 +292,35 @@ void ReceiverEndpoint::Impl::receiveData(uint32_t senderId, const uint8_t* bytes
 {
     uint32_t taskId = 0;
     uint32_t receiverId = 0;
-    std::string overflow;
+    std::string refusal;
     std::string path;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mLastActivity = Clock::now();
         const ReceiverSlot* slot = mSlots.BySenderId(senderId);
-        if (slot == nullptr || slot->isDirectory || mState.Failure()) {
+        if (slot == nullptr || mState.Failure()) {
             return;
         }
-        if (size == 0 && slot->fileSize > 0) {
-            return;  // moves nothing; passed on, it would be written and acknowledged as a chunk
-        }
-        taskId = slot->taskId;
-        receiverId = slot->receiverId;
-        if (!mSlots.RecordDataReceived(senderId, size)) {
-            overflow = "'" + slot->name + "' was announced as " + std::to_string(slot->fileSize) +
-                       " bytes, and the sender sent more";
+        if (slot->isDirectory) {
+            // Nothing is written for a directory: a sender that sends data
+            // for one is not copying the list it offered.
+            refusal = "the sender sent file data for '" + slot->name + "', which the list announces as a directory";
             path = slot->name;
+        } else if (size == 0 && slot->fileSize > 0) {
+            return;  // moves nothing; passed on, it would be written and acknowledged as a chunk
+        } else {
+            taskId = slot->taskId;
+            receiverId = slot->receiverId;
+            if (!mSlots.RecordDataReceived(senderId, size)) {
+                refusal = "'" + slot->name + "' was announced as " + std::to_string(slot->fileSize) +
+                          " bytes, and the sender sent more";
+                path = slot->name;
+            }
         }
     }
-    if (!overflow.empty()) {
+    if (!refusal.empty()) {
         // Refused here, before the engine writes a byte of it to the cache.
-        fail(path, overflow, false);
+        fail(path, refusal, false);
         return;
     }
     std::lock_guard<std::mutex> input(mEngineInputMutex);

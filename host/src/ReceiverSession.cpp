@@ -78,13 +78,15 @@ FileDescription describe(const FileListEntry& entry)
 // nothing else in flight.
 void ReceiverEndpoint::Impl::runSession()
 {
-    bool ok = waitUntil([this] { return mList.has_value(); }, false);
-    ParsedFileList list;
+    bool ok = waitUntil([this] { return mList != nullptr; }, false);
+    std::shared_ptr<const ParsedFileList> shared;  // the one copy: the session reads it in place
     if (ok) {
         std::lock_guard<std::mutex> lock(mMutex);
-        list = *mList;
+        shared = mList;
         mState.SetState(ReceiverState::Receiving, "the list arrived");
     }
+    static const ParsedFileList kNone;
+    const ParsedFileList& list = shared ? *shared : kNone;
     const size_t count = list.entries.size();
     size_t next = 0;
     size_t settled = 0;

@@ -26,8 +26,11 @@ AnnouncementCheck ReceiverSlotTable::Announce(const std::string& name, bool isDi
         return AnnouncementCheck::Unasked;
     }
     expectedName = expected->name;
-    if (name != expected->name || isDirectory != expected->isDirectory) {
+    if (name != expected->name) {
         return AnnouncementCheck::NotTheExpectedEntry;
+    }
+    if (isDirectory != expected->isDirectory) {
+        return AnnouncementCheck::WrongKind;
     }
     if ((senderId & 1u) == 0 || senderId == kNoTransferId || BySenderId(senderId) != nullptr) {
         return AnnouncementCheck::InvalidTransferId;

@@ -62,7 +62,8 @@ struct ReceiverAccept {
 enum class AnnouncementCheck {
     Expected,            // recorded: the slot is announced
     Unasked,             // nothing requested waits for an announcement
-    NotTheExpectedEntry, // another entry (or kind) than the oldest one asked for
+    NotTheExpectedEntry, // another entry than the oldest one asked for
+    WrongKind,           // the entry asked for, as a file where the list has a directory or back
     InvalidTransferId,   // even, the reserved id, or one in use
 };
 

@@ -69,6 +69,13 @@ void RemoteNameGuardTransport::OnTransportClosed(const std::string& reason)
 void RemoteNameGuardTransport::ScreenList(FileListMessage& list)
 {
     detail::ScreenedList screened = detail::ScreenFileList(list.json, mDestinationRoot, mListLimits);
+    if (!screened.readable) {
+        return;  // the endpoint refuses it whole, with the same reason
+    }
+    // From here on the parsed list is the only copy: what was checked here
+    // is what the endpoint copies.
+    std::string().swap(list.json);
+    list.parsed = std::make_shared<const ParsedFileList>(std::move(screened.list));
     if (screened.refused.empty()) {
         return;
     }
@@ -84,7 +91,6 @@ void RemoteNameGuardTransport::ScreenList(FileListMessage& list)
         }
         Inner().Send(EntryRefused{entry.index, entry.reason});
     }
-    list.json = std::move(screened.json);
 }
 
 void RemoteNameGuardTransport::Refuse(const std::string& refusal)

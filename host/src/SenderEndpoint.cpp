@@ -30,6 +30,7 @@
 #include "FileListTimes.h"
 #include "HostLog.h"
 #include "ReadCountingRateLimiter.h"
+#include "SlicedListText.h"
 #include "UploadList.h"
 #include "xferfm/host/ThreadLooperFactory.h"
 #include "xferfm/host/TokenBucketRateLimiter.h"
@@ -123,21 +124,29 @@ bool SenderEndpoint::Impl::offer(const SourcePlan& plan, std::string& error)
             return false;
         }
     }
-    // The whole list goes into the JSON; the engine then only ever holds
-    // a short slice (see OfferedList.cpp).
-    mManager->TriggerLocalCopy(list);
-    mManager->SendFileDesc();  // onSendFileDesc keeps the text
+    // The whole list goes into the JSON, which the engine writes a slice
+    // at a time (SlicedListText.h); the engine then only ever holds a short
+    // slice (see OfferedList.cpp).
+    std::string json =
+        detail::SlicedListText(list, [this, &plan](const std::vector<FileDescription>& slice, size_t first) {
+            mManager->TriggerLocalCopy(slice);
+            mManager->SendFileDesc();  // onSendFileDesc keeps the text
+            std::string text;
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                text = mList.TakeJson();
+            }
+            // The engine's list has no times: the kit adds its own field,
+            // slice by slice, so the whole text is never copied for it.
+            std::string ignored;  // unreadable: the slice goes out without times
+            detail::AddModificationTimes(text, plan, ignored, first);
+            return text;
+        });
     {
-        // The engine's list has no times: the kit adds its own field.
         std::lock_guard<std::mutex> lock(mMutex);
-        std::string withTimes = mList.Json();
-        std::string ignored;  // unreadable: the list goes out without times
-        if (detail::AddModificationTimes(withTimes, plan, ignored)) {
-            mList.KeepJson(std::move(withTimes));
-        }
+        mList.KeepJson(std::move(json));
     }
     bool sendNow = false;
-    std::string json;
     std::vector<FileDescription> firstSlice;
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -150,7 +159,9 @@ bool SenderEndpoint::Impl::offer(const SourcePlan& plan, std::string& error)
         } else if (!mState.Finished()) {
             mState.SetState(SenderState::kOffered, "offered");
         }
-        json = mList.Json();
+        if (sendNow) {
+            json = mList.TakeJson();
+        }
     }
     // Still under the engine lock: no request is served before the
     // engine holds its first slice.

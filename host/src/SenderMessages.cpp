@@ -38,7 +38,7 @@ void SenderEndpoint::Impl::handle(FileListRequest&)
             mState.SetState(SenderState::kListRequested, "the receiver asked for the list before the offer");
         } else if (mState.Current() == SenderState::kOffered) {
             sendNow = mState.SetState(SenderState::kListSent, "the receiver asked for the list");
-            json = mList.Json();
+            json = mList.TakeJson();
         }
     }
     if (sendNow) {

@@ -33,8 +33,10 @@ inline constexpr size_t kMaxEntryBytes = 64u << 10;
 inline constexpr size_t kMaxEntryArrayValues = 8;  // an array inside an entry
 
 // Empty when the text has the shape of a file list; otherwise what is wrong.
-inline std::string ListShapeProblem(const std::string& json)
+// `entriesHint` (when given) gets an upper bound of the entries.
+inline std::string ListShapeProblem(const std::string& json, size_t* entriesHint = nullptr)
 {
+    size_t entryObjects = 0;
     struct Open {
         char kind;
         size_t start;
@@ -73,6 +75,7 @@ inline std::string ListShapeProblem(const std::string& json)
                 tooDeepAt = at;
             }
             objectDue = c == '[' && open.size() == 2 && open.front().kind == '{';
+            entryObjects += c == '{' && open.size() == kMaxListLevels ? 1 : 0;
         } else if (c == '}' || c == ']') {
             if (!open.empty()) {
                 if (open.size() == kMaxListLevels && at - open.back().start > kMaxEntryBytes) {
@@ -104,6 +107,9 @@ inline std::string ListShapeProblem(const std::string& json)
     }
     if (tooDeepAt != std::string::npos) {
         return "nested deeper than a file list at byte " + std::to_string(tooDeepAt);
+    }
+    if (entriesHint != nullptr) {
+        *entriesHint = entryObjects;
     }
     return {};
 }

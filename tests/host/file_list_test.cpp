@@ -147,12 +147,46 @@ TEST(FileList, RejectsAListThatIsNotATree)
     // A child before its directory, under a file, or a name given twice.
     EXPECT_NE(rejection(listJson({entryJson("d", "x"), entryJson("", "d", "16")})).find("entry 0 (\"d/x\")"),
               std::string::npos);
-    EXPECT_NE(rejection(listJson({entryJson("", "f"), entryJson("f", "x")})).find("not under a directory"),
+    EXPECT_NE(rejection(listJson({entryJson("", "f"), entryJson("f", "x")}))
+                  .find("entry 1 (\"f/x\") is inside \"f\", which the list announces as a file"),
               std::string::npos);
     EXPECT_NE(rejection(listJson({entryJson("", "a"), entryJson("", "a")})).find("repeats a name"),
               std::string::npos);
-    EXPECT_NE(rejection(listJson({entryJson("", "a", "16"), entryJson("", "a")})).find("repeats a name"),
+    EXPECT_NE(rejection(listJson({entryJson("", "a", "16"), entryJson("", "a")}))
+                  .find("repeats a name listed before: the list announces \"a\" first as a directory, then again "
+                        "as a file"),
               std::string::npos);
+}
+
+TEST(FileList, CarriesEachEntrysTimeAndDigestFromTheSameReading)
+{
+    const std::string digest(64, 'e');
+    const std::string json = R"({"root":"/r","fileList":[{"filePath":"","fileName":"a","attribute":128,"mode":420,)"
+                             R"("fileSize":3,"mtime":[1700000000,5],"sha256":")" + digest + R"("},)"
+                             R"({"filePath":"","fileName":"b","attribute":128,"mode":420,"fileSize":1,)"
+                             R"("mtime":[1,1000000000],"sha256":"ABC"}]})";
+    ParsedFileList list;
+    std::string error;
+    ASSERT_TRUE(ParseFileList(json, list, error)) << error;
+    ASSERT_EQ(list.entries.size(), 2u);
+    EXPECT_TRUE(list.entries[0].hasModified);
+    EXPECT_EQ(list.entries[0].modified.tv_sec, 1700000000);
+    EXPECT_EQ(list.entries[0].modified.tv_nsec, 5);
+    EXPECT_EQ(list.entries[0].sha256, digest);
+    EXPECT_FALSE(list.entries[1].hasModified) << "nanoseconds past a second are no time";
+    EXPECT_EQ(list.entries[1].sha256, "") << "a digest that is not 64 lower-case hex digits is left out";
+}
+
+TEST(FileList, ReadsStringEscapesAndRefusesBrokenOnes)
+{
+    ParsedFileList list;
+    std::string error;
+    ASSERT_TRUE(ParseFileList(listJson({entryJson("", R"(\u00e9\ud83d\ude00\t\"\\)")}), list, error)) << error;
+    ASSERT_EQ(list.entries.size(), 1u);
+    EXPECT_EQ(list.entries[0].fileName, "\xC3\xA9\xF0\x9F\x98\x80\t\"\\");
+    EXPECT_NE(rejection(listJson({entryJson("", R"(\ud83d)")})).find("surrogate"), std::string::npos);
+    EXPECT_NE(rejection(listJson({entryJson("", R"(\q)")})).find("bad escape"), std::string::npos);
+    EXPECT_NE(rejection(R"({"fileList":[],"fileList":[]})").find("duplicate key"), std::string::npos);
 }
 
 TEST(FileList, RejectsListsBeyondTheLimits)

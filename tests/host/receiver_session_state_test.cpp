@@ -137,7 +137,7 @@ TEST(ReceiverSlotTableTest, AnnouncementsMustNameTheOldestRequestedEntryWithAFre
     table.Add(0, 1, "d", true, 0);
     table.Add(1, 2, "d/a", false, 10);
     Announce(table, "d/a", false, 3, 10, AnnouncementCheck::NotTheExpectedEntry);
-    Announce(table, "d", false, 3, 0, AnnouncementCheck::NotTheExpectedEntry);  // not a directory
+    Announce(table, "d", false, 3, 0, AnnouncementCheck::WrongKind);  // not a directory
     Announce(table, "d", true, 4, 0, AnnouncementCheck::InvalidTransferId);
     Announce(table, "d", true, kNoTransferId, 0, AnnouncementCheck::InvalidTransferId);
     const ReceiverSlot directory = Announce(table, "d", true, 3, 0);

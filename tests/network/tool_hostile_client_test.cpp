@@ -430,5 +430,98 @@ TEST_F(HostileClientTest, HostileAnnouncementAfterACleanListWritesNothing)
     ExpectStillServing();
 }
 
+// Entries whose names clash with the list itself, next to a good file,
+// one session each: the clashing entry is refused alone with a reason that
+// names it and what it clashes with, and the rest arrives.
+TEST_F(HostileClientTest, EntriesThatClashWithTheListAreRefusedByName)
+{
+    struct Case {
+        const char* what;
+        std::vector<std::string> entries;  // after the good file
+        std::map<std::string, std::vector<uint8_t>> files;
+        uint64_t refusedIndex;
+        std::string expected;
+        size_t filesReceived;
+    };
+    const std::vector<Case> cases = {
+        {"inside an entry the list announces as a file",
+         {Entry("", "d", false), Entry("d", "x", false)},
+         {{"d", {'d', 'd', 'd'}}},
+         2,
+         R"(refused remote name "d/x": it is inside "d", which the list announces as a file)",
+         2},
+        {"a directory announced again as a file",
+         {Entry("", "e", true), Entry("", "e", false)},
+         {},
+         2,
+         R"(refused remote name "e": it repeats a name listed before: the list announces "e" first as a )"
+         R"(directory, then again as a file)",
+         1},
+    };
+    size_t round = 0;
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.what);
+        const std::string good = "clash-" + std::to_string(++round) + ".bin";
+        const std::vector<uint8_t> bytes = PatternBytes(1000 + round, static_cast<uint32_t>(round));
+        std::vector<std::string> entries = test.entries;
+        entries.insert(entries.begin(), Entry("", good, false, bytes.size()));
+        std::map<std::string, std::vector<uint8_t>> files = test.files;
+        files[good] = bytes;
+        RawClient client(serve->Port());
+        ASSERT_TRUE(client.Connected());
+        std::vector<std::string> requested;
+        const auto heard = PlaySender(client, List(entries), files, requested);
+        client.Close();
+
+        const auto refused = RefusalsIn(heard);
+        ASSERT_EQ(refused.size(), 1u) << Reasons(heard);
+        EXPECT_EQ(refused[0].index, test.refusedIndex);
+        EXPECT_NE(refused[0].reason.find(test.expected), std::string::npos) << refused[0].reason;
+        const std::string line = NextSessionLine();
+        EXPECT_NE(line.find(": failed: refused 1 of 3 entries ("), std::string::npos) << line;
+        EXPECT_NE(line.find("received " + std::to_string(test.filesReceived) + " files"), std::string::npos)
+            << line;
+        EXPECT_EQ(ReadFile(dest + "/" + good), bytes);
+    }
+    EXPECT_EQ(ReadFile(dest + "/d"), (std::vector<uint8_t>{'d', 'd', 'd'})) << "the file stays a file";
+    EXPECT_TRUE(fs::is_directory(dest + "/e")) << "the first announcement of a name stands";
+    ExpectStillServing();
+}
+
+// The list has a directory; the sender announces that entry as a file and
+// sends data for it: the session ends, naming the entry and both kinds,
+// and nothing of it is written.
+TEST_F(HostileClientTest, AFileAnnouncedForWhatTheListCallsADirectoryEndsTheSessionByName)
+{
+    RawClient client(serve->Port());
+    ASSERT_TRUE(client.Connected());
+    ASSERT_TRUE(client.SendHello());
+    std::vector<Message> heard;
+    ASSERT_TRUE(client.ReadMessagesUntil([](const std::vector<Message>& got) { return !got.empty(); }, heard, 10s));
+    ASSERT_TRUE(client.SendMessage(FileListMessage{List({Entry("", "w", true)})}));
+    const auto asked = [](const std::vector<Message>& got) {
+        return std::any_of(got.begin(), got.end(),
+                           [](const Message& message) { return std::holds_alternative<NextFileRequest>(message); });
+    };
+    ASSERT_TRUE(client.ReadMessagesUntil(asked, heard, 10s)) << Reasons(heard);
+    uint32_t taskId = 0;
+    for (const Message& message : heard) {
+        if (const auto* request = std::get_if<NextFileRequest>(&message)) {
+            taskId = request->taskId;
+        }
+    }
+    ASSERT_TRUE(client.SendMessage(FileStart{taskId, 3, "w", false, 3, 3, 50}));
+    client.SendMessage(FileData{3, {'b', 'a', 'd'}});
+    client.ReadMessagesUntil(Closed, heard, 10s);
+    client.Close();
+    const std::string line = NextSessionLine();
+    EXPECT_NE(line.find(": failed: "), std::string::npos) << line;
+    EXPECT_NE(line.find(R"(the sender announced "w" as a file, which the list announces as a directory)"),
+              std::string::npos)
+        << line;
+    EXPECT_EQ(NamesIn(dest), std::vector<std::string>{});
+    ExpectStillServing();
+}
+
 }  // namespace
 }  // namespace orin::xfer::test

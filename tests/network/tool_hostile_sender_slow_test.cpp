@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -344,6 +345,62 @@ TEST_F(ToolHostileSenderTest, AnEntryWhosePathWouldExceedTheSystemLimitIsRefused
     EXPECT_GE(LinesWith(serve.Process().Stderr(), "longer than the system's limit of 4096").size(), 1u)
         << serve.Process().Describe();
     EXPECT_TRUE(fs::is_regular_file(dest + "/ok.txt")) << serve.Process().Describe();
+}
+
+}  // namespace
+}  // namespace orin::xfer::test
+
+namespace orin::xfer::test {
+namespace {
+
+// A list as a real sender writes it: `directories` directories of
+// `perDirectory` files each, every entry with its modification time.
+std::string MillionEntryList(size_t directories, size_t perDirectory)
+{
+    std::string json = R"({"root":"/remote/source","fileList":[)";
+    json.reserve(directories * (perDirectory + 1) * 110);
+    char entry[256];
+    for (size_t d = 0; d < directories; ++d) {
+        std::snprintf(entry, sizeof(entry),
+                      R"(%s{"filePath":"","fileName":"d%04zu","attribute":16,"mode":493,"fileSize":%zu,)"
+                      R"("mtime":[1700000000,123456789]})",
+                      d ? "," : "", d, perDirectory * 1024);
+        json += entry;
+        for (size_t f = 0; f < perDirectory; ++f) {
+            std::snprintf(entry, sizeof(entry),
+                          R"(,{"filePath":"d%04zu","fileName":"f%07zu.bin","attribute":128,"mode":420,)"
+                          R"("fileSize":1024,"mtime":[1700000000,123456789]})",
+                          d, d * perDirectory + f);
+            json += entry;
+        }
+    }
+    return json + "]}";
+}
+
+TEST_F(ToolHostileSenderTest, AMillionEntryListIsReadOnceAndHeldWithinItsCeiling)
+{
+    const std::string json = MillionEntryList(1000, 999);  // 1,000,000 entries
+    const uint64_t listKiB = json.size() / 1024;
+    RawClient sender(serve.Port());
+    std::vector<Message> heard;
+    ASSERT_TRUE(sender.SendHello());
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<FileListRequest>, heard, 10s));
+    const uint64_t before = PeakKiB(serve.Process().Pid());
+    const auto started = Clock::now();
+    ASSERT_TRUE(sender.SendMessage(FileListMessage{json}));
+    // The first request comes once the list is read and screened.
+    ASSERT_TRUE(sender.ReadMessagesUntil(LastIs<NextFileRequest>, heard, 60s)) << serve.Process().Describe();
+    const auto readIn = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started);
+    EXPECT_EQ(std::get<NextFileRequest>(heard.back()).name, "d0000");
+    const uint64_t peak = PeakKiB(serve.Process().Pid());
+    sender.Close();
+    ASSERT_TRUE(serve.Process().WaitExit(20s)) << serve.Process().Describe();
+    // The ceiling of ReceiverEndpoint.h and docs/reliability.md: 1.25 x the
+    // list's bytes + 128 bytes an entry + 32 MiB, all told.
+    const uint64_t ceilingKiB = listKiB + listKiB / 4 + 1'000'000 * 128 / 1024 + 32 * 1024;
+    EXPECT_LT(peak, ceilingKiB) << "peak " << peak << " KiB for a list of " << listKiB << " KiB";
+    std::cout << "[ FIGURE   ] serve peak " << before << " KiB -> " << peak << " KiB for a 1,000,000-entry list of "
+              << listKiB << " KiB, read in " << readIn.count() << " ms (ceiling " << ceilingKiB << " KiB)\n";
 }
 
 }  // namespace

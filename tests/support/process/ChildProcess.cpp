@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -110,11 +111,13 @@ ChildProcess::~ChildProcess()
 bool ChildProcess::Reap(bool block)
 {
     int status = 0;
-    const pid_t done = ::waitpid(mPid, &status, block ? 0 : WNOHANG);
+    struct rusage usage {};
+    const pid_t done = ::wait4(mPid, &status, block ? 0 : WNOHANG, &usage);
     if (done != mPid) {
         return false;
     }
     mExited = true;
+    mPeakKiB = static_cast<uint64_t>(usage.ru_maxrss);  // KiB on Linux
     if (WIFEXITED(status)) {
         mExitCode = WEXITSTATUS(status);
     } else if (WIFSIGNALED(status)) {

@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,8 @@ public:
     bool Exited() const { return mExited; }
     int ExitCode() const { return mExitCode; }        // -1 when ended by a signal
     int TermSignal() const { return mTermSignal; }    // 0 when it exited
+    // The child's peak resident memory (its VmHWM) in KiB, once it has ended.
+    uint64_t PeakKiB() const { return mPeakKiB; }
     void Signal(int signal) const;
     std::string Stdout() const;
     std::string Stderr() const;
@@ -56,6 +59,7 @@ private:
     bool mExited = false;
     int mExitCode = -1;
     int mTermSignal = 0;
+    uint64_t mPeakKiB = 0;
     std::string mOutPath;
     std::string mErrPath;
 };

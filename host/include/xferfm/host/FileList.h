@@ -13,22 +13,32 @@
 // limits, duplicate names, an entry under a path that is not a directory
 // listed before it, sizes that overflow.
 //
+// Memory: the text is read in one pass that builds nothing but the
+// entries (no document tree), with the list's shape checked before it;
+// the duplicate and parent checks use a table of 4 bytes a slot.
+//
 // THREADING CONTRACT: pure functions, safe from any thread.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
 namespace orin::xfer::host {
 
+// 128 bytes, and no more while names fit in a string's own buffer (15
+// bytes): a list of a million entries holds 128 MB of them.
 struct FileListEntry {
     std::string filePath;  // sub-directory relative to the copied roots' parent, "" at the top
     std::string fileName;  // last path component
-    bool isDirectory = false;
-    uint32_t mode = 0;      // permission bits (0 when the sender did not say)
+    std::string sha256;    // the content digest the sender offered (64 hex digits), or ""
     uint64_t fileSize = 0;  // bytes; for a directory the sum beneath it
+    timespec modified{};    // the source's modification time, when hasModified
+    uint32_t mode = 0;      // permission bits (0 when the sender did not say)
+    bool isDirectory = false;
+    bool hasModified = false;  // the list carried a well-formed "mtime"
 
     // filePath + "/" + fileName, or fileName alone at the top.
     std::string RequestName() const;

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "xferfm/host/FileList.h"
 #include "xferfm/host/SourcePlan.h"
 
 namespace orin::xfer::host {
@@ -33,5 +34,9 @@ FileDigests FileDigestsOf(const std::string& json);
 // puts in its list. Nothing, with `error` naming the file, when one cannot
 // be read.
 std::optional<FileDigests> DigestSourceFiles(const SourcePlan& plan, std::string& error);
+
+// The digests of a list read already (ParseFileList, or the receiving
+// link's one reading of it): the same as FileDigestsOf on its text.
+FileDigests FileDigestsOf(const ParsedFileList& list);
 
 }  // namespace orin::xfer::host

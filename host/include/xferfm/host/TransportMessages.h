@@ -44,10 +44,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
 #include <vector>
+
+#include "xferfm/host/FileList.h"
 
 namespace orin::xfer::host {
 
@@ -62,8 +65,13 @@ struct FileListRequest {
 };
 
 // Sender -> receiver: the list on offer, as the engine serialises it.
+// Only `json` travels. On the receiving side the first link that reads the
+// list (RemoteNameGuardTransport) sets `parsed` and empties `json`, so the
+// list is read once per session and held once: the links behind it and the
+// endpoint use `parsed` when it is set.
 struct FileListMessage {
     std::string json;
+    std::shared_ptr<const ParsedFileList> parsed = nullptr;  // null until a receiving link has read the list
 };
 
 // Receiver -> sender: announce and send the next entry of the list.
