@@ -10,52 +10,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <xferfm/xferfm.h>
-
-#define CHECK(condition)                                                                      \
-    do {                                                                                      \
-        if (!(condition)) {                                                                   \
-            fprintf(stderr, "%s:%d: CHECK(%s) failed; last error: %s\n", __FILE__, __LINE__, \
-                    #condition, xferfm_last_error());                                         \
-            exit(1);                                                                          \
-        }                                                                                     \
-    } while (0)
-
-static char g_root[] = "/tmp/xferfm-capi-c-XXXXXX";
-
-/* The engine logs every step; warnings and errors are enough here. */
-static void log_warnings(void* user, int level, const char* line)
-{
-    (void)user;
-    if (level >= 3) {
-        fprintf(stderr, "%s\n", line);
-    }
-}
-
-static void make_file(const char* relative, const char* text)
-{
-    char path[512];
-    FILE* file;
-    snprintf(path, sizeof path, "%s/%s", g_root, relative);
-    file = fopen(path, "wb");
-    CHECK(file != NULL);
-    fputs(text, file);
-    CHECK(fclose(file) == 0);
-}
-
-static void make_dir(const char* relative)
-{
-    char path[512];
-    snprintf(path, sizeof path, "%s/%s", g_root, relative);
-    CHECK(mkdir(path, 0755) == 0);
-}
+#define XFERFM_C_TEST_ROOT "/tmp/xferfm-capi-c-XXXXXX"
+#include "c_test_scratch.h"
 
 static int holds(const char* relative, const char* text)
 {
     char path[512], buffer[256];
     size_t length;
     FILE* file;
-    snprintf(path, sizeof path, "%s/%s", g_root, relative);
+    path_of(path, sizeof path, relative);
     file = fopen(path, "rb");
     if (file == NULL) {
         return 0;

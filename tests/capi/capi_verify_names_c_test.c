@@ -9,57 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <xferfm/xferfm.h>
-
-#define CHECK(condition)                                                                      \
-    do {                                                                                      \
-        if (!(condition)) {                                                                   \
-            fprintf(stderr, "%s:%d: CHECK(%s) failed; last error: %s\n", __FILE__, __LINE__, \
-                    #condition, xferfm_last_error());                                         \
-            exit(1);                                                                          \
-        }                                                                                     \
-    } while (0)
-
-static char g_root[] = "/tmp/xferfm-capi-verify-XXXXXX";
-
-static void log_warnings(void* user, int level, const char* line)
-{
-    (void)user;
-    if (level >= 3) {
-        fprintf(stderr, "%s\n", line);
-    }
-}
-
-static void path_of(char* path, size_t size, const char* relative)
-{
-    snprintf(path, size, "%s/%s", g_root, relative);
-}
-
-static void make_file(const char* relative, const char* text)
-{
-    char path[512];
-    FILE* file;
-    path_of(path, sizeof path, relative);
-    file = fopen(path, "wb");
-    CHECK(file != NULL);
-    fputs(text, file);
-    CHECK(fclose(file) == 0);
-}
-
-static void make_dir(const char* relative)
-{
-    char path[512];
-    path_of(path, sizeof path, relative);
-    CHECK(mkdir(path, 0755) == 0);
-}
-
-static int exists(const char* relative)
-{
-    char path[512];
-    struct stat status;
-    path_of(path, sizeof path, relative);
-    return stat(path, &status) == 0;
-}
+#define XFERFM_C_TEST_ROOT "/tmp/xferfm-capi-verify-XXXXXX"
+#include "c_test_scratch.h"
 
 /* What the receiver's callbacks saw. */
 typedef struct observed {
