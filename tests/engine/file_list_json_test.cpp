@@ -5,6 +5,7 @@
 #include <memory>
 #include <sstream>
 
+#include "JsonText.h"
 #include "TestSupport.h"
 
 namespace orin::xfer::test {
@@ -28,16 +29,6 @@ FileDescription Entry(const std::string& sourceDir, const std::string& filePath,
     return file;
 }
 
-Json::Value Parse(const std::string& text)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << errors;
-    return value;
-}
-
 class FileListJsonTest : public ::testing::Test {
 protected:
     std::string SendAndCapture()
@@ -55,7 +46,7 @@ protected:
 TEST_F(FileListJsonTest, EmptyListSendsOnlyAnEmptyRoot)
 {
     const std::string text = SendAndCapture();
-    const Json::Value doc = Parse(text);
+    const Json::Value doc = ParseJsonText(text);
     ASSERT_TRUE(doc.isObject());
     EXPECT_EQ(doc.getMemberNames(), std::vector<std::string>{"root"});
     ASSERT_TRUE(doc["root"].isString());
@@ -70,7 +61,7 @@ TEST_F(FileListJsonTest, EveryEntryGoesOutInListOrderWithItsFiveFields)
         Entry("/home/u", "copied/sub", "b.bin", kAttributeNormal, 0644, 65537),
     };
     fixture.manager->mUploadFileList = list;
-    const Json::Value doc = Parse(SendAndCapture());
+    const Json::Value doc = ParseJsonText(SendAndCapture());
 
     ASSERT_TRUE(doc["fileList"].isArray());
     ASSERT_EQ(doc["fileList"].size(), list.size());
@@ -99,7 +90,7 @@ TEST_F(FileListJsonTest, RootIsTheLastEntrysSourceDirectory)
         Entry("/second/place", "", "b", kAttributeNormal, 0, 2),
         Entry("/third/place", "x", "c", kAttributeNormal, 0, 3),
     };
-    const Json::Value doc = Parse(SendAndCapture());
+    const Json::Value doc = ParseJsonText(SendAndCapture());
     EXPECT_EQ(doc["fileList"].size(), 3u);
     EXPECT_EQ(doc["fileList"][0]["fileName"].asString(), "a");
     EXPECT_EQ(doc["fileList"][1]["fileName"].asString(), "b");
@@ -115,7 +106,7 @@ TEST_F(FileListJsonTest, SizeAboveFourGibIsAnExactUnsignedInteger)
         Entry("/d", "", "huge.img", kAttributeNormal, 0, huge),
     };
     const std::string text = SendAndCapture();
-    const Json::Value doc = Parse(text);
+    const Json::Value doc = ParseJsonText(text);
     EXPECT_TRUE(doc["fileList"][0]["fileSize"].isUInt64());
     EXPECT_NE(doc["fileList"][0]["fileSize"].type(), Json::realValue);
     EXPECT_NE(doc["fileList"][1]["fileSize"].type(), Json::realValue);
@@ -136,7 +127,7 @@ TEST_F(FileListJsonTest, TextIsTheLibraryDefaultLayoutAndIsLogged)
     std::ostringstream again;
     Json::StreamWriterBuilder builder;
     std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
-    writer->write(Parse(text), &again);
+    writer->write(ParseJsonText(text), &again);
     EXPECT_EQ(text, again.str());
     EXPECT_LT(text.find("\"fileList\""), text.find("\"root\""));
     EXPECT_LT(text.find("\"attribute\""), text.find("\"fileName\""));

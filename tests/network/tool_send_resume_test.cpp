@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "JsonText.h"
 #include "ServeProcess.h"
 #include "ToolExitCodes.h"
 
@@ -18,16 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-
-Json::Value ParseJson(const std::string& text)
-{
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(builder, in, &value, &errors)) << errors << "\n" << text;
-    return value;
-}
 
 // Bytes of `name` in a receiver's cache under `dest` (0 when none).
 uint64_t CachedBytesOf(const std::string& dest, const std::string& name)
@@ -85,7 +76,7 @@ TEST_F(SendResume, DryRunWritesNothingAndPredictsWhereTheRealRunLands)
     // The session's private cache comes and goes; nothing lands.
     EXPECT_EQ(TreeFingerprint(dest, FingerprintTimes::kLeftOut), before) << "a dry run writes nothing";
     EXPECT_NE(shortDry->Stdout().find("would send 'tree' to 'tree(1)'"), std::string::npos) << shortDry->Stdout();
-    const Json::Value predicted = ParseJson(dry->Stdout());
+    const Json::Value predicted = ParseJsonText(dry->Stdout());
     EXPECT_TRUE(predicted["dryRun"].asBool());
     EXPECT_EQ(predicted["files"].asUInt64(), 4u);
     ASSERT_EQ(predicted["landed"].size(), 1u) << dry->Stdout();
@@ -134,7 +125,7 @@ TEST_F(SendResume, AnInterruptedSendContinuesUnderTheSameNamesAndSendsOnlyTheRes
 
     ASSERT_TRUE(resumed->Exited()) << resumed->Describe();
     EXPECT_EQ(resumed->ExitCode(), toInt(cli::ExitCode::kOk)) << resumed->Describe();
-    const Json::Value summary = ParseJson(resumed->Stdout());
+    const Json::Value summary = ParseJsonText(resumed->Stdout());
     EXPECT_EQ(summary["alreadyComplete"].asUInt64(), 3u) << resumed->Stdout();
     EXPECT_EQ(summary["files"].asUInt64(), 1u) << resumed->Stdout();
     ASSERT_EQ(summary["landed"].size(), 1u) << resumed->Stdout();

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "JsonText.h"
 #include "ServeProcess.h"
 #include "ToolExitCodes.h"
 #include "TreeBuilders.h"
@@ -36,16 +37,6 @@ void MakeSocket(const std::string& path)
     const int bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     ::close(fd);
     ASSERT_EQ(bound, 0) << path;
-}
-
-Json::Value ParseJson(const std::string& text)
-{
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(builder, in, &value, &errors)) << errors << "\n" << text;
-    return value;
 }
 
 class SendTrees : public ::testing::Test {
@@ -158,7 +149,7 @@ TEST_F(SendTrees, JsonSummaryCarriesFilesBytesSkippedAndVerify)
 
     ASSERT_TRUE(send->Exited()) << send->Describe();
     EXPECT_EQ(send->ExitCode(), toInt(cli::ExitCode::kEntriesSkipped)) << send->Describe();
-    const Json::Value summary = ParseJson(send->Stdout());
+    const Json::Value summary = ParseJsonText(send->Stdout());
     EXPECT_FALSE(summary["dryRun"].asBool());
     EXPECT_EQ(summary["destination"].asString(), serve.Address());
     EXPECT_EQ(summary["files"].asUInt64(), 3u);

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "JsonText.h"
 #include "ServeProcess.h"
 #include "ToolExitCodes.h"
 
@@ -19,16 +20,6 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-
-Json::Value ParseJson(const std::string& text)
-{
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(builder, in, &value, &errors)) << errors << "\n" << text;
-    return value;
-}
 
 mode_t ModeOf(const std::string& path)
 {
@@ -125,7 +116,7 @@ TEST_F(ServeLanding, JsonIsOneDocumentPerSessionAndVerboseNamesEachFileOnStderr)
     ASSERT_TRUE(send->Exited()) << send->Describe();
     ASSERT_TRUE(serve.Process().WaitExit(10s)) << serve.Process().Describe();
     EXPECT_EQ(serve.Process().ExitCode(), toInt(cli::ExitCode::kOk)) << serve.Process().Describe();
-    const Json::Value session = ParseJson(serve.Process().Stdout());
+    const Json::Value session = ParseJsonText(serve.Process().Stdout());
     EXPECT_EQ(session["session"].asUInt(), 1u);
     EXPECT_EQ(session["outcome"].asString(), "ok");
     EXPECT_EQ(session["failure"].asString(), "");

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "JsonText.h"
 #include "TestSupport.h"
 #include "ToolExitCodes.h"
 #include "ToolRunner.h"
@@ -19,16 +20,6 @@ namespace orin::xfer::test {
 namespace {
 
 using namespace orin::xfer::test;
-
-Json::Value parseJson(const std::string& text)
-{
-    Json::Value document;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &document, &errors)) << errors << "\n" << text;
-    return document;
-}
 
 size_t countOf(const std::string& text, const std::string& needle)
 {
@@ -80,14 +71,14 @@ TEST_F(CopyPreview, DryRunWritesNothingAndPredictsWhereTheRealRunLands)
     EXPECT_EQ(NamesIn(out), std::vector<std::string>{"tree"});
     EXPECT_TRUE(NamesIn(out + "/tree").empty());
     EXPECT_NE(shortDry.out.find("tree(1)"), std::string::npos) << shortDry.out;
-    const Json::Value predicted = parseJson(dry.out);
+    const Json::Value predicted = ParseJsonText(dry.out);
     EXPECT_TRUE(predicted["dryRun"].asBool());
     EXPECT_EQ(predicted["files"].asUInt64(), 4u);
 
     const ToolResult real = copy({"--json"});
 
     ASSERT_EQ(real.exitCode, toInt(cli::ExitCode::kOk)) << describe(real);
-    const Json::Value landed = parseJson(real.out);
+    const Json::Value landed = ParseJsonText(real.out);
     ASSERT_EQ(landed["landed"].size(), 1u) << real.out;
     EXPECT_EQ(landed["landed"][0]["path"].asString(), predicted["landed"][0]["path"].asString());
     EXPECT_EQ(landed["landed"][0]["path"].asString(), out + "/tree(1)");
@@ -131,7 +122,7 @@ TEST_F(CopyPreview, JsonSummaryCarriesFilesBytesSkippedRenamesAndVerify)
     const ToolResult result = copy({"--json", "--verify"});
 
     EXPECT_EQ(result.exitCode, toInt(cli::ExitCode::kEntriesSkipped)) << describe(result);
-    const Json::Value summary = parseJson(result.out);
+    const Json::Value summary = ParseJsonText(result.out);
     EXPECT_FALSE(summary["dryRun"].asBool());
     EXPECT_EQ(summary["files"].asUInt64(), 4u);
     EXPECT_EQ(summary["bytes"].asUInt64(), BytesUnder(tree));
