@@ -275,7 +275,8 @@ void ReceiveSession::Conclude(const std::string& startFailure)
         mResult.outcome = Outcome::kFailed;
         mResult.failure = mRefusal;
     } else if (!startFailure.empty()) {
-        mResult.outcome = Outcome::kFailed;
+        // A sender that left before the endpoint started lost its link, as later.
+        mResult.outcome = mSenderGone ? Outcome::kLinkLost : Outcome::kFailed;
         mResult.failure = startFailure;
     } else if (mVerdict && !mVerdict->matched) {
         mResult.outcome = Outcome::kVerifyFailed;

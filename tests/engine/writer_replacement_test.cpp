@@ -46,6 +46,7 @@ TEST(WriterReplacement, RequestThatEmptiesPendingListDoesNotDeadlockWithABusyWri
     EXPECT_TRUE(request.Finish(20s));
     EXPECT_TRUE(hookDone.load());
     EXPECT_EQ(ReadBytes(dir.Join("cache/a.bin")), PatternBytes(10));
+    EXPECT_TRUE(fixture.listener.WaitForCount("onFileTransferCompleted", 1));
     EXPECT_EQ(fixture.listener.Count("onFileTransferCompleted"), 1u);
 }
 

@@ -358,10 +358,12 @@ void RecordingListener::onFileDataAck(uint32_t taskId, uint32_t transferId, uint
     e.taskId = taskId;
     e.transferId = transferId;
     e.result = result;
-    Record(std::move(e));
+    // The hook runs before the event is recorded, so a test that waits for the event also sees
+    // everything the hook stored.
     if (onFileDataAckHook) {
         onFileDataAckHook(taskId, transferId);
     }
+    Record(std::move(e));
 }
 
 void RecordingListener::onFileTransferCompleted(uint32_t taskId, uint32_t transferId, uint32_t result)
@@ -370,10 +372,12 @@ void RecordingListener::onFileTransferCompleted(uint32_t taskId, uint32_t transf
     e.taskId = taskId;
     e.transferId = transferId;
     e.result = result;
-    Record(std::move(e));
+    // The hook runs before the event is recorded, so a test that waits for the event also sees
+    // everything the hook stored.
     if (onFileTransferCompletedHook) {
         onFileTransferCompletedHook(taskId, transferId);
     }
+    Record(std::move(e));
 }
 
 void RecordingListener::onFileTransferCanceled(uint32_t taskId, uint32_t transferId, uint32_t result)
