@@ -26,6 +26,7 @@
 #include "ObserverRelay.h"
 #include "ReceiverSessionState.h"
 #include "ReceiverSlotTable.h"
+#include "RequestAhead.h"
 #include "RequestGate.h"
 #include "xferfm/host/JobCountingLooperFactory.h"
 #include "xferfm/host/ReceiverEndpoint.h"
@@ -109,7 +110,9 @@ private:
     // Waits for the oldest requested entry and puts it in place.
     bool settleOldest(const FileListEntry& entry, bool firstFile);
     bool settleDirectory(const FileListEntry& entry);
+    // `firstFile`: its RequestFile has run already (or is skipped).
     bool settleFile(const FileListEntry& entry, uint64_t expected, bool firstFile);
+    void landCompletedFront(const ParsedFileList& list);
     // Ends the session on every path: releases the engine, settles the
     // directories, removes the cache, tells the sender and the observer.
     void conclude(bool ok);
@@ -175,6 +178,8 @@ private:
     bool mAborting = false;
 
     size_t mPushedThrough = 0;  // session thread: entries below were pushed as pending downloads
+    bool mLandingFailed = false;  // session thread: an entry could not be put in place
+    detail::RequestAhead mAhead;  // session thread: how many entries are asked for ahead
 
     mutable std::mutex mMutex;             // guards everything below
     std::condition_variable mChanged;      // the session finished

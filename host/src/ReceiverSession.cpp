@@ -3,8 +3,9 @@
 // session.
 //
 // ENGINE CONTRACTS honoured here (the first file's wait is RequestGate's)
-// - Pipelining: entries are requested up to 32 ahead of the oldest one not
-//   yet in place (in bursts, refilled at half that), and put in place
+// - Pipelining: entries are requested ahead of the oldest one not yet in
+//   place, as far as RequestAhead sizes the window from the measured round
+//   trip (in bursts, refilled at half the window), and put in place
 //   strictly in list order, in batches (the session thread wakes once 8
 //   are complete, or when everything requested is). The sender streams
 //   one file at a time, so files arrive, are written and complete in list
@@ -20,7 +21,11 @@
 //     a lock barrier through the engine (a data call for an id no task
 //     has) has proved that RequestFile waits; nothing else is requested
 //     until it is in place. Otherwise the wipe could delete a file being
-//     received;
+//     received, and its waking would empty the pending list and replace
+//     the writer under the files in flight. It also keeps a failure of the
+//     second file (its source gone, say) from ending the session before
+//     the first is in place. This costs about two round trips a session;
+//     then the window fills;
 //   * every later file is complete (and its size checked) before its
 //     RequestFile runs, on the session thread: the call finds the file in
 //     the cache and returns at once ("direct copy");
@@ -50,12 +55,6 @@ using detail::RequestStart;
 
 namespace {
 
-// Entries requested ahead of the one being settled. Enough to keep the
-// sender busy across the request and announcement round trips of small
-// files, in bursts of half of it; the engine's per-file work stays one
-// file at a time regardless.
-constexpr size_t kRequestAhead = 32;
-
 FileDescription describe(const FileListEntry& entry)
 {
     FileDescription description;
@@ -71,7 +70,7 @@ FileDescription describe(const FileListEntry& entry)
 
 }  // namespace
 
-// Entries are requested up to kRequestAhead ahead of the oldest unsettled
+// Entries are requested up to the window ahead of the oldest unsettled
 // one and settled strictly in list order, so a directory always exists
 // before its children move in. The first file of the list is the
 // exception: its RequestFile wipes the cache, so it goes alone, with
@@ -91,11 +90,18 @@ void ReceiverEndpoint::Impl::runSession()
     size_t next = 0;
     size_t settled = 0;
     size_t firstFile = count;
+    size_t window = 0;
     while (ok && settled < count) {
+        const size_t previousWindow = window;
+        window = mAhead.Window();
+        if (window != previousWindow && mAhead.Delay()) {
+            HOST_LOG_D << "request window: " << window << " entries (request to completion "
+                       << std::chrono::duration_cast<std::chrono::microseconds>(*mAhead.Delay()).count() << " us)";
+        }
         // Requests go out in bursts (refilled at half the window), so the
         // threads on their way wake once per burst rather than per entry.
-        const bool refill = next - settled <= kRequestAhead / 2;
-        while (ok && refill && next < count && next - settled < kRequestAhead) {
+        const bool refill = next - settled <= window / 2;
+        while (ok && refill && next < count && next - settled < window) {
             const FileListEntry& entry = list.entries[next];
             if (!entry.isDirectory && !mGate->FirstPosted()) {
                 if (next != settled) {
@@ -112,7 +118,36 @@ void ReceiverEndpoint::Impl::runSession()
         ok = ok && settleOldest(list.entries[settled], settled == firstFile);
         ++settled;
     }
+    if (!ok && shared) {
+        landCompletedFront(list);
+    }
     conclude(ok);
+}
+
+// After a failure or a stop, the entries already complete at the front of
+// the list are put in place as usual, so what arrived before stays. The
+// engine is aborted next, so their RequestFile is skipped. Nothing is
+// retried after an entry that could not be put in place.
+void ReceiverEndpoint::Impl::landCompletedFront(const ParsedFileList& list)
+{
+    while (!mLandingFailed) {
+        size_t index = 0;
+        uint64_t expected = 0;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (mSlots.Empty() || !mSlots.Front().completed || mSlots.Front().index >= list.entries.size()) {
+                return;
+            }
+            index = mSlots.Front().index;
+            expected = mSlots.Front().fileSize;
+        }
+        const FileListEntry& entry = list.entries[index];
+        if (!(entry.isDirectory ? settleDirectory(entry) : settleFile(entry, expected, true))) {
+            return;
+        }
+        std::lock_guard<std::mutex> lock(mMutex);
+        mSlots.PopFront();
+    }
 }
 
 void ReceiverEndpoint::Impl::requestEntry(size_t index, const FileListEntry& entry)
@@ -194,9 +229,16 @@ bool ReceiverEndpoint::Impl::settleOldest(const FileListEntry& entry, bool first
         return false;
     }
     uint64_t expected = 0;
+    Clock::time_point requestedAt;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         expected = mSlots.Front().fileSize;  // as announced: the file may have changed since it was listed
+        requestedAt = mSlots.Front().requestedAt;
+    }
+    // The pace counts from the first file on: up to it, entries go alone.
+    if (!firstFile && mGate->FirstPosted()) {
+        const Clock::time_point now = Clock::now();
+        mAhead.Settled(now, now - requestedAt);
     }
     const bool ok = entry.isDirectory ? settleDirectory(entry) : settleFile(entry, expected, firstFile);
     if (ok) {
@@ -210,6 +252,7 @@ bool ReceiverEndpoint::Impl::settleDirectory(const FileListEntry& entry)
 {
     const LandingResult landed = mLanding.LandDirectory(entry);
     if (!landed.landed) {
+        mLandingFailed = true;
         fail(landed.failurePath, landed.failureMessage, false);
         return false;
     }
@@ -231,6 +274,7 @@ bool ReceiverEndpoint::Impl::settleFile(const FileListEntry& entry, uint64_t exp
     mode_t cachedMode = 0;
     const LandingResult checked = mLanding.CheckCachedFile(entry, expected, cachedMode);
     if (!checked.landed) {
+        mLandingFailed = true;
         fail(checked.failurePath, checked.failureMessage, false);
         return false;
     }
@@ -256,6 +300,7 @@ bool ReceiverEndpoint::Impl::settleFile(const FileListEntry& entry, uint64_t exp
     }
     const LandingResult landed = mLanding.LandFile(entry, cachedMode);
     if (!landed.landed) {
+        mLandingFailed = true;
         fail(landed.failurePath, landed.failureMessage, false);
         return false;
     }

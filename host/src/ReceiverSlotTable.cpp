@@ -13,6 +13,7 @@ void ReceiverSlotTable::Add(size_t index, uint32_t taskId, std::string name, boo
     slot.name = std::move(name);
     slot.isDirectory = isDirectory;
     slot.fileSize = fileSize;
+    slot.requestedAt = std::chrono::steady_clock::now();
     mSlots.push_back(std::move(slot));
 }
 

@@ -17,6 +17,7 @@
 // lock. Pointers it returns are valid until the next Add, PopFront or Clear.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -51,6 +52,7 @@ struct ReceiverSlot {
     uint64_t bytesWritten = 0;
     uint64_t chunksWritten = 0;
     uint64_t bytesReceived = 0;  // data the sender sent for it, written or not
+    std::chrono::steady_clock::time_point requestedAt;
 };
 
 // A FileAccept to send (with the window-0 acknowledgement where needed).

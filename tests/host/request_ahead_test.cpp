@@ -1,0 +1,114 @@
+// The receiver's request window on its own: it starts at its minimum,
+// grows each stretch while the window is what limits the pace, settles at
+// twice the entries the link keeps in flight (pace x request-to-completion
+// delay), falls back when files grow large, and stays within its bounds.
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+
+#include <gtest/gtest.h>
+
+#include "RequestAhead.h"
+
+namespace orin::xfer::host::detail {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = RequestAhead::Clock;
+
+// Settles `count` entries evenly over `span` from `from`, each `delay`
+// after its request; returns the end.
+Clock::time_point SettleEvenly(RequestAhead& ahead, Clock::time_point from, size_t count, Clock::duration span,
+                               Clock::duration delay)
+{
+    for (size_t i = 1; i <= count; ++i) {
+        ahead.Settled(from + span * static_cast<long>(i) / static_cast<long>(count), delay);
+    }
+    return from + span;
+}
+
+TEST(RequestAheadTest, BeforeAnythingSettlesTheWindowIsTheInitialOne)
+{
+    RequestAhead ahead;
+    EXPECT_EQ(ahead.Window(), std::min(RequestAhead::kInitial, ahead.Maximum()));
+    EXPECT_FALSE(ahead.Delay().has_value());
+}
+
+TEST(RequestAheadTest, TheDelayIsTheShortestSeenFromRequestToCompletion)
+{
+    RequestAhead ahead;
+    Clock::time_point now{};
+    ahead.Settled(now += 1ms, 90ms);
+    ahead.Settled(now += 1ms, 80ms);
+    ahead.Settled(now += 1ms, 120ms);
+    ASSERT_TRUE(ahead.Delay().has_value());
+    EXPECT_EQ(*ahead.Delay(), Clock::duration(80ms));
+}
+
+TEST(RequestAheadTest, AWindowThatLimitsThePaceGrowsEachStretch)
+{
+    RequestAhead ahead;
+    Clock::time_point now{};
+    ahead.Settled(now, 80ms);  // the first settle starts the clock
+    // A stretch at the minimum's pace first (a large file, say).
+    for (size_t stretch = 0; stretch < RequestAhead::kStretches; ++stretch) {
+        now = SettleEvenly(ahead, now, RequestAhead::kMinimum / 2, 80ms, 80ms);
+    }
+    ASSERT_EQ(ahead.Window(), RequestAhead::kMinimum);
+    size_t before = ahead.Window();
+    for (int stretch = 0; stretch < 3; ++stretch) {
+        // Three quarters of the window settles per delay: the requests go out in bursts.
+        now = SettleEvenly(ahead, now, ahead.Window() * 3 / 4, 80ms, 80ms);
+        EXPECT_EQ(ahead.Window(), std::min(before * 3 / 2, ahead.Maximum()));
+        before = ahead.Window();
+    }
+}
+
+TEST(RequestAheadTest, ALinkBoundPaceHoldsTheWindowAtTwiceTheEntriesInFlight)
+{
+    RequestAhead ahead;
+    Clock::time_point now{};
+    ahead.Settled(now, 80ms);
+    // 2,400 entries a second (4 KiB files at about 80 Mbit/s), 80 ms from request to completion: 192 in flight.
+    for (int stretch = 0; stretch < 5; ++stretch) {
+        now = SettleEvenly(ahead, now, 192, 80ms, 80ms);
+    }
+    EXPECT_EQ(ahead.Window(), std::min<size_t>(384, ahead.Maximum()));
+}
+
+TEST(RequestAheadTest, ABurstyPaceKeepsTheWindowOfItsBestRecentStretch)
+{
+    RequestAhead ahead;
+    Clock::time_point now{};
+    ahead.Settled(now, 80ms);
+    now = SettleEvenly(ahead, now, 100, 80ms, 80ms);
+    EXPECT_EQ(ahead.Window(), std::min<size_t>(200, ahead.Maximum()));
+    now = SettleEvenly(ahead, now, 1, 80ms, 80ms);  // a stretch spent waiting for the next burst
+    EXPECT_EQ(ahead.Window(), std::min<size_t>(200, ahead.Maximum()));
+}
+
+TEST(RequestAheadTest, LargeFilesBringTheWindowBackToItsMinimum)
+{
+    RequestAhead ahead;
+    Clock::time_point now{};
+    ahead.Settled(now, 2ms);
+    now = SettleEvenly(ahead, now, 2000, 10ms, 2ms);
+    EXPECT_GT(ahead.Window(), RequestAhead::kMinimum);
+    // Then one file a second: the window holds for a few stretches, then falls.
+    SettleEvenly(ahead, now, RequestAhead::kStretches + 1, std::chrono::seconds(RequestAhead::kStretches + 1), 1s);
+    EXPECT_EQ(ahead.Window(), RequestAhead::kMinimum);
+}
+
+TEST(RequestAheadTest, TheWindowNeverPassesItsMaximum)
+{
+    RequestAhead ahead;
+    EXPECT_GE(ahead.Maximum(), RequestAhead::kMinimum);
+    EXPECT_LE(ahead.Maximum(), RequestAhead::kCeiling);
+    Clock::time_point now{};
+    ahead.Settled(now, 100ms);
+    SettleEvenly(ahead, now, 100000, 100ms, 100ms);
+    EXPECT_EQ(ahead.Window(), ahead.Maximum());
+}
+
+}  // namespace
+}  // namespace orin::xfer::host::detail
