@@ -35,22 +35,18 @@ void RequestAhead::Settled(Clock::time_point now, Clock::duration sinceRequest)
         return;
     }
     ++mSettledInStretch;
-    mDelayInStretch += sinceRequest;
     if (now - *mStretchStart < *mDelay) {
         return;
     }
-    // Entries in flight in this stretch: its pace x its mean delay.
-    const double meanDelay =
-        std::chrono::duration<double>(mDelayInStretch).count() / static_cast<double>(mSettledInStretch);
-    const double inFlight = static_cast<double>(mSettledInStretch) * meanDelay /
+    // Entries the pipeline holds at this stretch's pace: pace x delay.
+    const double inFlight = static_cast<double>(mSettledInStretch) * std::chrono::duration<double>(*mDelay).count() /
                             std::chrono::duration<double>(now - *mStretchStart).count();
-    const double wanted = std::ceil(2.0 * inFlight);
+    const double wanted = std::ceil(kHeadroom * inFlight);
     mWanted[mStretchCount++ % kStretches] = static_cast<size_t>(std::min(wanted, static_cast<double>(mMaximum)));
     const size_t best = *std::max_element(mWanted.begin(), mWanted.end());
     mWindow = std::clamp<size_t>(best, kMinimum, mMaximum);
     mStretchStart = now;
     mSettledInStretch = 0;
-    mDelayInStretch = Clock::duration::zero();
 }
 
 }  // namespace orin::xfer::host::detail

@@ -1,31 +1,30 @@
 // How far ahead of the oldest unsettled entry the receiving endpoint asks
 // for entries (ReceiverSession.cpp).
 //
-// Why it is measured, not fixed: an entry is complete two round trips and
-// its data's time after it was asked for (request, announcement,
+// Why it is measured, not fixed: an entry is complete some round trips
+// and its data's time after it was asked for (request, announcement,
 // acceptance, data). To keep the link busy with small files, the entries
 // asked for must cover the pace at which entries complete times that
 // delay (Little's law): on a 40 ms, 100 Mbit/s link about 2,300 files of
-// 4 KiB a second, 80 ms apart, so about 190 of them; on a local pipe a
-// handful. The window is twice that product, which also lets it grow:
-// while the window itself is what limits the pace, doubling the product
-// grows the window each stretch; once the link or the disk is the limit,
-// it holds at twice theirs.
+// 4 KiB a second, 40 ms apart at the least, so about 100 of them; in one
+// process, a handful. A window larger than needed is not free: the
+// engine looks each data message's task up in a list as long as the
+// files in flight.
 //
-// - A stretch lasts at least the shortest delay seen from an entry's
-//   request to its completion (the pipeline's own latency). Its pace is
-//   the entries it settled per second, its delay their mean time from
-//   request to completion, their product the entries it kept in flight.
-// - Entries settle in bursts (requests go out in bursts), so one stretch
-//   may see almost none: the window follows the best of the last
-//   kStretches stretches, and falls back when files grow large.
-// - Where the link queues, the mean delay grows with the window; the
-//   maximum is then what bounds it.
+// - The delay is the shortest time seen from an entry's request to its
+//   completion: the pipeline's own latency, with the least queueing.
+// - A stretch lasts at least that delay; its pace is the entries it
+//   settled per second. The window is kHeadroom x pace x delay: requests
+//   go out in bursts (refilled at half the window), and an entry waits
+//   a few delays while the window is what limits the pace, so a smaller
+//   factor would not let it grow.
+// - Entries settle in bursts, so one stretch may see almost none: the
+//   window follows the best of the last kStretches stretches, and falls
+//   back when files grow large.
 // - The window starts at kInitial and stays within [kMinimum, a maximum]:
-//   each announced file
-//   holds an open cache file in the engine until it completes, so the
-//   maximum is 1024 or a quarter of the process's descriptor limit,
-//   whichever is lower.
+//   each announced file holds an open cache file in the engine until it
+//   completes, so the maximum is 1024 or a quarter of the process's
+//   descriptor limit, whichever is lower.
 //
 // THREADING CONTRACT: none of its own; the session thread alone uses it.
 #pragma once
@@ -48,6 +47,7 @@ public:
     static constexpr size_t kInitial = 256;
     static constexpr size_t kCeiling = 1024;
     static constexpr size_t kStretches = 8;
+    static constexpr double kHeadroom = 4.0;
 
     RequestAhead();
 
@@ -65,7 +65,6 @@ private:
     std::optional<Clock::duration> mDelay;
     std::optional<Clock::time_point> mStretchStart;
     size_t mSettledInStretch = 0;
-    Clock::duration mDelayInStretch{};
     std::array<size_t, kStretches> mWanted{};  // per stretch, the last kStretches, oldest overwritten
     size_t mStretchCount = 0;
 };

@@ -1,7 +1,8 @@
-// The receiver's request window on its own: it starts at its minimum,
-// grows each stretch while the window is what limits the pace, settles at
-// twice the entries the link keeps in flight (pace x request-to-completion
-// delay), falls back when files grow large, and stays within its bounds.
+// The receiver's request window on its own: it starts at its initial size,
+// grows each stretch while the window is what limits the pace, holds at
+// four times the entries the link keeps in flight (pace x shortest
+// request-to-completion delay), falls back when files grow large, and
+// stays within its bounds.
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
@@ -50,28 +51,29 @@ TEST(RequestAheadTest, AWindowThatLimitsThePaceGrowsEachStretch)
     RequestAhead ahead;
     Clock::time_point now{};
     ahead.Settled(now, 80ms);  // the first settle starts the clock
-    // A stretch at the minimum's pace first (a large file, say).
+    // Stretches at the minimum's pace first (large files, say).
     for (size_t stretch = 0; stretch < RequestAhead::kStretches; ++stretch) {
-        now = SettleEvenly(ahead, now, RequestAhead::kMinimum / 2, 80ms, 80ms);
+        now = SettleEvenly(ahead, now, RequestAhead::kMinimum / 4, 80ms, 80ms);
     }
     ASSERT_EQ(ahead.Window(), RequestAhead::kMinimum);
     size_t before = ahead.Window();
     for (int stretch = 0; stretch < 3; ++stretch) {
-        // Three quarters of the window settles per delay: the requests go out in bursts.
-        now = SettleEvenly(ahead, now, ahead.Window() * 3 / 4, 80ms, 80ms);
-        EXPECT_EQ(ahead.Window(), std::min(before * 3 / 2, ahead.Maximum()));
+        // Half the window settles per delay: the requests go out in bursts.
+        now = SettleEvenly(ahead, now, ahead.Window() / 2, 80ms, 80ms);
+        EXPECT_EQ(ahead.Window(), std::min(before * 2, ahead.Maximum()));
         before = ahead.Window();
     }
 }
 
-TEST(RequestAheadTest, ALinkBoundPaceHoldsTheWindowAtTwiceTheEntriesInFlight)
+TEST(RequestAheadTest, ALinkBoundPaceHoldsTheWindowAtFourTimesTheEntriesInFlight)
 {
     RequestAhead ahead;
     Clock::time_point now{};
-    ahead.Settled(now, 80ms);
-    // 2,400 entries a second (4 KiB files at about 80 Mbit/s), 80 ms from request to completion: 192 in flight.
+    ahead.Settled(now, 40ms);  // starts the clock
+    // 2,400 entries a second (4 KiB files at about 80 Mbit/s), 40 ms from request to completion at the least:
+    // 96 in flight.
     for (int stretch = 0; stretch < 5; ++stretch) {
-        now = SettleEvenly(ahead, now, 192, 80ms, 80ms);
+        now = SettleEvenly(ahead, now, 96, 40ms, 60ms);
     }
     EXPECT_EQ(ahead.Window(), std::min<size_t>(384, ahead.Maximum()));
 }
@@ -82,9 +84,9 @@ TEST(RequestAheadTest, ABurstyPaceKeepsTheWindowOfItsBestRecentStretch)
     Clock::time_point now{};
     ahead.Settled(now, 80ms);
     now = SettleEvenly(ahead, now, 100, 80ms, 80ms);
-    EXPECT_EQ(ahead.Window(), std::min<size_t>(200, ahead.Maximum()));
+    EXPECT_EQ(ahead.Window(), std::min<size_t>(400, ahead.Maximum()));
     now = SettleEvenly(ahead, now, 1, 80ms, 80ms);  // a stretch spent waiting for the next burst
-    EXPECT_EQ(ahead.Window(), std::min<size_t>(200, ahead.Maximum()));
+    EXPECT_EQ(ahead.Window(), std::min<size_t>(400, ahead.Maximum()));
 }
 
 TEST(RequestAheadTest, LargeFilesBringTheWindowBackToItsMinimum)
