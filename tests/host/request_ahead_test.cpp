@@ -17,16 +17,21 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = RequestAhead::Clock;
 
-// Settles `count` entries evenly over `span` from `from`, each `delay`
-// after its request; returns the end.
-Clock::time_point SettleEvenly(RequestAhead& ahead, Clock::time_point from, size_t count, Clock::duration span,
-                               Clock::duration delay)
-{
-    for (size_t i = 1; i <= count; ++i) {
-        ahead.Settled(from + span * static_cast<long>(i) / static_cast<long>(count), delay);
+// A window whose clock was started by one entry settled `delay` after its
+// request, and the time it has reached.
+struct Settling {
+    explicit Settling(Clock::duration delay) { ahead.Settled(now, delay); }
+    // Settles `count` entries evenly over the next `span`, each `delay` after its request.
+    void Settle(size_t count, Clock::duration span, Clock::duration delay)
+    {
+        for (size_t i = 1; i <= count; ++i) {
+            ahead.Settled(now + span * static_cast<long>(i) / static_cast<long>(count), delay);
+        }
+        now += span;
     }
-    return from + span;
-}
+    RequestAhead ahead;
+    Clock::time_point now{};
+};
 
 TEST(RequestAheadTest, BeforeAnythingSettlesTheWindowIsTheInitialOne)
 {
@@ -48,18 +53,17 @@ TEST(RequestAheadTest, TheDelayIsTheShortestSeenFromRequestToCompletion)
 
 TEST(RequestAheadTest, AWindowThatLimitsThePaceGrowsEachStretch)
 {
-    RequestAhead ahead;
-    Clock::time_point now{};
-    ahead.Settled(now, 80ms);  // the first settle starts the clock
+    Settling run(80ms);
+    RequestAhead& ahead = run.ahead;
     // Stretches at the minimum's pace first (large files, say).
     for (size_t stretch = 0; stretch < RequestAhead::kStretches; ++stretch) {
-        now = SettleEvenly(ahead, now, RequestAhead::kMinimum / 4, 80ms, 80ms);
+        run.Settle(RequestAhead::kMinimum / 4, 80ms, 80ms);
     }
     ASSERT_EQ(ahead.Window(), RequestAhead::kMinimum);
     size_t before = ahead.Window();
     for (int stretch = 0; stretch < 3; ++stretch) {
         // Half the window settles per delay: the requests go out in bursts.
-        now = SettleEvenly(ahead, now, ahead.Window() / 2, 80ms, 80ms);
+        run.Settle(ahead.Window() / 2, 80ms, 80ms);
         EXPECT_EQ(ahead.Window(), std::min(before * 2, ahead.Maximum()));
         before = ahead.Window();
     }
@@ -67,49 +71,44 @@ TEST(RequestAheadTest, AWindowThatLimitsThePaceGrowsEachStretch)
 
 TEST(RequestAheadTest, ALinkBoundPaceHoldsTheWindowAtFourTimesTheEntriesInFlight)
 {
-    RequestAhead ahead;
-    Clock::time_point now{};
-    ahead.Settled(now, 40ms);  // starts the clock
+    Settling run(40ms);
+    RequestAhead& ahead = run.ahead;
     // 2,400 entries a second (4 KiB files at about 80 Mbit/s), 40 ms from request to completion at the least:
     // 96 in flight.
     for (int stretch = 0; stretch < 5; ++stretch) {
-        now = SettleEvenly(ahead, now, 96, 40ms, 60ms);
+        run.Settle(96, 40ms, 60ms);
     }
     EXPECT_EQ(ahead.Window(), std::min<size_t>(384, ahead.Maximum()));
 }
 
 TEST(RequestAheadTest, ABurstyPaceKeepsTheWindowOfItsBestRecentStretch)
 {
-    RequestAhead ahead;
-    Clock::time_point now{};
-    ahead.Settled(now, 80ms);
-    now = SettleEvenly(ahead, now, 100, 80ms, 80ms);
+    Settling run(80ms);
+    RequestAhead& ahead = run.ahead;
+    run.Settle(100, 80ms, 80ms);
     EXPECT_EQ(ahead.Window(), std::min<size_t>(400, ahead.Maximum()));
-    now = SettleEvenly(ahead, now, 1, 80ms, 80ms);  // a stretch spent waiting for the next burst
+    run.Settle(1, 80ms, 80ms);  // a stretch spent waiting for the next burst
     EXPECT_EQ(ahead.Window(), std::min<size_t>(400, ahead.Maximum()));
 }
 
 TEST(RequestAheadTest, LargeFilesBringTheWindowBackToItsMinimum)
 {
-    RequestAhead ahead;
-    Clock::time_point now{};
-    ahead.Settled(now, 2ms);
-    now = SettleEvenly(ahead, now, 2000, 10ms, 2ms);
+    Settling run(2ms);
+    RequestAhead& ahead = run.ahead;
+    run.Settle(2000, 10ms, 2ms);
     EXPECT_GT(ahead.Window(), RequestAhead::kMinimum);
     // Then one file a second: the window holds for a few stretches, then falls.
-    SettleEvenly(ahead, now, RequestAhead::kStretches + 1, std::chrono::seconds(RequestAhead::kStretches + 1), 1s);
+    run.Settle(RequestAhead::kStretches + 1, std::chrono::seconds(RequestAhead::kStretches + 1), 1s);
     EXPECT_EQ(ahead.Window(), RequestAhead::kMinimum);
 }
 
 TEST(RequestAheadTest, TheWindowNeverPassesItsMaximum)
 {
-    RequestAhead ahead;
-    EXPECT_GE(ahead.Maximum(), RequestAhead::kMinimum);
-    EXPECT_LE(ahead.Maximum(), RequestAhead::kCeiling);
-    Clock::time_point now{};
-    ahead.Settled(now, 100ms);
-    SettleEvenly(ahead, now, 100000, 100ms, 100ms);
-    EXPECT_EQ(ahead.Window(), ahead.Maximum());
+    Settling run(100ms);
+    EXPECT_GE(run.ahead.Maximum(), RequestAhead::kMinimum);
+    EXPECT_LE(run.ahead.Maximum(), RequestAhead::kCeiling);
+    run.Settle(100000, 100ms, 100ms);
+    EXPECT_EQ(run.ahead.Window(), run.ahead.Maximum());
 }
 
 }  // namespace
