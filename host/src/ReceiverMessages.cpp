@@ -190,8 +190,8 @@ void ReceiverEndpoint::Impl::handle(FileListMessage& list)
                 observer.OnNameRefused(refusal.index, refusal.name, refusal.reason);
             });
         }
-        for (const auto& [name, mapped] : named.mapped) {
-            mObserver.Notify([&](ReceiverObserver& observer) { observer.OnNameMapped(name, mapped); });
+        for (const auto& mapping : named.mapped) {
+            mObserver.Notify([&](ReceiverObserver& observer) { observer.OnNameMapped(mapping.first, mapping.second); });
         }
     }
     size_t entries = 0;
