@@ -128,12 +128,8 @@ private:
         ++mAt;
         read.empty = peek('}');
         while (!read.empty) {
-            skipSpace();
-            if (mAt >= mText.size() || mText[mAt] != '"') {
-                return syntax("a key expected", error);
-            }
             std::string key;
-            if (!readString(key, error) || !take(':', error)) {
+            if (!readKey(key, error)) {
                 return false;
             }
             size_t known = 0;
@@ -263,12 +259,8 @@ private:
             return true;
         }
         while (true) {
-            skipSpace();
-            if (mAt >= mText.size() || mText[mAt] != '"') {
-                return syntax("a key expected", error);
-            }
             std::string key;
-            if (!readString(key, error) || !take(':', error)) {
+            if (!readKey(key, error)) {
                 return false;
             }
             const bool list = key == "fileList";

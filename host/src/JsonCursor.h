@@ -164,6 +164,16 @@ protected:
         }
     }
 
+    // An object's key and the ':' after it.
+    bool readKey(std::string& key, std::string& error)
+    {
+        skipSpace();
+        if (mAt >= mText.size() || mText[mAt] != '"') {
+            return syntax("a key expected", error);
+        }
+        return readString(key, error) && take(':', error);
+    }
+
     // At a '"'; leaves mAt after the closing quote.
     bool readString(std::string& out, std::string& error)
     {

@@ -7,6 +7,7 @@
 #include <regex>
 #include <set>
 
+#include "ShellCommand.h"
 #include "ToolExitCodes.h"
 #include "ToolRunner.h"
 #include "TreeBuilders.h"
@@ -27,21 +28,7 @@ std::string sourceRoot()
     return path;
 }
 
-std::string runShell(const std::string& command)
-{
-    std::string output;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return output;
-    }
-    char buffer[4096];
-    size_t got = 0;
-    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        output.append(buffer, got);
-    }
-    ::pclose(pipe);
-    return output;
-}
+std::string runShell(const std::string& command) { return RunShell(command).out; }
 
 // "-p", "--preserve-perms", ... as the command's --help lists them.
 std::set<std::string> optionsInHelp(const std::vector<std::string>& command)

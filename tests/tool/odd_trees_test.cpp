@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ShellCommand.h"
 #include "TestSupport.h"
 #include "ToolExitCodes.h"
 #include "ToolRunner.h"
@@ -79,18 +80,10 @@ protected:
         }
         const std::string errFile = work.Join("stderr.txt");
         command += " 2>" + quoted(errFile);
+        const ShellResult shell = RunShell(command);
         ToolResult result;
-        FILE* pipe = ::popen(command.c_str(), "r");
-        if (pipe == nullptr) {
-            return result;
-        }
-        char buffer[4096];
-        size_t got = 0;
-        while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-            result.out.append(buffer, got);
-        }
-        const int status = ::pclose(pipe);
-        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.out = shell.out;
+        result.exitCode = shell.exitCode;
         result.err = exists(errFile) ? readTextFile(errFile) : "";
         return result;
     }

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "RemoteCommand.h"
+#include "ShellCommand.h"
 #include "ToolError.h"
 
 namespace xferfm::cli {
@@ -26,19 +27,7 @@ ExitCode codeOf(const std::function<void()>& action)
 // What a real shell makes of `line`: each word on a line of its own.
 std::string shellWords(const std::string& line)
 {
-    const std::string command = "sh -c 'for w in \"$@\"; do printf \"<%s>\\n\" \"$w\"; done' words " + line;
-    std::string output;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return output;
-    }
-    char buffer[4096];
-    size_t got = 0;
-    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        output.append(buffer, got);
-    }
-    ::pclose(pipe);
-    return output;
+    return orin::xfer::test::RunShell("sh -c 'for w in \"$@\"; do printf \"<%s>\\n\" \"$w\"; done' words " + line).out;
 }
 
 TEST(RshWords, BlanksSeparateWords)

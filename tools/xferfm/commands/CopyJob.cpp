@@ -16,6 +16,7 @@
 #include "DestinationDir.h"
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
+#include "ReceivingProgress.h"
 #include "ToolError.h"
 #include "xferfm/host/TreeRemoval.h"
 #include "xferfm/host/InProcessTransport.h"
@@ -36,36 +37,17 @@ struct Failure {
 
 // What the receiving side reports: progress for the renderer, where each
 // entry landed, and the first failure.
-class ReceiverReport final : public host::ReceiverObserver {
+class ReceiverReport final : public ReceivingProgress {
 public:
     // `fileLine`, when set, hears "copied SOURCE -> FINAL" per file (-v).
     ReceiverReport(ProgressTracker& tracker, std::function<void(const std::string&)> fileLine)
-        : mTracker(tracker), mFileLine(std::move(fileLine))
+        : ReceivingProgress(tracker), mFileLine(std::move(fileLine))
     {
     }
 
-    // The receiver asks for the next file before the current one is
-    // written, so OnFileStarted runs ahead of the data: the file being
-    // written is the one progress is reported for. Callbacks never overlap,
-    // so mWriting needs no lock.
-    void OnFileStarted(const std::string& name, uint64_t) override
-    {
-        if (mWriting.empty()) {
-            mWriting = name;
-            mTracker.fileStarted(name);
-        }
-    }
-    void OnProgress(const std::string& name, uint64_t, uint64_t, uint64_t totalBytesDone, uint64_t) override
-    {
-        if (name != mWriting) {
-            mWriting = name;
-            mTracker.fileStarted(name);
-        }
-        mTracker.setBytesDone(totalBytesDone);
-    }
     void OnFileCompleted(const std::string& name, const std::string& finalPath) override
     {
-        mTracker.fileCompleted();
+        Tracker().fileCompleted();
         record(name, finalPath);
         if (mFileLine) {
             mFileLine(name + " -> " + finalPath);
@@ -101,9 +83,7 @@ private:
         mFinalPaths[name] = finalPath;
     }
 
-    ProgressTracker& mTracker;
     const std::function<void(const std::string&)> mFileLine;
-    std::string mWriting;  // the file the last progress was for
     mutable std::mutex mMutex;
     std::map<std::string, std::string> mFinalPaths;
     std::optional<Failure> mFailure;

@@ -12,6 +12,7 @@
 #include "PlanSending.h"
 #include "ProgressRenderer.h"
 #include "ProgressTracker.h"
+#include "ReceivingProgress.h"
 #include "RemoteLink.h"
 #include "ServeReport.h"
 #include "SourcePlan.h"
@@ -108,32 +109,13 @@ int push(const CopyOptions& options, const CopyEnds& ends, ToolContext& context)
 // What the receiving endpoint reports, for the progress line. The totals
 // are known once the far side's list is in; it counts entries, so a
 // directory that lands counts as one done, as a file does.
-class PullProgress final : public host::ReceiverObserver {
+class PullProgress final : public ReceivingProgress {
 public:
-    explicit PullProgress(ProgressTracker& tracker) : mTracker(tracker) {}
+    using ReceivingProgress::ReceivingProgress;
 
-    void OnListReceived(size_t entryCount, uint64_t totalBytes) override { mTracker.start(totalBytes, entryCount); }
-    void OnFileStarted(const std::string& name, uint64_t) override
-    {
-        if (mWriting.empty()) {
-            mWriting = name;
-            mTracker.fileStarted(name);
-        }
-    }
-    void OnProgress(const std::string& name, uint64_t, uint64_t, uint64_t totalBytesDone, uint64_t) override
-    {
-        if (name != mWriting) {
-            mWriting = name;
-            mTracker.fileStarted(name);
-        }
-        mTracker.setBytesDone(totalBytesDone);
-    }
-    void OnFileCompleted(const std::string&, const std::string&) override { mTracker.fileCompleted(); }
-    void OnDirectoryCreated(const std::string&, const std::string&) override { mTracker.fileCompleted(); }
-
-private:
-    ProgressTracker& mTracker;
-    std::string mWriting;  // calls are serialised: no lock
+    void OnListReceived(size_t entryCount, uint64_t totalBytes) override { Tracker().start(totalBytes, entryCount); }
+    void OnFileCompleted(const std::string&, const std::string&) override { Tracker().fileCompleted(); }
+    void OnDirectoryCreated(const std::string&, const std::string&) override { Tracker().fileCompleted(); }
 };
 
 // Names each entry of the far side's list that the name guard refuses, as
