@@ -21,6 +21,7 @@
 #include "ServeProcess.h"
 #include "ToolExitCodes.h"
 #include "ToolRunner.h"
+#include "TreeCompare.h"
 
 namespace orin::xfer::test {
 namespace {
@@ -81,10 +82,7 @@ bool MakeTree(const std::string& root, size_t count)
 // when the copy is whole, else the first problem.
 std::string CopyProblem(const std::string& root, size_t count)
 {
-    size_t files = 0;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator(); ++it) {
-        files += it->is_regular_file() ? 1 : 0;
-    }
+    const size_t files = FilesUnder(root);
     if (files != count) {
         return std::to_string(files) + " files arrived of " + std::to_string(count);
     }

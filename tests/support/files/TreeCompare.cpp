@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -195,6 +196,18 @@ std::vector<std::string> LeftoverCaches(const std::string& root)
         }
     }
     return found;
+}
+
+size_t FilesUnder(const std::string& root)
+{
+    size_t count = 0;
+    std::error_code error;
+    for (auto it = std::filesystem::recursive_directory_iterator(root, error);
+         !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
+        std::error_code vanished;
+        count += it->is_regular_file(vanished) ? 1 : 0;
+    }
+    return count;
 }
 
 uint64_t BytesUnder(const std::string& root)

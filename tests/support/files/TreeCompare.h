@@ -48,6 +48,10 @@ std::vector<std::string> LeftoverCaches(const std::string& root);
 // Bytes in regular files anywhere under `root` (0 when it does not exist).
 uint64_t BytesUnder(const std::string& root);
 
+// Regular files anywhere under `root` (0 when it does not exist); entries
+// that vanish while it is read (a cache being removed) are not counted.
+size_t FilesUnder(const std::string& root);
+
 // Sorted names directly inside `directory` (none when it cannot be read).
 std::vector<std::string> NamesIn(const std::string& directory);
 
