@@ -4,8 +4,9 @@
 //
 // ENGINE CONTRACTS honoured here (the first file's wait is RequestGate's)
 // - Pipelining: entries are requested ahead of the oldest one not yet in
-//   place, as far as RequestAhead sizes the window from the measured round
-//   trip (in bursts, refilled at half the window), and put in place
+//   place, as far as RequestAhead sizes the window from the measured pace
+//   and request-to-completion delay (in bursts, refilled at half the
+//   window), and put in place
 //   strictly in list order, in batches (the session thread wakes once 8
 //   are complete, or when everything requested is). The sender streams
 //   one file at a time, so files arrive, are written and complete in list
